@@ -1,0 +1,130 @@
+// The common data shared by every feature SM of one agent, and the frame every SM and platform
+// helper is built on: base classes, the initialized handshake and failure reporting.
+#pragma once
+
+#include <source_location>
+#include <string_view>
+
+#include "Zol/Activity.h"
+#include "Zol/Trace.h"
+#include "ZolGen/VemoCommon.h"
+
+namespace Vemo {
+
+// Writes the message and a newline to stderr, then aborts through the C library's assertion
+// failure. There is no recovery path inside the library.
+[[noreturn]] void vemoAssert(Zol::String const& message,
+                             std::source_location where = std::source_location::current());
+
+// Builds the common data: collections empty, scalars at their defaults, the verification store
+// "verify" and its SM in place, and initialized true before it returns.
+Zol::Ptr<VemoCommonSmData> vemoCommonSmDataFactory(Zol::Name const& name);
+
+// Base of every synchronous feature SM. The factory constructs the SM (reactors on its inputs, no
+// helper call yet); whoever owns it then calls initializedIs(true), which runs handleInitialized(),
+// the first full pass over the inputs.
+class VemoBaseSm : public Zol::PtrInterface {
+ public:
+  explicit VemoBaseSm(Zol::Ptr<VemoCommonSmData> const& commonData);
+
+  // Switches the SM's reactions off and on (the SM's handlers test hasNotificationActive()).
+  virtual void hasNotificationActiveIs(bool active) { hasNotificationActive_ = active; }
+  virtual std::string_view fwkType() const { return "Vemo::VemoBaseSm"; }
+  ~VemoBaseSm() override;
+  // The first full pass over the inputs; runs on every change of initialized.
+  virtual void handleInitialized() {}
+  // Does nothing when v equals the stored value; otherwise stores it and runs handleInitialized().
+  virtual void initializedIs(bool v);
+  // Called when the owner is dying, so that the SM's reactors stop acting.
+  virtual void zolDoZombieReactors(bool zombie) { zombie_ = zombie; }
+
+  Zol::Ptr<VemoCommonSmData> const& commonData() const { return commonData_; }
+  bool initialized() const { return initialized_; }
+  bool hasNotificationActive() const { return hasNotificationActive_ && !zombie_; }
+  [[noreturn]] void vemoAssert(Zol::String const& message,
+                               std::source_location where = std::source_location::current()) const {
+    Vemo::vemoAssert(message, where);
+  }
+
+ private:
+  Zol::Ptr<VemoCommonSmData> commonData_;
+  bool initialized_ = false;
+  bool hasNotificationActive_ = true;
+  bool zombie_ = false;
+};
+
+// Base of SMs whose hardware operations complete later: the helper publishes each result in its
+// asyncOperationResult, and a pending operation that sees no result in time times out.
+class VemoAsyncBaseSm : public VemoBaseSm {
+ public:
+  VemoAsyncBaseSm(Zol::Ptr<VemoCommonSmData> const& commonData,
+                  Zol::Ptr<VemoAsyncBaseHelper> const& helper);
+  ~VemoAsyncBaseSm() override;
+  std::string_view fwkType() const override { return "Vemo::VemoAsyncBaseSm"; }
+
+  AsyncOperationState asyncState() const { return asyncState_; }
+  void asyncStateIs(AsyncOperationState s) { asyncState_ = s; }
+  Zol::String const& error() const { return error_; }
+  void errorIs(Zol::String const& e) { error_ = e; }
+  Zol::Seconds pendingOperationTimeout() const { return pendingOperationTimeout_; }
+  void pendingOperationTimeoutIs(Zol::Seconds t) { pendingOperationTimeout_ = t; }
+  Zol::Clock& pendingOperationTimeoutClock() { return pendingOperationTimeoutClock_; }
+  Zol::Clock& tcamRequestClock() { return tcamRequestClock_; }
+  Zol::Ptr<VemoAsyncBaseHelper> const& asyncHelper() const { return helper_; }
+
+  // An operation was handed to the helper: pending until its result or its timeout.
+  void asyncOperationStarted();
+
+  // tcamRequestClock fired.
+  virtual void processTcamRequestQueue() {}
+  // No result came within pendingOperationTimeout.
+  virtual void handlePendingOperationTimeout();
+  // The helper published a result; every asynchronous SM overrides this.
+  virtual void handleAsyncOperationResult();
+
+ private:
+  class HelperReactor : public VemoAsyncBaseHelper::NotifieeConst {
+   public:
+    explicit HelperReactor(VemoAsyncBaseSm* sm) : sm_(sm) {}
+    void onAsyncOperationResult() override;
+
+   private:
+    VemoAsyncBaseSm* sm_;
+  };
+
+  Zol::Ptr<VemoAsyncBaseHelper> helper_;
+  AsyncOperationState asyncState_ = AsyncOperationState::asyncOperationIdle;
+  Zol::String error_;
+  Zol::Seconds pendingOperationTimeout_ = 60;
+  Zol::Clock pendingOperationTimeoutClock_;
+  Zol::Clock tcamRequestClock_;
+  HelperReactor helperReactor_{this};
+};
+
+// Serves the common data's verification store: notes which request is being served, so that the
+// SMs' mismatch reports are filed under it, and marks the request completed once every SM has
+// had its pass.
+class VerifySm : public Zol::PtrInterface {
+ public:
+  explicit VerifySm(Zol::Ptr<VerifyData> const& verifyData);
+
+ private:
+  class Reactor : public VerifyData::NotifieeConst {
+   public:
+    explicit Reactor(VerifySm* sm) : sm_(sm) {}
+    void onVerify(Zol::String const& request) override { sm_->handleRequest(request, false); }
+    void onReverify(Zol::String const& request) override { sm_->handleRequest(request, true); }
+
+   private:
+    VerifySm* sm_;
+  };
+  void handleRequest(Zol::String const& request, bool retry);
+  void handleCompleted();
+
+  Zol::Ptr<VerifyData> verifyData_;
+  Reactor reactor_{this};
+  std::vector<std::pair<Zol::String, bool>> serving_;
+  Zol::Clock completedClock_;
+};
+
+}  // namespace Vemo

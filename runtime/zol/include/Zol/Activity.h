@@ -1,0 +1,159 @@
+// The activity loop: one per agent thread. It delivers deferred notifications in passes, runs
+// due timers, and owns the only reading of time (real monotonic or simulated).
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <limits>
+#include <vector>
+
+#include "Zol/Types.h"
+
+namespace Zol {
+
+class Clock;
+
+// Intrusive links of a queued notification; the list is circular around a sentinel, so a record
+// can leave whichever list (queue or pass batch) holds it.
+struct PendingLink {
+  PendingLink* next = this;
+  PendingLink* prev = this;
+  bool linked() const { return next != this; }
+  void unlink() {
+    prev->next = next;
+    next->prev = prev;
+    next = prev = this;
+  }
+  void pushBack(PendingLink* n) {
+    n->prev = prev;
+    n->next = this;
+    prev->next = n;
+    prev = n;
+  }
+};
+
+// One queued deferred notification of one (entity, attribute, key). It is owned by the slot that
+// coalesces it; delivering it removes it from that slot first, so a handler that writes the same
+// attribute again queues a new one.
+class PendingRecord : public PendingLink {
+ public:
+  PendingRecord() = default;
+  PendingRecord(PendingRecord const&) = delete;
+  PendingRecord& operator=(PendingRecord const&) = delete;
+  virtual ~PendingRecord() { unlink(); }
+  // Releases the record and then delivers it.
+  virtual void deliver() = 0;
+};
+
+class ActivityLoop {
+ public:
+  enum class TimeMode { real, simulated };
+
+  // The new loop becomes the thread's current loop until it is destroyed.
+  explicit ActivityLoop(TimeMode mode = TimeMode::real, Seconds simulatedStart = 0);
+  ~ActivityLoop();
+  ActivityLoop(ActivityLoop const&) = delete;
+  ActivityLoop& operator=(ActivityLoop const&) = delete;
+
+  // The thread's current loop; a real-time loop is made on first use if none exists.
+  static ActivityLoop& current();
+
+  TimeMode timeMode() const { return mode_; }
+  // The one place time is read.
+  Seconds now() const;
+  // Simulated time only: moves to t, firing every timer on the way in deadline order and running
+  // until idle at each deadline.
+  void advanceTo(Seconds t);
+  void advanceBy(Seconds dt) { advanceTo(now_ + dt); }
+  // Simulated time only: every read of now() first moves time forward by dt (0 turns it off), so
+  // that time-sliced work sees its budget run out.
+  void autoAdvanceIs(Seconds dt) { autoAdvance_ = dt; }
+
+  // One pass: deliver the notifications queued before the pass, then run the timers due.
+  // Returns whether anything ran.
+  bool runOnePass();
+  // Passes until no notification is queued and no timer is due.
+  void runUntilIdle();
+  // Real time: runs passes and waits for timers until stop() or until nothing is left to wait for.
+  void run();
+  void stop() { stopped_ = true; }
+
+  bool hasPendingNotifications() const { return queue_.linked() || batch_.linked(); }
+  size_t armedTimers() const { return heap_.size(); }
+  Seconds nextDeadline() const {
+    return heap_.empty() ? std::numeric_limits<Seconds>::infinity() : heap_.front().deadline;
+  }
+
+  // Used by entities and clocks.
+  void enqueue(PendingRecord* r) { queue_.pushBack(r); }
+  void clockArm(Clock* c, Seconds deadline);
+  void clockDisarm(Clock* c);
+
+ private:
+  struct HeapEntry {
+    Seconds deadline;
+    uint64_t seq;
+    Clock* clock;
+    bool before(HeapEntry const& o) const {
+      return deadline < o.deadline || (deadline == o.deadline && seq < o.seq);
+    }
+  };
+  void heapSwap(size_t a, size_t b);
+  void heapUp(size_t i);
+  void heapDown(size_t i);
+  void heapRemove(size_t i);
+  bool runDueTimers();
+  bool deliverPass();
+
+  TimeMode mode_;
+  mutable Seconds now_;
+  Seconds autoAdvance_ = 0;
+  bool stopped_ = false;
+  PendingLink queue_;
+  PendingLink batch_;  // the pass being delivered
+  std::vector<HeapEntry> heap_;
+  uint64_t armSeq_ = 0;
+  ActivityLoop* previous_;
+};
+
+inline Seconds now() { return ActivityLoop::current().now(); }
+
+// A one-shot timer. Arming it (timeMinIs) replaces any earlier deadline; equal deadlines fire in
+// arming order, and one armed for now while timers run fires in the next pass, never in a spin.
+class Clock {
+ public:
+  static constexpr Seconds never = std::numeric_limits<Seconds>::infinity();
+  using Handler = std::function<void()>;
+
+  explicit Clock(Handler handler = {}, ActivityLoop& loop = ActivityLoop::current())
+      : loop_(loop), handler_(std::move(handler)) {}
+  ~Clock() { timeMinIs(never); }
+  Clock(Clock const&) = delete;
+  Clock& operator=(Clock const&) = delete;
+
+  void handlerIs(Handler h) { handler_ = std::move(h); }
+  Seconds timeMin() const { return timeMin_; }
+  // Arms the timer for t; never disarms it.
+  void timeMinIs(Seconds t) {
+    if (heapIndex_ != npos) loop_.clockDisarm(this);
+    timeMin_ = t;
+    if (t != never) loop_.clockArm(this, t);
+  }
+  bool armed() const { return heapIndex_ != npos; }
+  ActivityLoop& loop() const { return loop_; }
+
+ private:
+  friend class ActivityLoop;
+  static constexpr size_t npos = static_cast<size_t>(-1);
+  void fire() {
+    timeMin_ = never;
+    if (handler_) handler_();
+  }
+  ActivityLoop& loop_;
+  Handler handler_;
+  Seconds timeMin_ = never;
+  size_t heapIndex_ = npos;
+};
+
+}  // namespace Zol

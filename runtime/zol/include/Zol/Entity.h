@@ -1,0 +1,223 @@
+// Entities: named, reference-counted objects that own typed attributes and keyed collections and
+// notify registered reactors of every change, deferred (coalesced, delivered by the activity loop)
+// or immediate (inside the write).
+#pragma once
+
+#include <absl/container/btree_map.h>
+#include <absl/container/flat_hash_map.h>
+#include <absl/container/node_hash_map.h>
+
+#include <bit>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <type_traits>
+#include <vector>
+
+#include "Zol/Activity.h"
+#include "Zol/Ptr.h"
+#include "Zol/Types.h"
+
+namespace Zol {
+
+class Entity;
+struct EntityType;
+
+// Equality as writes see it: floating point compares bitwise, so writing NaN again is no change.
+template <class T>
+bool sameValue(T const& a, T const& b) {
+  if constexpr (std::is_floating_point_v<T>) {
+    return std::memcmp(&a, &b, sizeof(T)) == 0;
+  } else {
+    return a == b;
+  }
+}
+
+// Base of every reactor. A reactor is interested in every attribute until a handler it did not
+// override is first called: from then on that attribute costs it nothing. Notifications are
+// level-triggered: they say which attribute and key changed; the handler reads the current state.
+class NotifieeBase {
+ public:
+  NotifieeBase() = default;
+  NotifieeBase(NotifieeBase const&) = delete;
+  NotifieeBase& operator=(NotifieeBase const&) = delete;
+  virtual ~NotifieeBase();
+
+  bool hasNotificationActive() const { return active_; }
+  // Switches delivery to this reactor off and on; nothing is queued for it meanwhile.
+  virtual void hasNotificationActiveIs(bool active) { active_ = active; }
+
+ protected:
+  // Registers on e (null unregisters); pending notifications of the old notifier are not received.
+  void zolAttach(Entity const* e);
+  // Called by the generated default handlers: this reactor does not handle the attribute.
+  void zolNotInterested(uint32_t attr, bool immediate);
+  // The attributes a reactor type can receive at all (set by its generated constructor).
+  void zolMaskIs(uint64_t mask) { deferredMask_ = immediateMask_ = mask; }
+
+ private:
+  friend class Entity;
+  Entity const* notifier_ = nullptr;
+  uint64_t deferredMask_ = ~uint64_t{0};
+  uint64_t immediateMask_ = ~uint64_t{0};
+  bool active_ = true;
+};
+
+// A scalar attribute with its coalescing slot.
+template <class T>
+struct ScalarSlot {
+  T value{};
+  PendingRecord* pending = nullptr;
+  ScalarSlot() = default;
+  explicit ScalarSlot(T v) : value(std::move(v)) {}
+  ~ScalarSlot() { delete pending; }
+  ScalarSlot(ScalarSlot const&) = delete;
+  ScalarSlot& operator=(ScalarSlot const&) = delete;
+};
+
+template <class K>
+class KeyedRecord;
+
+// Coalesces the pending notifications of one collection, one record per key.
+template <class K>
+using PendingKeys = absl::node_hash_map<K, KeyedRecord<K>>;
+
+template <class K>
+class KeyedRecord final : public PendingRecord {
+ public:
+  KeyedRecord() = default;
+  void deliver() override;
+  Entity* entity = nullptr;
+  PendingKeys<K>* owner = nullptr;
+  K const* key = nullptr;
+  uint32_t attr = 0;
+};
+
+// A keyed collection with its coalescing slots. Map is absl::flat_hash_map or absl::btree_map.
+template <class Map>
+struct CollectionSlot {
+  using key_type = typename Map::key_type;
+  Map map;
+  std::unique_ptr<PendingKeys<key_type>> pending;
+};
+
+template <class K, class V>
+using HashCollection = CollectionSlot<absl::flat_hash_map<K, V>>;
+template <class K, class V>
+using OrderedCollection = CollectionSlot<absl::btree_map<K, V>>;
+
+class Entity : public PtrInterface {
+ public:
+  Name const& name() const { return name_; }
+  // The generated description of the entity's type (attribute names, by-name binding).
+  virtual EntityType const& zolEntityType() const = 0;
+  virtual char const* zolTypeName() const = 0;
+  bool hasNotifiees() const { return liveNotifiees_ != 0; }
+
+  // Writing with no interested reactor costs no more than the container write: the masks say who
+  // listens to what.
+  uint64_t zolDeferredMask() const { return deferredMask_; }
+  uint64_t zolImmediateMask() const { return immediateMask_; }
+
+  // Delivers a notification of attr (key null for scalars) to the reactors registered now.
+  void zolDeliver(uint32_t attr, void const* key) const;
+
+ protected:
+  explicit Entity(Name name) : name_(std::move(name)) {}
+  ~Entity() override;
+
+  // Generated: calls the handler of attr on one reactor of this entity's type.
+  virtual void zolDispatch(NotifieeBase& r, uint32_t attr, void const* key, bool immediate) const = 0;
+
+  template <class T>
+  bool zolScalarWrite(ScalarSlot<T>& s, T const& v, uint32_t attr) {
+    if (sameValue<T>(s.value, v)) return false;
+    s.value = v;
+    zolScalarChanged(s.pending, attr);
+    return true;
+  }
+  void zolScalarChanged(PendingRecord*& pending, uint32_t attr) {
+    uint64_t const bit = uint64_t{1} << attr;
+    if (deferredMask_ & bit) zolQueueScalar(pending, attr);
+    if (immediateMask_ & bit) zolImmediate(attr, nullptr);
+  }
+
+  template <class Slot, class K, class V>
+  bool zolEntryWrite(Slot& s, K const& k, V const& v, uint32_t attr) {
+    auto [it, inserted] = s.map.try_emplace(k, v);
+    if (!inserted) {
+      if (sameValue(it->second, v)) return false;
+      it->second = v;
+    }
+    zolKeyChanged(s, k, attr);
+    return true;
+  }
+  template <class Slot, class K>
+  bool zolEntryDel(Slot& s, K const& k, uint32_t attr) {
+    auto it = s.map.find(k);
+    if (it == s.map.end()) return false;
+    // The key may live in the erased slot; notify with a copy.
+    typename Slot::key_type const key = it->first;
+    s.map.erase(it);
+    zolKeyChanged(s, key, attr);
+    return true;
+  }
+  // One deletion (and notification) per key; ordered collections go in key order.
+  template <class Slot>
+  void zolEntryDelAll(Slot& s, uint32_t attr) {
+    std::vector<typename Slot::key_type> keys;
+    keys.reserve(s.map.size());
+    for (auto const& e : s.map) keys.push_back(e.first);
+    for (auto const& k : keys) zolEntryDel(s, k, attr);
+  }
+  template <class Slot, class K>
+  void zolKeyChanged(Slot& s, K const& k, uint32_t attr) {
+    uint64_t const bit = uint64_t{1} << attr;
+    if (deferredMask_ & bit) {
+      using Key = typename Slot::key_type;
+      if (!s.pending) s.pending = std::make_unique<PendingKeys<Key>>();
+      auto [it, inserted] = s.pending->try_emplace(k);
+      if (inserted) {
+        KeyedRecord<Key>& r = it->second;
+        r.entity = this;
+        r.owner = s.pending.get();
+        r.key = &it->first;
+        r.attr = attr;
+        ActivityLoop::current().enqueue(&r);
+      }
+    }
+    if (immediateMask_ & bit) zolImmediate(attr, &k);
+  }
+
+ private:
+  friend class NotifieeBase;
+  void zolQueueScalar(PendingRecord*& pending, uint32_t attr);
+  void zolImmediate(uint32_t attr, void const* key);
+  void zolNotifieeAdd(NotifieeBase* r);
+  void zolNotifieeDel(NotifieeBase* r);
+  void zolMasksUpdate();
+
+  Name name_;
+  mutable std::vector<NotifieeBase*> notifiees_;
+  mutable uint32_t iterating_ = 0;
+  uint32_t liveNotifiees_ = 0;
+  uint64_t deferredMask_ = 0;
+  uint64_t immediateMask_ = 0;
+};
+
+template <class K>
+void KeyedRecord<K>::deliver() {
+  Ptr<Entity const> keep(entity);
+  K const k = *key;
+  uint32_t const a = attr;
+  owner->erase(k);  // destroys this record
+  keep->zolDeliver(a, &k);
+}
+
+// Creates an entity (or any counted object) and hands back its first reference.
+template <class T, class... Args>
+Ptr<T> make(Args&&... args) {
+  return Ptr<T>(new T(std::forward<Args>(args)...));
+}
+
+}  // namespace Zol

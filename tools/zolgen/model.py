@@ -1,0 +1,445 @@
+"""The schema model: reads the TOML families, resolves type references and validates them."""
+
+import keyword
+import re
+import tomllib
+from dataclasses import dataclass, field
+from pathlib import Path
+
+CPP_KEYWORDS = set("""
+alignas alignof and and_eq asm auto bitand bitor bool break case catch char char8_t char16_t
+char32_t class compl concept const consteval constexpr constinit const_cast continue co_await
+co_return co_yield decltype default delete do double dynamic_cast else enum explicit export extern
+false float for friend goto if inline int long mutable namespace new noexcept not not_eq nullptr
+operator or or_eq private protected public register reinterpret_cast requires return short signed
+sizeof static static_assert static_cast struct switch template this thread_local throw true try
+typedef typeid typename union unsigned using virtual void volatile wchar_t while xor xor_eq
+""".split())
+
+# Builtin type names: (C++ spelling, kind). 'prim' types are passed by value.
+BUILTINS = {
+    "bool": ("bool", "prim"),
+    "U8": ("Zol::U8", "prim"),
+    "U16": ("Zol::U16", "prim"),
+    "U32": ("Zol::U32", "prim"),
+    "U64": ("Zol::U64", "prim"),
+    "S8": ("Zol::S8", "prim"),
+    "S16": ("Zol::S16", "prim"),
+    "S32": ("Zol::S32", "prim"),
+    "S64": ("Zol::S64", "prim"),
+    "double": ("double", "prim"),
+    "Seconds": ("Zol::Seconds", "prim"),
+    "String": ("Zol::String", "string"),
+    "Name": ("Zol::Name", "string"),
+}
+INTEGER_BUILTINS = {"U8", "U16", "U32", "U64", "S8", "S16", "S32", "S64"}
+
+IDENT = re.compile(r"^[A-Za-z_][A-Za-z0-9_]*$")
+
+
+class SchemaError(Exception):
+    pass
+
+
+@dataclass
+class TypeRef:
+    """A resolved type: its C++ spelling and what kind of thing it is."""
+    cpp: str
+    kind: str  # prim, string, enum, range, value, extern, entity, ref
+    decl: object = None  # the declaration for schema types
+    builtin: str = ""
+
+    @property
+    def by_value(self):
+        return self.kind in ("prim", "enum", "range")
+
+    def param(self):
+        return self.cpp if self.by_value else f"{self.cpp} const&"
+
+
+@dataclass
+class Field:
+    name: str
+    type: TypeRef = None
+    type_name: str = ""
+    default: object = None
+    default_expr: str = ""
+    min: object = None
+    max: object = None
+    error: str = ""
+    array: int = 0
+    index: TypeRef = None
+    index_name: str = ""
+    count_field: str = ""
+    key: TypeRef = None
+    key_name: str = ""
+    setter: bool = True
+    internal: bool = False
+
+
+@dataclass
+class Attr:
+    name: str
+    kind: str  # scalar, collection, child, childCollection, reference
+    type: TypeRef = None
+    type_name: str = ""
+    key: TypeRef = None
+    key_name: str = ""
+    ordered: bool = False
+    default: object = None
+    default_expr: str = ""
+    min: object = None
+    max: object = None
+    error: str = ""
+    is_key: bool = False
+    index: int = 0
+    writable: bool = True
+    on_create: str = ""
+    on_delete: str = ""
+
+
+@dataclass
+class Enum:
+    family: str
+    ns: str
+    name: str
+    values: list
+    doc: str = ""
+
+    @property
+    def qname(self):
+        return f"{self.ns}::{self.name}"
+
+
+@dataclass
+class Range:
+    family: str
+    ns: str
+    name: str
+    base: str
+    min: int
+    max: int
+    error: str
+    default: int = 0
+    doc: str = ""
+
+    @property
+    def qname(self):
+        return f"{self.ns}::{self.name}"
+
+
+@dataclass
+class Value:
+    family: str
+    ns: str
+    name: str
+    fields: list
+    methods: list = field(default_factory=list)
+    members: list = field(default_factory=list)
+    parse: bool = True
+    doc: str = ""
+    ctor: bool = True
+    aliases: dict = field(default_factory=dict)
+
+    @property
+    def qname(self):
+        return f"{self.ns}::{self.name}"
+
+
+@dataclass
+class Entity:
+    family: str
+    ns: str
+    name: str
+    attrs: list
+    base: str = ""
+    base_decl: object = None
+    methods: list = field(default_factory=list)
+    members: list = field(default_factory=list)
+    hooks: list = field(default_factory=list)
+    doc: str = ""
+    abstract: bool = False
+    conformance: bool = True
+    extra_ctor_params: list = field(default_factory=list)
+
+    @property
+    def qname(self):
+        return f"{self.ns}::{self.name}"
+
+    def key_attr(self):
+        for a in self.all_attrs():
+            if a.is_key:
+                return a
+        return None
+
+    def base_count(self):
+        return len(self.base_decl.all_attrs()) if self.base_decl else 0
+
+    def all_attrs(self):
+        return (self.base_decl.all_attrs() if self.base_decl else []) + self.attrs
+
+
+@dataclass
+class Extern:
+    name: str
+    header: str
+    kind: str = "extern"
+
+
+@dataclass
+class Family:
+    name: str
+    path: Path
+    ns: str
+    includes: list
+    source_includes: list
+    enums: list
+    ranges: list
+    values: list
+    entities: list
+    externs: list
+    # declarations in file order, for emitting
+    order: list = field(default_factory=list)
+
+
+def _check_ident(name, where):
+    if not isinstance(name, str) or not IDENT.match(name):
+        raise SchemaError(f"{where}: '{name}' is not a valid name")
+    if name in CPP_KEYWORDS or keyword.iskeyword(name) and name in CPP_KEYWORDS:
+        raise SchemaError(f"{where}: '{name}' is a C++ keyword")
+
+
+def _known(table, where, allowed):
+    for k in table:
+        if k not in allowed:
+            raise SchemaError(f"{where}: unknown setting '{k}'")
+
+
+def load_family(path):
+    path = Path(path)
+    with open(path, "rb") as f:
+        try:
+            data = tomllib.load(f)
+        except tomllib.TOMLDecodeError as e:
+            raise SchemaError(f"{path.name}: {e}") from None
+    fam_name = path.stem
+    _known(data, path.name, {"namespace", "includes", "source_includes", "enum", "range",
+                             "value", "entity", "extern", "doc"})
+    if "namespace" not in data:
+        raise SchemaError(f"{path.name}: 'namespace' is required")
+    ns = data["namespace"]
+    for part in ns.split("::"):
+        _check_ident(part, f"{path.name} namespace")
+    fam = Family(fam_name, path, ns, data.get("includes", []), data.get("source_includes", []),
+                 [], [], [], [], [])
+    for e in data.get("extern", []):
+        _known(e, f"{path.name} extern", {"name", "header", "kind"})
+        fam.externs.append(Extern(e["name"], e["header"], e.get("kind", "extern")))
+    for e in data.get("enum", []):
+        where = f"{path.name} enum {e.get('name')}"
+        _known(e, where, {"name", "values", "doc", "namespace"})
+        _check_ident(e.get("name"), where)
+        values = e.get("values", [])
+        if not values:
+            raise SchemaError(f"{where}: needs at least one value")
+        for v in values:
+            _check_ident(v, where)
+        if len(set(values)) != len(values):
+            raise SchemaError(f"{where}: duplicate enumerator")
+        d = Enum(fam_name, e.get("namespace", ns), e["name"], values, e.get("doc", ""))
+        fam.enums.append(d)
+        fam.order.append(d)
+    for r in data.get("range", []):
+        where = f"{path.name} range {r.get('name')}"
+        _known(r, where, {"name", "base", "min", "max", "error", "default", "doc", "namespace"})
+        _check_ident(r.get("name"), where)
+        if r.get("base") not in INTEGER_BUILTINS:
+            raise SchemaError(f"{where}: base must be an integer type")
+        if r["min"] > r["max"]:
+            raise SchemaError(f"{where}: min is above max")
+        d = Range(fam_name, r.get("namespace", ns), r["name"], r["base"], r["min"], r["max"],
+                  r.get("error") or f"{r['name']}::value < {r['min']} or > {r['max']} not allowed",
+                  r.get("default", r["min"]), r.get("doc", ""))
+        fam.ranges.append(d)
+        fam.order.append(d)
+    for v in data.get("value", []):
+        where = f"{path.name} value {v.get('name')}"
+        _known(v, where, {"name", "fields", "methods", "members", "parse", "doc", "namespace",
+                          "ctor", "aliases"})
+        _check_ident(v.get("name"), where)
+        fields = []
+        for f in v.get("fields", []):
+            fw = f"{where} field {f.get('name')}"
+            _known(f, fw, {"name", "type", "default", "default_expr", "min", "max", "error",
+                           "array", "index", "count_field", "key", "setter", "internal"})
+            _check_ident(f.get("name"), fw)
+            if "type" not in f:
+                raise SchemaError(f"{fw}: 'type' is required")
+            fields.append(Field(f["name"], type_name=f["type"], default=f.get("default"),
+                                default_expr=f.get("default_expr", ""), min=f.get("min"),
+                                max=f.get("max"), error=f.get("error", ""),
+                                array=f.get("array", 0), index_name=f.get("index", ""),
+                                count_field=f.get("count_field", ""), key_name=f.get("key", ""),
+                                setter=f.get("setter", True), internal=f.get("internal", False)))
+        names = [f.name for f in fields]
+        if len(set(names)) != len(names):
+            raise SchemaError(f"{where}: duplicate field name")
+        d = Value(fam_name, v.get("namespace", ns), v["name"], fields, v.get("methods", []),
+                  v.get("members", []), v.get("parse", True), v.get("doc", ""),
+                  v.get("ctor", True), v.get("aliases", {}))
+        fam.values.append(d)
+        fam.order.append(d)
+    for e in data.get("entity", []):
+        where = f"{path.name} entity {e.get('name')}"
+        _known(e, where, {"name", "attrs", "base", "methods", "members", "hooks", "doc",
+                          "namespace", "abstract", "conformance", "ctor_params"})
+        _check_ident(e.get("name"), where)
+        attrs = []
+        for a in e.get("attrs", []):
+            aw = f"{where} attr {a.get('name')}"
+            _known(a, aw, {"name", "type", "key", "ordered", "child", "ref", "default",
+                           "default_expr", "min", "max", "error", "is_key", "writable",
+                           "on_create", "on_delete"})
+            _check_ident(a.get("name"), aw)
+            if "child" in a:
+                kind = "childCollection" if "key" in a else "child"
+                tname = a["child"]
+            elif "ref" in a:
+                kind, tname = "reference", a["ref"]
+            elif "type" in a:
+                kind = "collection" if "key" in a else "scalar"
+                tname = a["type"]
+            else:
+                raise SchemaError(f"{aw}: needs 'type', 'child' or 'ref'")
+            attrs.append(Attr(a["name"], kind, type_name=tname, key_name=a.get("key", ""),
+                              ordered=a.get("ordered", False), default=a.get("default"),
+                              default_expr=a.get("default_expr", ""), min=a.get("min"),
+                              max=a.get("max"), error=a.get("error", ""),
+                              is_key=a.get("is_key", False), writable=a.get("writable", True),
+                              on_create=a.get("on_create", ""), on_delete=a.get("on_delete", "")))
+            if (attrs[-1].on_create or attrs[-1].on_delete) and kind != "childCollection":
+                raise SchemaError(f"{aw}: on_create and on_delete need a child collection")
+        names = [a.name for a in attrs]
+        if len(set(names)) != len(names):
+            raise SchemaError(f"{where}: duplicate attribute name")
+        d = Entity(fam_name, e.get("namespace", ns), e["name"], attrs, e.get("base", ""),
+                   None, e.get("methods", []), e.get("members", []), e.get("hooks", []),
+                   e.get("doc", ""), e.get("abstract", False), e.get("conformance", True),
+                   e.get("ctor_params", []))
+        for h in d.hooks:
+            if h not in ("constructed", "destroyed"):
+                raise SchemaError(f"{where}: unknown hook '{h}'")
+        fam.entities.append(d)
+        fam.order.append(d)
+    return fam
+
+
+class Schema:
+    """All families together, so that references across files resolve and names stay unique."""
+
+    def __init__(self, families):
+        self.families = families
+        self.types = {}
+        for fam in families:
+            for x in fam.externs:
+                self._add(x.name, TypeRef(x.name, x.kind if x.kind == "string" else "extern", x),
+                          fam)
+            for d in fam.order:
+                kind = {Enum: "enum", Range: "range", Value: "value", Entity: "entity"}[type(d)]
+                self._add(d.qname, TypeRef(d.qname, kind, d), fam)
+        for fam in families:
+            for d in fam.order:
+                self._resolve(fam, d)
+        self._check_cycles()
+
+    def _add(self, qname, ref, fam):
+        if qname in self.types:
+            other = self.types[qname]
+            if isinstance(other.decl, Extern) and isinstance(ref.decl, Extern):
+                return
+            raise SchemaError(f"{fam.path.name}: '{qname}' is declared twice")
+        self.types[qname] = ref
+
+    def lookup(self, name, ns, where):
+        if name in BUILTINS:
+            cpp, kind = BUILTINS[name]
+            return TypeRef(cpp, kind, None, name)
+        parts = ns.split("::")
+        for i in range(len(parts), -1, -1):
+            q = "::".join(parts[:i] + [name]) if i else name
+            if q in self.types:
+                return self.types[q]
+        raise SchemaError(f"{where}: unknown type '{name}'")
+
+    def _resolve(self, fam, d):
+        where = f"{fam.path.name} {d.name}"
+        if isinstance(d, Value):
+            names = {f.name for f in d.fields}
+            for f in d.fields:
+                f.type = self.lookup(f.type_name, d.ns, f"{where}.{f.name}")
+                if f.type.kind == "entity":
+                    raise SchemaError(f"{where}.{f.name}: a value cannot hold an entity")
+                if f.key_name:
+                    f.key = self.lookup(f.key_name, d.ns, f"{where}.{f.name}")
+                if f.index_name:
+                    f.index = self.lookup(f.index_name, d.ns, f"{where}.{f.name}")
+                    if f.index.kind != "range":
+                        raise SchemaError(f"{where}.{f.name}: index must be a range type")
+                if f.count_field and f.count_field not in names:
+                    raise SchemaError(f"{where}.{f.name}: unknown count_field '{f.count_field}'")
+                if (f.min is not None or f.max is not None) and f.type.builtin not in \
+                        INTEGER_BUILTINS:
+                    raise SchemaError(f"{where}.{f.name}: min/max need an integer type")
+        elif isinstance(d, Entity):
+            if d.base:
+                b = self.lookup(d.base, d.ns, where)
+                if b.kind != "entity":
+                    raise SchemaError(f"{where}: base '{d.base}' is not an entity")
+                d.base_decl = b.decl
+            for a in d.attrs:
+                aw = f"{where}.{a.name}"
+                a.type = self.lookup(a.type_name, d.ns, aw)
+                if a.kind in ("child", "childCollection") and a.type.kind != "entity":
+                    raise SchemaError(f"{aw}: child '{a.type_name}' is not an entity")
+                if a.kind in ("scalar", "collection") and a.type.kind == "entity":
+                    raise SchemaError(f"{aw}: use 'child' or 'ref' for entity attributes")
+                if a.key_name:
+                    a.key = self.lookup(a.key_name, d.ns, aw)
+                    if a.key.kind == "entity":
+                        raise SchemaError(f"{aw}: an entity cannot be a key")
+                if (a.min is not None or a.max is not None) and a.type.builtin not in \
+                        INTEGER_BUILTINS:
+                    raise SchemaError(f"{aw}: min/max need an integer type")
+            if len(d.base_decl.all_attrs() if d.base_decl else []) + len(d.attrs) > 64:
+                raise SchemaError(f"{where}: more than 64 attributes")
+
+    def _check_cycles(self):
+        for fam in self.families:
+            for d in fam.entities:
+                seen = set()
+                b = d
+                while b is not None:
+                    if b.qname in seen:
+                        raise SchemaError(f"{d.name}: base cycle")
+                    seen.add(b.qname)
+                    b = b.base_decl
+        for fam in self.families:
+            for d in fam.entities:
+                idx = d.base_count()
+                for a in d.attrs:
+                    a.index = idx
+                    idx += 1
+
+    def family_of(self, ref):
+        decl = ref.decl
+        if decl is None or isinstance(decl, Extern):
+            return None
+        return decl.family
+
+
+def load(paths):
+    fams = [load_family(p) for p in paths]
+    names = [f.name for f in fams]
+    if len(set(names)) != len(names):
+        raise SchemaError("two schema files have the same name")
+    return Schema(fams)
