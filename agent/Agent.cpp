@@ -1,0 +1,313 @@
+#include "Agent.h"
+
+#include <rapidjson/prettywriter.h>
+#include <rapidjson/stringbuffer.h>
+
+#include <sstream>
+
+namespace vemo::agent {
+
+namespace {
+
+std::vector<std::string> split(std::string const& path) {
+  std::vector<std::string> parts;
+  std::string part;
+  std::istringstream in(path);
+  while (std::getline(in, part, '/')) parts.push_back(part);
+  return parts;
+}
+
+std::string pretty(rapidjson::Value const& v) {
+  rapidjson::StringBuffer buf;
+  rapidjson::PrettyWriter<rapidjson::StringBuffer> w(buf);
+  w.SetIndent(' ', 2);
+  v.Accept(w);
+  return std::string(buf.GetString(), buf.GetSize()) + "\n";
+}
+
+std::string scalarText(rapidjson::Value const& v) {
+  if (v.IsString()) return std::string(v.GetString(), v.GetStringLength());
+  if (v.IsNull()) return "-";
+  return Zol::jsonText(v);
+}
+
+// A value that fits on one line: no nested objects or lists of objects.
+bool flat(rapidjson::Value const& v) {
+  if (v.IsObject()) return false;
+  if (v.IsArray()) {
+    for (auto const& e : v.GetArray()) {
+      if (e.IsObject() || e.IsArray()) return false;
+    }
+  }
+  return true;
+}
+
+// Runs f, turning the framework's errors into a ScenarioError with the step's label.
+template <class F>
+auto checked(std::string const& where, F&& f) {
+  try {
+    return f();
+  } catch (Zol::BindError const& e) {
+    throw ScenarioError(where + ": " + e.what());
+  } catch (Zol::ParseError const& e) {
+    throw ScenarioError(where + ": " + e.what());
+  } catch (Zol::RangeException const& e) {
+    throw ScenarioError(where + ": " + e.what());
+  }
+}
+
+}  // namespace
+
+std::string jsonAsText(rapidjson::Value const& v, int indent) {
+  std::string out;
+  std::string const pad(indent, ' ');
+  if (!v.IsObject()) return pad + scalarText(v) + "\n";
+  for (auto const& m : v.GetObject()) {
+    std::string const name(m.name.GetString(), m.name.GetStringLength());
+    if (flat(m.value)) {
+      out += pad + name + ": " + (m.value.IsArray() ? Zol::jsonText(m.value) : scalarText(m.value)) +
+             "\n";
+    } else if (m.value.IsObject() && m.value.MemberCount() == 0) {
+      out += pad + name + ": (none)\n";
+    } else {
+      out += pad + name + ":\n" + jsonAsText(m.value, indent + 2);
+    }
+  }
+  return out;
+}
+
+Agent::Agent(bool json) : json_(json) {
+  commonData_ = Vemo::vemoCommonSmDataFactory("vemo");
+  mount("vemo/common", commonData_.ptr());
+  views_["common"] = [this](bool asJson) {
+    rapidjson::Document doc;
+    rapidjson::Value v = Zol::entityToJson(*commonData_, doc.GetAllocator());
+    return asJson ? pretty(v) : "Common data " + commonData_->name() + "\n" + jsonAsText(v, 2);
+  };
+  loop_.runUntilIdle();
+}
+
+Agent::~Agent() = default;
+
+void Agent::mount(std::string const& path, Zol::Entity* e) { mounts_[path] = Zol::Ptr<Zol::Entity>(e); }
+
+Agent::Target Agent::resolve(std::string const& path, bool live, std::string const& where) const {
+  // The longest mount that prefixes the path, then attribute/key segments below it.
+  std::string mountPath;
+  for (auto const& [p, e] : mounts_) {
+    if ((path == p || path.rfind(p + "/", 0) == 0) && p.size() > mountPath.size()) mountPath = p;
+  }
+  if (mountPath.empty()) {
+    throw ScenarioError(where + ": no entity at path '" + path + "' (see vemo-agent --paths)");
+  }
+  Zol::Entity* entity = mounts_.at(mountPath).ptr();
+  Target t{live ? entity : nullptr, &entity->zolEntityType()};
+  std::vector<std::string> const rest = split(path.substr(mountPath.size()));
+  for (size_t i = 1; i < rest.size(); ++i) {
+    Zol::AttrDesc const* a = t.type->attr(rest[i]);
+    using Kind = Zol::AttrDesc::Kind;
+    if (!a || (a->kind != Kind::child && a->kind != Kind::childCollection)) {
+      throw ScenarioError(where + ": '" + rest[i] + "' in path '" + path + "' is not a child of " +
+                          t.type->name);
+    }
+    std::string key;
+    if (a->kind == Kind::childCollection) {
+      if (++i >= rest.size()) {
+        throw ScenarioError(where + ": path '" + path + "' needs a key after '" + rest[i - 1] + "'");
+      }
+      key = rest[i];
+      rapidjson::Value k(key.c_str(), static_cast<rapidjson::SizeType>(key.size()));
+      checked(where + ": key '" + key + "' in path '" + path + "'", [&] {
+        a->checkKey(k);
+        return 0;
+      });
+    }
+    t.type = a->childType();
+    if (live) {
+      t.entity = a->child(*t.entity, key);
+      if (!t.entity) throw ScenarioError(where + ": path '" + path + "' does not exist (yet)");
+    }
+  }
+  return t;
+}
+
+void Agent::validateStep(Step const& s) const {
+  using Kind = Zol::AttrDesc::Kind;
+  std::string const where = s.label();
+  if (s.kind == Step::Kind::advance) return;
+  if (s.kind == Step::Kind::show) {
+    if (!views_.count(s.view)) {
+      std::string known;
+      for (auto const& v : viewNames()) known += (known.empty() ? "" : ", ") + v;
+      throw ScenarioError(where + ": unknown view '" + s.view + "' (views: " + known + ")");
+    }
+    return;
+  }
+  Target const t = resolve(s.path, false, where);
+  Zol::AttrDesc const* a = t.type->attr(s.attr);
+  if (!a) throw ScenarioError(where + ": " + t.type->name + " has no attribute '" + s.attr + "'");
+  bool const keyed = a->kind == Kind::collection || a->kind == Kind::childCollection;
+  if (s.key && !keyed) throw ScenarioError(where + ": '" + s.attr + "' is not a collection");
+  if (s.key) {
+    checked(where + ": key", [&] {
+      a->checkKey(*s.key);
+      return 0;
+    });
+  }
+  rapidjson::Document scratch;
+  switch (s.kind) {
+    case Step::Kind::set:
+      if (a->kind == Kind::childCollection) {
+        if (!s.key) throw ScenarioError(where + ": creating a child of '" + s.attr + "' needs a key");
+        if (s.value) throw ScenarioError(where + ": a child is created by key alone, without value");
+        return;
+      }
+      if (!a->set) throw ScenarioError(where + ": '" + s.attr + "' cannot be written");
+      if (a->kind == Kind::collection && !s.key) {
+        throw ScenarioError(where + ": writing collection '" + s.attr + "' needs a 'key'");
+      }
+      if (!s.value) throw ScenarioError(where + ": 'set' needs a 'value'");
+      checked(where + ": value", [&] { return a->normalize(*s.value, scratch.GetAllocator()); });
+      return;
+    case Step::Kind::del:
+      if (!a->del) throw ScenarioError(where + ": '" + s.attr + "' has no entries to delete");
+      return;
+    case Step::Kind::expect:
+      if (!a->get) throw ScenarioError(where + ": '" + s.attr + "' cannot be compared");
+      if (s.value->IsNull()) return;
+      if (a->kind == Kind::collection && !s.key) {
+        if (!s.value->IsObject()) {
+          throw ScenarioError(where + ": a whole collection is expected as an object");
+        }
+        for (auto const& m : s.value->GetObject()) {
+          checked(where + ": key '" + std::string(m.name.GetString()) + "'", [&] {
+            a->checkKey(m.name);
+            return a->normalize(m.value, scratch.GetAllocator());
+          });
+        }
+        return;
+      }
+      if (a->normalize) {
+        checked(where + ": value", [&] { return a->normalize(*s.value, scratch.GetAllocator()); });
+      }
+      return;
+    default:
+      return;
+  }
+}
+
+void Agent::validate(Scenario const& sc) const {
+  for (Step const& s : sc.steps()) validateStep(s);
+}
+
+bool Agent::applyStep(Step const& s, std::ostream& out, std::ostream& err) {
+  using Kind = Zol::AttrDesc::Kind;
+  std::string const where = s.label();
+  switch (s.kind) {
+    case Step::Kind::advance:
+      loop_.advanceBy(s.seconds);
+      return true;
+    case Step::Kind::show:
+      out << view(s.view);
+      return true;
+    default:
+      break;
+  }
+  Target const t = resolve(s.path, true, where);
+  Zol::AttrDesc const* a = t.type->attr(s.attr);
+  if (s.kind == Step::Kind::set) {
+    checked(where, [&] {
+      if (a->kind == Kind::childCollection) {
+        a->childIs(*t.entity, *s.key);
+      } else {
+        a->set(*t.entity, s.key, *s.value);
+      }
+      return 0;
+    });
+    return true;
+  }
+  if (s.kind == Step::Kind::del) {
+    checked(where, [&] {
+      a->del(*t.entity, *s.key);
+      return 0;
+    });
+    return true;
+  }
+  // expect: compare the normalized JSON forms of both sides.
+  rapidjson::Document doc;
+  auto& alloc = doc.GetAllocator();
+  rapidjson::Value actual = a->get(*t.entity, s.key, alloc);
+  rapidjson::Value expected;
+  if (s.value->IsNull()) {
+    expected.SetNull();
+  } else if (a->kind == Kind::collection && !s.key) {
+    expected.SetObject();
+    for (auto const& m : s.value->GetObject()) {
+      rapidjson::Value k(m.name, alloc);
+      expected.AddMember(k, a->normalize(m.value, alloc), alloc);
+    }
+  } else if (a->normalize) {
+    expected = a->normalize(*s.value, alloc);
+  } else {
+    expected.CopyFrom(*s.value, alloc);
+  }
+  if (actual == expected) return true;
+  err << where << ": expected " << Zol::jsonText(expected) << ", found " << Zol::jsonText(actual)
+      << "\n";
+  return false;
+}
+
+int Agent::run(Scenario const& sc, std::ostream& out, std::ostream& err) {
+  try {
+    validate(sc);
+  } catch (ScenarioError const& e) {
+    err << "vemo-agent: " << e.what() << "\n";
+    return 2;
+  }
+  loop_.runUntilIdle();
+  for (Step const& s : sc.steps()) {
+    try {
+      if (!applyStep(s, out, err)) return 1;
+    } catch (ScenarioError const& e) {
+      err << "vemo-agent: " << e.what() << "\n";
+      return 1;
+    }
+    loop_.runUntilIdle();
+  }
+  return 0;
+}
+
+std::vector<std::string> Agent::paths() const {
+  std::vector<std::string> out;
+  std::function<void(std::string const&, Zol::Entity const&)> walk =
+      [&](std::string const& path, Zol::Entity const& e) {
+        out.push_back(path);
+        for (Zol::AttrDesc const* a : e.zolEntityType().allAttrs()) {
+          if (a->kind == Zol::AttrDesc::Kind::child) {
+            a->forEachChild(e, [&](std::string const&, Zol::Entity const& c) {
+              walk(path + "/" + a->name, c);
+            });
+          } else if (a->kind == Zol::AttrDesc::Kind::childCollection) {
+            a->forEachChild(e, [&](std::string const& key, Zol::Entity const& c) {
+              walk(path + "/" + a->name + "/" + key, c);
+            });
+          }
+        }
+      };
+  for (auto const& [path, e] : mounts_) walk(path, *e);
+  return out;
+}
+
+std::vector<std::string> Agent::viewNames() const {
+  std::vector<std::string> names;
+  for (auto const& [n, f] : views_) names.push_back(n);
+  return names;
+}
+
+std::string Agent::view(std::string const& name) const {
+  auto it = views_.find(name);
+  if (it == views_.end()) throw ScenarioError("unknown view '" + name + "'");
+  return it->second(json_);
+}
+
+}  // namespace vemo::agent

@@ -1,0 +1,65 @@
+// vemo-agent: the forwarding agent process on the simulated platform. It owns the activity loop
+// (in simulated time), the common data and the entity tree that scenarios address by path, and
+// prints show-style or JSON views of status entities.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "Scenario.h"
+#include "Vemo/VemoCommon.h"
+#include "Zol/Activity.h"
+#include "Zol/Binding.h"
+
+namespace vemo::agent {
+
+class Agent {
+ public:
+  explicit Agent(bool json = false);
+  ~Agent();
+
+  // Checks every step against the entity types; throws ScenarioError naming the step, the path
+  // and what is wrong. Nothing runs.
+  void validate(Scenario const& sc) const;
+  // Validates, then applies the steps in order, running the loop until idle after each.
+  // Returns the exit status: 0 every expectation held, 1 one failed, 2 malformed.
+  int run(Scenario const& sc, std::ostream& out, std::ostream& err);
+
+  // Every entity path of the tree, in order.
+  std::vector<std::string> paths() const;
+  std::vector<std::string> viewNames() const;
+  // Throws ScenarioError for an unknown view.
+  std::string view(std::string const& name) const;
+
+  Zol::ActivityLoop& loop() { return loop_; }
+  Zol::Ptr<Vemo::VemoCommonSmData> const& commonData() const { return commonData_; }
+
+ private:
+  struct Target {
+    Zol::Entity* entity = nullptr;
+    Zol::EntityType const* type = nullptr;
+  };
+  // Walks a path through mounts and child entities; at type level when `live` is false.
+  Target resolve(std::string const& path, bool live, std::string const& where) const;
+  void validateStep(Step const& s) const;
+  // Returns false when an expectation failed.
+  bool applyStep(Step const& s, std::ostream& out, std::ostream& err);
+  void mount(std::string const& path, Zol::Entity* e);
+
+  bool json_;
+  Zol::ActivityLoop loop_{Zol::ActivityLoop::TimeMode::simulated};
+  Zol::Ptr<Vemo::VemoCommonSmData> commonData_;
+  std::map<std::string, Zol::Ptr<Zol::Entity>> mounts_;
+  std::map<std::string, std::function<std::string(bool json)>> views_;
+};
+
+// Renders a JSON object as indented "name: value" lines, collections one entry a line.
+std::string jsonAsText(rapidjson::Value const& v, int indent = 0);
+
+// The scenario run when none is given.
+extern char const* const kDefaultScenario;
+
+}  // namespace vemo::agent

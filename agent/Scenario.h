@@ -1,0 +1,55 @@
+// Scenario files: a JSON object with an optional "description", an optional "platform" object and
+// "steps", applied in order. Parsing checks the shape of every step; the agent then checks every
+// path, attribute, key and value against the entity types before any step runs.
+#pragma once
+
+#include <rapidjson/document.h>
+
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace vemo::agent {
+
+// A malformed scenario or bad usage; the text names the step, the path and what is wrong.
+class ScenarioError : public std::runtime_error {
+ public:
+  explicit ScenarioError(std::string const& what) : std::runtime_error(what) {}
+};
+
+struct Step {
+  enum class Kind { set, del, advance, show, expect };
+  Kind kind = Kind::show;
+  size_t number = 0;  // 1-based, as people count steps
+  std::string path;
+  std::string attr;
+  rapidjson::Value const* key = nullptr;
+  rapidjson::Value const* value = nullptr;  // set, expect (null JSON means absent)
+  double seconds = 0;
+  std::string view;
+
+  // "step 3 (expect vemo/common intf)": how messages name the step.
+  std::string label() const;
+};
+
+class Scenario {
+ public:
+  // Throws ScenarioError for text that is not JSON or steps of the wrong shape.
+  static Scenario parse(std::string_view text);
+  static Scenario load(std::string const& file);
+
+  std::string const& description() const { return description_; }
+  rapidjson::Value const* platform() const { return platform_; }
+  std::vector<Step> const& steps() const { return steps_; }
+
+ private:
+  std::shared_ptr<rapidjson::Document> doc_;
+  std::string description_;
+  rapidjson::Value const* platform_ = nullptr;
+  std::vector<Step> steps_;
+};
+
+}  // namespace vemo::agent

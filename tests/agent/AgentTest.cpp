@@ -1,0 +1,152 @@
+// The agent's scenario contract: what a malformed scenario is told, exit statuses, and output that
+// is the same on every run.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <sstream>
+
+#include "Agent.h"
+
+namespace vemo::agent {
+namespace {
+
+struct Result {
+  int status;
+  std::string out;
+  std::string err;
+};
+
+Result runText(std::string const& text, bool json = false) {
+  Agent agent(json);
+  std::ostringstream out, err;
+  try {
+    int const status = agent.run(Scenario::parse(text), out, err);
+    return {status, out.str(), err.str()};
+  } catch (ScenarioError const& e) {
+    return {2, out.str(), e.what()};
+  }
+}
+
+std::string steps(std::string const& body) { return R"({"steps": [)" + body + "]}"; }
+
+TEST(Agent, MalformedScenarioIsRejectedWholeNamingStepPathAndProblem) {
+  struct Case {
+    std::string steps;
+    std::string message;
+  };
+  Case const cases[] = {
+      {R"({"set": "vemo/nowhere", "attr": "intf", "key": "Ethernet1", "value": true})",
+       "step 2 (set vemo/nowhere intf[\"Ethernet1\"]): no entity at path 'vemo/nowhere'"},
+      {R"({"set": "vemo/common", "attr": "intff", "key": "Ethernet1", "value": true})",
+       "has no attribute 'intff'"},
+      {R"({"set": "vemo/common", "attr": "intf", "key": "Ethernt1", "value": true})",
+       "Ethernt1"},
+      {R"({"set": "vemo/common", "attr": "intf", "key": "Ethernet1", "value": 3})",
+       "expected true or false, found 3"},
+      {R"({"set": "vemo/common", "attr": "intf", "value": true})", "needs a 'key'"},
+      {R"({"set": "vemo/common", "attr": "minIntfs", "value": 70000})", "out of range"},
+      {R"({"set": "vemo/common", "attr": "operationalMode", "value": "modeFast"})",
+       "'modeFast' is not a value of Vemo::HwOperationalMode"},
+      {R"({"set": "vemo/common", "attr": "wevlLevels", "value": {"vemoNoSuchSm": 1}})",
+       "Vemo::WevlLevels has no field 'vemoNoSuchSm'"},
+      {R"({"set": "vemo/common", "attr": "initialized", "value": true, "colour": 1})",
+       "unexpected member 'colour'"},
+      {R"({"del": "vemo/common", "attr": "minIntfs", "key": 1})", "is not a collection"},
+      {R"({"expect": "vemo/common", "attr": "intf", "key": "Ethernet1"})", "needs a 'value'"},
+      {R"({"show": "nothing"})", "unknown view 'nothing'"},
+      {R"({"advance": -1})", "seconds must be a number >= 0"},
+      {R"({"expect": "vemo/common/vlanStatus/5000", "attr": "vlanId", "value": 1})",
+       "key '5000' in path"},
+      {R"({"set": "vemo/common", "attr": "verifySm", "value": 1})", "cannot be written"},
+  };
+  for (Case const& c : cases) {
+    // The first step would change state and print: a rejected scenario does neither.
+    Result const r = runText(steps(R"({"show": "common"}, )" + c.steps));
+    EXPECT_EQ(r.status, 2) << c.steps;
+    EXPECT_NE(r.err.find(c.message), std::string::npos) << c.steps << "\n" << r.err;
+    EXPECT_EQ(r.out, "") << c.steps;
+  }
+  EXPECT_EQ(runText("{").status, 2);
+  EXPECT_EQ(runText(R"({"steps": {}})").status, 2);
+  EXPECT_NE(runText(R"({"steps": [], "extra": 1})").err.find("unexpected member 'extra'"),
+            std::string::npos);
+}
+
+TEST(Agent, FailedExpectationStopsWithStatusOneAndSaysWhatDiffered) {
+  Result const r = runText(steps(R"(
+      {"set": "vemo/common", "attr": "portToLag", "key": "Ethernet1", "value": "Port-Channel1"},
+      {"expect": "vemo/common", "attr": "portToLag", "key": "Ethernet1", "value": "Port-Channel2"},
+      {"show": "common"})"));
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("step 2 (expect vemo/common portToLag[\"Ethernet1\"]): expected "
+                       "\"Port-Channel2\", found \"Port-Channel1\""),
+            std::string::npos)
+      << r.err;
+  EXPECT_EQ(r.out, "") << "steps after a failed expectation do not run";
+
+  // Absent entries compare with null, both ways.
+  EXPECT_EQ(runText(steps(R"({"expect": "vemo/common", "attr": "intf", "key": "Ethernet9",
+                              "value": null})"))
+                .status,
+            0);
+  EXPECT_EQ(runText(steps(R"({"expect": "vemo/common", "attr": "intf", "key": "Ethernet9",
+                              "value": false})"))
+                .status,
+            1);
+  // A child that a scenario never created is a failure at run time, not a malformed scenario.
+  EXPECT_EQ(runText(steps(R"({"expect": "vemo/common/vlanStatus/7", "attr": "vlanId",
+                              "value": 7})"))
+                .status,
+            1);
+}
+
+TEST(Agent, ValuesAreComparedByMeaningNotSpelling) {
+  // The same address in another spelling, an interface key given as a plain string.
+  EXPECT_EQ(runText(steps(R"(
+      {"set": "vemo/common", "attr": "peerRouterMac", "value": "001c.7300.0001"},
+      {"expect": "vemo/common", "attr": "peerRouterMac", "value": "00:1C:73:00:00:01"},
+      {"set": "vemo/common", "attr": "vlanStatus", "key": "20"},
+      {"expect": "vemo/common/vlanStatus/20", "attr": "vlanId", "value": 20})"))
+                .status,
+            0);
+}
+
+TEST(Agent, TimeAdvancesOnlyWhenAskedAndOutputIsRepeatable) {
+  std::string const sc = steps(R"(
+      {"set": "vemo/common", "attr": "intf", "key": "Ethernet2", "value": true},
+      {"set": "vemo/common", "attr": "intf", "key": "Ethernet10", "value": true},
+      {"set": "vemo/common", "attr": "intf", "key": "Ethernet1", "value": true},
+      {"advance": 2.5},
+      {"show": "common"})");
+  Result const a = runText(sc), b = runText(sc);
+  ASSERT_EQ(a.status, 0) << a.err;
+  EXPECT_EQ(a.out, b.out);
+  // Entries are listed in key order whatever the hash order.
+  size_t const e1 = a.out.find("Ethernet1:"), e2 = a.out.find("Ethernet2:"),
+               e10 = a.out.find("Ethernet10:");
+  EXPECT_LT(e1, e2);
+  EXPECT_LT(e2, e10);
+  Result const j = runText(sc, true);
+  EXPECT_NE(j.out.find("\"Ethernet10\": true"), std::string::npos) << j.out;
+
+  Agent agent;
+  agent.run(Scenario::parse(steps(R"({"advance": 2.5})")), std::cout, std::cerr);
+  EXPECT_DOUBLE_EQ(agent.loop().now(), 2.5);
+}
+
+TEST(Agent, PathsListTheTree) {
+  Agent agent;
+  std::ostringstream out, err;
+  ASSERT_EQ(agent.run(Scenario::parse(steps(
+                          R"({"set": "vemo/common", "attr": "vlanStatus", "key": 30})")),
+                      out, err),
+            0);
+  std::vector<std::string> const paths = agent.paths();
+  EXPECT_EQ(paths.front(), "vemo/common");
+  EXPECT_NE(std::find(paths.begin(), paths.end(), "vemo/common/verifyData"), paths.end());
+  EXPECT_NE(std::find(paths.begin(), paths.end(), "vemo/common/vlanStatus/30"), paths.end());
+}
+
+}  // namespace
+}  // namespace vemo::agent
