@@ -526,11 +526,27 @@ class FamilyEmitter:
                 f"{f.name}_({f.name}Check({f.name}))" if (f.min is not None or f.max is not None)
                 else f"{f.name}_({f.name})" for f in plain)
             out += [f"{q}::{n}({params}) : {inits} {{}}", ""]
-        eq = " && ".join(f"{f.name}_ == o.{f.name}_" for f in fields) or "true"
+        # An array with a count compares, like it prints and hashes, only its counted elements.
+        def same(f):
+            if f.array and f.count_field:
+                return (f"std::equal({f.name}_.begin(), {f.name}_.begin() + {f.name}_count(), "
+                        f"o.{f.name}_.begin(), o.{f.name}_.begin() + o.{f.name}_count())")
+            if f.type.builtin in ("double", "Seconds") and not f.array and not f.key:
+                # Bitwise, as writes compare: a NaN field reads back equal to itself.
+                return f"Zol::sameValue({f.name}_, o.{f.name}_)"
+            return f"{f.name}_ == o.{f.name}_"
+
+        def less(f):
+            if f.array and f.count_field:
+                return (f"std::lexicographical_compare({f.name}_.begin(), {f.name}_.begin() + "
+                        f"{f.name}_count(), o.{f.name}_.begin(), o.{f.name}_.begin() + "
+                        f"o.{f.name}_count())")
+            return f"{f.name}_ < o.{f.name}_"
+        eq = " && ".join(same(f) for f in fields) or "true"
         out += [f"bool {q}::operator==({n} const& o) const {{ return {eq}; }}", ""]
         out += [f"bool {q}::operator<({n} const& o) const {{"]
         for f in fields:
-            out.append(f"  if (!({f.name}_ == o.{f.name}_)) return {f.name}_ < o.{f.name}_;")
+            out.append(f"  if (!({same(f)})) return {less(f)};")
         out += ["  return false;", "}", "",
                 f"size_t {q}::hash() const {{ return absl::Hash<{n}>{{}}(*this); }}", "",
                 f"std::string {q}::stringValue() const {{",

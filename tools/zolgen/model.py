@@ -33,6 +33,8 @@ BUILTINS = {
     "Name": ("Zol::Name", "string"),
 }
 INTEGER_BUILTINS = {"U8", "U16", "U32", "U64", "S8", "S16", "S32", "S64"}
+INTEGER_LIMITS = {f"U{b}": (0, 2**b - 1) for b in (8, 16, 32, 64)}
+INTEGER_LIMITS.update({f"S{b}": (-2**(b - 1), 2**(b - 1) - 1) for b in (8, 16, 32, 64)})
 
 IDENT = re.compile(r"^[A-Za-z_][A-Za-z0-9_]*$")
 
@@ -209,6 +211,27 @@ def _check_ident(name, where):
         raise SchemaError(f"{where}: '{name}' is a C++ keyword")
 
 
+def _required(table, where, names):
+    for n in names:
+        if n not in table:
+            raise SchemaError(f"{where}: '{n}' is required")
+
+
+def _check_bounds(where, lo, hi, default, type_name):
+    """Ranged fields and attributes: sane bounds, and a default inside them."""
+    if lo is None and hi is None:
+        return
+    if type_name in INTEGER_LIMITS:
+        tlo, thi = INTEGER_LIMITS[type_name]
+        if (lo is not None and lo < tlo) or (hi is not None and hi > thi):
+            raise SchemaError(f"{where}: min and max must fit in {type_name}")
+    if lo is not None and hi is not None and lo > hi:
+        raise SchemaError(f"{where}: min is above max")
+    if isinstance(default, int) and not isinstance(default, bool):
+        if (lo is not None and default < lo) or (hi is not None and default > hi):
+            raise SchemaError(f"{where}: default {default} is outside {lo}..{hi}")
+
+
 def _known(table, where, allowed):
     for k in table:
         if k not in allowed:
@@ -234,6 +257,7 @@ def load_family(path):
                  [], [], [], [], [])
     for e in data.get("extern", []):
         _known(e, f"{path.name} extern", {"name", "header", "kind"})
+        _required(e, f"{path.name} extern {e.get('name')}", ("name", "header"))
         fam.externs.append(Extern(e["name"], e["header"], e.get("kind", "extern")))
     for e in data.get("enum", []):
         where = f"{path.name} enum {e.get('name')}"
@@ -252,11 +276,17 @@ def load_family(path):
     for r in data.get("range", []):
         where = f"{path.name} range {r.get('name')}"
         _known(r, where, {"name", "base", "min", "max", "error", "default", "doc", "namespace"})
+        _required(r, where, ("name", "base", "min", "max"))
         _check_ident(r.get("name"), where)
         if r.get("base") not in INTEGER_BUILTINS:
             raise SchemaError(f"{where}: base must be an integer type")
         if r["min"] > r["max"]:
             raise SchemaError(f"{where}: min is above max")
+        lo, hi = INTEGER_LIMITS[r["base"]]
+        if r["min"] < lo or r["max"] > hi:
+            raise SchemaError(f"{where}: min and max must fit in {r['base']}")
+        if not r["min"] <= r.get("default", r["min"]) <= r["max"]:
+            raise SchemaError(f"{where}: default {r['default']} is outside {r['min']}..{r['max']}")
         d = Range(fam_name, r.get("namespace", ns), r["name"], r["base"], r["min"], r["max"],
                   r.get("error") or f"{r['name']}::value < {r['min']} or > {r['max']} not allowed",
                   r.get("default", r["min"]), r.get("doc", ""))
@@ -347,10 +377,15 @@ class Schema:
             for d in fam.order:
                 kind = {Enum: "enum", Range: "range", Value: "value", Entity: "entity"}[type(d)]
                 self._add(d.qname, TypeRef(d.qname, kind, d), fam)
+        # Bases first, so that attribute counts and indices see whole chains.
+        for fam in families:
+            for d in fam.entities:
+                self._resolve_base(fam, d)
+        self._check_cycles()
         for fam in families:
             for d in fam.order:
                 self._resolve(fam, d)
-        self._check_cycles()
+        self._index_attrs()
 
     def _add(self, qname, ref, fam):
         if qname in self.types:
@@ -381,21 +416,32 @@ class Schema:
                     raise SchemaError(f"{where}.{f.name}: a value cannot hold an entity")
                 if f.key_name:
                     f.key = self.lookup(f.key_name, d.ns, f"{where}.{f.name}")
+                    if f.key.kind == "entity":
+                        raise SchemaError(f"{where}.{f.name}: an entity cannot be a key")
+                if (f.index_name or f.count_field) and not f.array:
+                    raise SchemaError(f"{where}.{f.name}: index and count_field need an array")
                 if f.index_name:
                     f.index = self.lookup(f.index_name, d.ns, f"{where}.{f.name}")
                     if f.index.kind != "range":
                         raise SchemaError(f"{where}.{f.name}: index must be a range type")
                 if f.count_field and f.count_field not in names:
                     raise SchemaError(f"{where}.{f.name}: unknown count_field '{f.count_field}'")
+                _check_bounds(f"{where}.{f.name}", f.min, f.max, f.default, f.type.builtin)
+                self._check_default(f"{where}.{f.name}", f.type, f.default)
+            by_name = {f.name: f for f in d.fields}
+            for f in d.fields:
+                if f.count_field:
+                    c = by_name[f.count_field].type
+                    if c.builtin not in INTEGER_BUILTINS and c.kind != "range":
+                        raise SchemaError(f"{where}.{f.name}: count_field '{f.count_field}' "
+                                          "must be an integer")
                 if (f.min is not None or f.max is not None) and f.type.builtin not in \
                         INTEGER_BUILTINS:
                     raise SchemaError(f"{where}.{f.name}: min/max need an integer type")
         elif isinstance(d, Entity):
-            if d.base:
-                b = self.lookup(d.base, d.ns, where)
-                if b.kind != "entity":
-                    raise SchemaError(f"{where}: base '{d.base}' is not an entity")
-                d.base_decl = b.decl
+            keys = [a.name for a in d.attrs if a.is_key]
+            if len(keys) > 1:
+                raise SchemaError(f"{where}: only one key attribute, found {', '.join(keys)}")
             for a in d.attrs:
                 aw = f"{where}.{a.name}"
                 a.type = self.lookup(a.type_name, d.ns, aw)
@@ -410,8 +456,21 @@ class Schema:
                 if (a.min is not None or a.max is not None) and a.type.builtin not in \
                         INTEGER_BUILTINS:
                     raise SchemaError(f"{aw}: min/max need an integer type")
-            if len(d.base_decl.all_attrs() if d.base_decl else []) + len(d.attrs) > 64:
+                _check_bounds(aw, a.min, a.max, a.default, a.type.builtin)
+                self._check_default(aw, a.type, a.default)
+            if len(d.all_attrs()) > 64:
                 raise SchemaError(f"{where}: more than 64 attributes")
+
+    def _check_default(self, where, t, default):
+        if isinstance(default, str) and t.kind == "enum" and default not in t.decl.values:
+            raise SchemaError(f"{where}: default '{default}' is not a value of {t.cpp}")
+
+    def _resolve_base(self, fam, d):
+        if d.base:
+            b = self.lookup(d.base, d.ns, f"{fam.path.name} {d.name}")
+            if b.kind != "entity":
+                raise SchemaError(f"{fam.path.name} {d.name}: base '{d.base}' is not an entity")
+            d.base_decl = b.decl
 
     def _check_cycles(self):
         for fam in self.families:
@@ -420,9 +479,12 @@ class Schema:
                 b = d
                 while b is not None:
                     if b.qname in seen:
-                        raise SchemaError(f"{d.name}: base cycle")
+                        raise SchemaError(f"{fam.path.name} {d.name}: base cycle through "
+                                          f"{b.qname}")
                     seen.add(b.qname)
                     b = b.base_decl
+
+    def _index_attrs(self):
         for fam in self.families:
             for d in fam.entities:
                 idx = d.base_count()
