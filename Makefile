@@ -4,7 +4,7 @@ SHELL := /bin/bash
 JOBS ?= $(shell nproc)
 DEPS := cmake ninja-build g++ python3 libabsl-dev rapidjson-dev libgtest-dev libgmock-dev \
         libbenchmark-dev
-FUZZ_DEPS := clang libclang-rt-dev
+FUZZ_DEPS := clang-16 libclang-rt-16-dev
 SCENARIO ?=
 
 .PHONY: all deps run test asan bench fuzz format clean
