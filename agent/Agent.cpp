@@ -65,8 +65,8 @@ std::string jsonAsText(rapidjson::Value const& v, int indent) {
   for (auto const& m : v.GetObject()) {
     std::string const name(m.name.GetString(), m.name.GetStringLength());
     if (flat(m.value)) {
-      out += pad + name + ": " + (m.value.IsArray() ? Zol::jsonText(m.value) : scalarText(m.value)) +
-             "\n";
+      out += pad + name + ": " +
+             (m.value.IsArray() ? Zol::jsonText(m.value) : scalarText(m.value)) + "\n";
     } else if (m.value.IsObject() && m.value.MemberCount() == 0) {
       out += pad + name + ": (none)\n";
     } else {
@@ -89,7 +89,9 @@ Agent::Agent(bool json) : json_(json) {
 
 Agent::~Agent() = default;
 
-void Agent::mount(std::string const& path, Zol::Entity* e) { mounts_[path] = Zol::Ptr<Zol::Entity>(e); }
+void Agent::mount(std::string const& path, Zol::Entity* e) {
+  mounts_[path] = Zol::Ptr<Zol::Entity>(e);
+}
 
 Agent::Target Agent::resolve(std::string const& path, bool live, std::string const& where) const {
   // The longest mount that prefixes the path, then attribute/key segments below it.
@@ -113,7 +115,8 @@ Agent::Target Agent::resolve(std::string const& path, bool live, std::string con
     std::string key;
     if (a->kind == Kind::childCollection) {
       if (++i >= rest.size()) {
-        throw ScenarioError(where + ": path '" + path + "' needs a key after '" + rest[i - 1] + "'");
+        throw ScenarioError(where + ": path '" + path + "' needs a key after '" + rest[i - 1] +
+                            "'");
       }
       key = rest[i];
       rapidjson::Value k(key.c_str(), static_cast<rapidjson::SizeType>(key.size()));
@@ -158,8 +161,10 @@ void Agent::validateStep(Step const& s) const {
   switch (s.kind) {
     case Step::Kind::set:
       if (a->kind == Kind::childCollection) {
-        if (!s.key) throw ScenarioError(where + ": creating a child of '" + s.attr + "' needs a key");
-        if (s.value) throw ScenarioError(where + ": a child is created by key alone, without value");
+        if (!s.key)
+          throw ScenarioError(where + ": creating a child of '" + s.attr + "' needs a key");
+        if (s.value)
+          throw ScenarioError(where + ": a child is created by key alone, without value");
         return;
       }
       if (!a->set) throw ScenarioError(where + ": '" + s.attr + "' cannot be written");
@@ -279,21 +284,20 @@ int Agent::run(Scenario const& sc, std::ostream& out, std::ostream& err) {
 
 std::vector<std::string> Agent::paths() const {
   std::vector<std::string> out;
-  std::function<void(std::string const&, Zol::Entity const&)> walk =
-      [&](std::string const& path, Zol::Entity const& e) {
-        out.push_back(path);
-        for (Zol::AttrDesc const* a : e.zolEntityType().allAttrs()) {
-          if (a->kind == Zol::AttrDesc::Kind::child) {
-            a->forEachChild(e, [&](std::string const&, Zol::Entity const& c) {
-              walk(path + "/" + a->name, c);
-            });
-          } else if (a->kind == Zol::AttrDesc::Kind::childCollection) {
-            a->forEachChild(e, [&](std::string const& key, Zol::Entity const& c) {
-              walk(path + "/" + a->name + "/" + key, c);
-            });
-          }
-        }
-      };
+  std::function<void(std::string const&, Zol::Entity const&)> walk = [&](std::string const& path,
+                                                                         Zol::Entity const& e) {
+    out.push_back(path);
+    for (Zol::AttrDesc const* a : e.zolEntityType().allAttrs()) {
+      if (a->kind == Zol::AttrDesc::Kind::child) {
+        a->forEachChild(
+            e, [&](std::string const&, Zol::Entity const& c) { walk(path + "/" + a->name, c); });
+      } else if (a->kind == Zol::AttrDesc::Kind::childCollection) {
+        a->forEachChild(e, [&](std::string const& key, Zol::Entity const& c) {
+          walk(path + "/" + a->name + "/" + key, c);
+        });
+      }
+    }
+  };
   for (auto const& [path, e] : mounts_) walk(path, *e);
   return out;
 }

@@ -28,21 +28,26 @@ char const* kindName(Step::Kind k) {
   return "?";
 }
 
-std::string str(rapidjson::Value const& v) { return std::string(v.GetString(), v.GetStringLength()); }
+std::string str(rapidjson::Value const& v) {
+  return std::string(v.GetString(), v.GetStringLength());
+}
 
 // Reads one step object; every member must be one that the step's kind takes.
 Step parseStep(rapidjson::Value const& s, size_t number) {
   std::string const where = "step " + std::to_string(number);
-  if (!s.IsObject()) throw ScenarioError(where + ": a step is an object, found " + Zol::jsonText(s));
-  static constexpr std::pair<char const*, Step::Kind> kinds[] = {
-      {"set", Step::Kind::set},       {"del", Step::Kind::del},
-      {"advance", Step::Kind::advance}, {"show", Step::Kind::show},
-      {"expect", Step::Kind::expect}};
+  if (!s.IsObject())
+    throw ScenarioError(where + ": a step is an object, found " + Zol::jsonText(s));
+  static constexpr std::pair<char const*, Step::Kind> kinds[] = {{"set", Step::Kind::set},
+                                                                 {"del", Step::Kind::del},
+                                                                 {"advance", Step::Kind::advance},
+                                                                 {"show", Step::Kind::show},
+                                                                 {"expect", Step::Kind::expect}};
   std::optional<Step::Kind> kind;
   for (auto const& [name, k] : kinds) {
     if (s.HasMember(name)) {
-      if (kind) throw ScenarioError(where + ": a step does one thing; found both '" +
-                                    kindName(*kind) + "' and '" + name + "'");
+      if (kind)
+        throw ScenarioError(where + ": a step does one thing; found both '" + kindName(*kind) +
+                            "' and '" + name + "'");
       kind = k;
     }
   }

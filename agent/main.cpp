@@ -43,7 +43,8 @@ int main(int argc, char** argv) {
     }
   }
   try {
-    Scenario const sc = file ? Scenario::load(file) : Scenario::parse(vemo::agent::kDefaultScenario);
+    Scenario const sc =
+        file ? Scenario::load(file) : Scenario::parse(vemo::agent::kDefaultScenario);
     Agent agent(json);
     if (listPaths) {
       for (auto const& p : agent.paths()) std::cout << p << "\n";

@@ -23,6 +23,6 @@ class ViaBitmapIter {
 // Builds an allocator of named fields in a hardware word of size bits (1 to 65535); a size of 0
 // raises the range error.
 Zol::Ptr<NamedRangeBitmap> namedRangeBitmapFactory(Zol::U16 size,
-                                                    NamedRangeBitmapStrictness strictness);
+                                                   NamedRangeBitmapStrictness strictness);
 
 }  // namespace VemoTypes

@@ -4,7 +4,9 @@ ZOL_TRACE_MODULE("VerifySm")
 
 namespace Vemo {
 
-void VerifyData::requestVerify(Zol::String const& request) { verifyIs(request, verify(request) + 1); }
+void VerifyData::requestVerify(Zol::String const& request) {
+  verifyIs(request, verify(request) + 1);
+}
 
 void VerifyData::requestReverify(Zol::String const& request) {
   reverifyIs(request, reverify(request) + 1);
@@ -17,7 +19,7 @@ void VerifyData::reportMismatch(Zol::String const& sm, Zol::String const& text) 
 
 size_t VerifyData::mismatchesOf(Zol::String const& request) const {
   size_t n = 0;
-  for (auto const& [seq, m] : mismatchAll()) n += m.request() == request;
+  for (auto const& entry : mismatchAll()) n += entry.second.request() == request;
   return n;
 }
 

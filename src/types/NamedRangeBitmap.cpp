@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "Vemo/VemoTypes.h"
 #include "Zol/Trace.h"
 
@@ -6,7 +8,7 @@ ZOL_TRACE_MODULE("VemoNamedRangeBitmap")
 namespace VemoTypes {
 
 Zol::Ptr<NamedRangeBitmap> namedRangeBitmapFactory(Zol::U16 size,
-                                                    NamedRangeBitmapStrictness strictness) {
+                                                   NamedRangeBitmapStrictness strictness) {
   return Zol::make<NamedRangeBitmap>("namedRangeBitmap", size, strictness);
 }
 
@@ -45,7 +47,10 @@ Zol::U16 NamedRangeBitmap::allocateAlignedMaxLostBits(Zol::String const& name, Z
                                                                           : 1;
   uint32_t const rem = nextFreeBit() % granule;
   if (granule > 1 && maxLostBits < rem) {
-    nextFreeBitIs(static_cast<Zol::U16>(nextFreeBit() + granule - rem));
+    // Past the last bit of a 65535-bit word the pointer stops at the end instead of wrapping
+    // back to bit 0, where it would hand out bits that are already taken.
+    uint32_t const aligned = nextFreeBit() + granule - rem;
+    nextFreeBitIs(static_cast<Zol::U16>(std::min<uint32_t>(aligned, invalidOffset)));
   }
   ZOL_TRACE(8, "after alignent nextFreeBit " << nextFreeBit());
   Zol::U16 const offset = nextFreeBit();
@@ -81,7 +86,8 @@ bool NamedRangeBitmap::isStrictlyCorrect(Zol::String const& name, Zol::U16 offse
                                          Zol::U8 width) const {
   for (auto const& [key, field] : fieldByKeyAll()) {
     uint32_t const o = key.offset(), w = field->width();
-    bool const overlaps = (offset <= o && o < uint32_t{offset} + width) || (o < offset && offset < o + w);
+    bool const overlaps =
+        (offset <= o && o < uint32_t{offset} + width) || (o < offset && offset < o + w);
     if (overlaps) {
       ZOL_TRACE(5, "strictess check failed for field:" << name << " and " << key.name());
       return false;

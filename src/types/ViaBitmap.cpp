@@ -67,7 +67,8 @@ ViaBitmapRange ViaBitmap::nextbitset(ViaBitmapRange from) const {
   }
   for (;;) {
     if (bits) return ViaBitmapRange(32 * word + std::countr_zero(bits));
-    if (++word >= 65) return ViaBitmapRange(null);
+    // Word 64 holds no slot: a bit there would name a position past null.
+    if (++word >= kCountedWords) return ViaBitmapRange(null);
     bits = bitList_[word];
   }
 }

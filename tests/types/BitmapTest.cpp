@@ -1,0 +1,113 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <initializer_list>
+#include <utility>
+
+#include "Vemo/VemoTypes.h"
+
+namespace {
+
+using testing::StrEq;
+using testing::ThrowsMessage;
+using Tolm::PerUnitBitmap;
+using Tolm::PerUnitBitmapWordIndex;
+using VemoTypes::Bitmap;
+using VemoTypes::BitmapIndex;
+
+VemoTypes::BitmapPosition at(Zol::U32 unit, Zol::U32 bit) {
+  return VemoTypes::BitmapPosition(BitmapIndex(unit), bit, false);
+}
+
+Bitmap bitmapOf(std::initializer_list<std::pair<Zol::U32, Zol::U32>> bits) {
+  Bitmap b;
+  for (auto [unit, bit] : bits) b.bitSet(at(unit, bit));
+  return b;
+}
+
+TEST(Bitmap, BitNumberingAndLimits) {
+  Bitmap b = bitmapOf({{2, 33}});
+  EXPECT_EQ(b.unitBitmap(BitmapIndex(2)).word(PerUnitBitmapWordIndex(1)), 0x2u);
+  EXPECT_TRUE(b.bitTest(at(2, 33)));
+  EXPECT_FALSE(b.bitTest(at(2, 32)) || b.bitTest(at(1, 33)) || b.bitTest(at(3, 33)));
+  EXPECT_EQ(b.unitBmpQuantity(), 3u);
+  b.bitSet(at(31, 287));
+  EXPECT_EQ(b.unitBitmap(BitmapIndex(31)).word(PerUnitBitmapWordIndex(8)), 0x80000000u);
+  EXPECT_EQ(b.unitBmpQuantity(), 32u);
+
+  Bitmap const before = b;
+  auto const wordError = ThrowsMessage<Zol::RangeException>(
+      StrEq("PerUnitBitmapWordIndex::value < 0 or > PerUnitBitmapWordIndex::max not allowed"));
+  EXPECT_THAT([&] { b.bitSet(at(0, 288)); }, wordError);
+  EXPECT_THAT([&] { b.bitClear(at(5, 288)); }, wordError);
+  EXPECT_THAT([&] { (void)b.bitTest(at(31, 288)); }, wordError);
+  EXPECT_EQ(b, before);
+}
+
+TEST(Bitmap, QuantityFollowsTheHighestNonEmptyUnit) {
+  Bitmap b = bitmapOf({{1, 3}, {2, 5}, {7, 0}, {7, 200}});
+  EXPECT_EQ(b.unitBmpQuantity(), 8u);
+  for (auto [unit, bit] : {std::pair{7, 0}, {2, 5}, {0, 1}}) b.bitClear(at(unit, bit));
+  EXPECT_EQ(b.unitBmpQuantity(), 8u);  // unit 2 emptied below the highest
+  b.bitClear(at(7, 200));
+  EXPECT_EQ(b.unitBmpQuantity(), 2u);
+  b.bitClear(at(1, 3));
+  EXPECT_TRUE(b.isEmpty());
+
+  PerUnitBitmap unit;
+  unit.wordIs(PerUnitBitmapWordIndex(4), 1);
+  for (Zol::U32 i : {9, 0, 3}) b.unitBitmapIs(BitmapIndex(i), unit);
+  EXPECT_TRUE(b.bitTest(at(9, 128)));
+  b.unitBitmapIs(BitmapIndex(0), PerUnitBitmap());
+  EXPECT_EQ(b.unitBmpQuantity(), 10u);
+  b.unitBitmapDel(BitmapIndex(9));
+  EXPECT_EQ(b.unitBmpQuantity(), 4u);
+  b.unitBitmapDel(BitmapIndex(3));
+  EXPECT_EQ(b, Bitmap());
+}
+
+TEST(Bitmap, EqualityHashAndSetOperations) {
+  Bitmap const a = bitmapOf({{0, 1}, {4, 100}, {3, 287}});
+  Bitmap b = bitmapOf({{3, 287}, {0, 1}, {4, 100}, {20, 0}});
+  EXPECT_NE(a, b);
+  b.bitClear(at(20, 0));
+  EXPECT_EQ(a, b);
+  EXPECT_EQ(a.hash(), b.hash());
+
+  Bitmap const other = bitmapOf({{4, 100}, {9, 9}});
+  Bitmap both = a;
+  both.bitmapOr(other);
+  EXPECT_EQ(both, bitmapOf({{0, 1}, {3, 287}, {4, 100}, {9, 9}}));
+  Bitmap common = other;  // loses its highest unit
+  common.bitmapAnd(a);
+  EXPECT_EQ(common, bitmapOf({{4, 100}}));
+  Bitmap rest = both;
+  rest.bitmapAndNot(other);
+  EXPECT_EQ(rest, bitmapOf({{0, 1}, {3, 287}}));
+  rest.bitmapAndNot(a);
+  EXPECT_EQ(rest, Bitmap());
+  both.bitmapOr(bitmapOf({{1, 0}}));
+  EXPECT_EQ(both.unitBmpQuantity(), 10u);
+}
+
+TEST(Bitmap, TextFormPrintsTheUsedUnitsAndParsesBack) {
+  EXPECT_EQ(Bitmap().stringValue(),
+            "Value('VemoTypes::Bitmap', ** {'unitBitmap': [], 'unitBmpQuantity': 0})");
+  Bitmap b = bitmapOf({{1, 33}});
+  EXPECT_EQ(b.stringValue(),
+            "Value('VemoTypes::Bitmap', ** {'unitBitmap': ["
+            "Value('Tolm::PerUnitBitmap', ** {'word': [0, 0, 0, 0, 0, 0, 0, 0, 0]}), "
+            "Value('Tolm::PerUnitBitmap', ** {'word': [0, 2, 0, 0, 0, 0, 0, 0, 0]})], "
+            "'unitBmpQuantity': 2})");
+  b.bitSet(at(31, 287));
+  EXPECT_EQ(Zol::valueFromString<Bitmap>(b.stringValue()), b);
+  EXPECT_THAT(
+      [] {
+        Zol::valueFromString<Bitmap>(
+            "Value('VemoTypes::Bitmap', ** {'unitBitmap': [], 'unitBmpQuantity': 33})");
+      },
+      ThrowsMessage<Zol::RangeException>(
+          StrEq("Bitmap::unitBmpQuantity < 0 or > Expr @VemoBitmapTypes:47 not allowed")));
+}
+
+}  // namespace
