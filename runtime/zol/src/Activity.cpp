@@ -32,9 +32,10 @@ ActivityLoop::ActivityLoop(TimeMode mode, Seconds simulatedStart)
 }
 
 ActivityLoop::~ActivityLoop() {
-  // Whatever is still queued belongs to entities that outlive the loop; drop it unsent.
-  while (queue_.linked()) queue_.next->unlink();
-  while (batch_.linked()) batch_.next->unlink();
+  // Whatever is still queued belongs to entities that outlive the loop; drop it unsent, and out
+  // of the slots that coalesce it, or those would never queue a change again.
+  while (queue_.linked()) static_cast<PendingRecord*>(queue_.next)->drop();
+  while (batch_.linked()) static_cast<PendingRecord*>(batch_.next)->drop();
   for (HeapEntry& e : heap_) e.clock->heapIndex_ = Clock::npos;
   if (currentLoop == this) currentLoop = previous_;
 }
@@ -56,6 +57,9 @@ Seconds ActivityLoop::now() const {
 
 void ActivityLoop::advanceTo(Seconds t) {
   ZOL_ASSERT(mode_ == TimeMode::simulated);
+  // What is pending now runs now: a handler that arms a timer for now() + d must not see the
+  // time of the first deadline on the way.
+  runUntilIdle();
   while (!heap_.empty() && heap_.front().deadline <= t) {
     if (heap_.front().deadline > now_) now_ = heap_.front().deadline;
     runUntilIdle();

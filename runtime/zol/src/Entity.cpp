@@ -17,6 +17,10 @@ class ScalarRecord final : public PendingRecord {
     delete this;
     keep->zolDeliver(attr, nullptr);
   }
+  void drop() override {
+    *owner_ = nullptr;
+    delete this;
+  }
 
  private:
   Entity* entity_;

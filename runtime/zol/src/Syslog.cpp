@@ -8,10 +8,10 @@ namespace {
 Syslog::Capture* capture = nullptr;
 }
 
-void Syslog::emit(SyslogMessage const& m, ...) {
+void Syslog::emitf(SyslogMessage const* m, ...) {
   va_list args;
   va_start(args, m);
-  vemit(m, args);
+  vemit(*m, args);
   va_end(args);
 }
 

@@ -74,6 +74,13 @@ void TextParser::fail(std::string_view expected) const {
                    " at offset " + std::to_string(pos_));
 }
 
+void TextParser::failWithin(ParseError const& e) const {
+  std::string const prefix = "cannot parse '" + std::string(text_) + "'";
+  std::string_view const what = e.what();
+  if (what.starts_with(prefix)) throw e;
+  throw ParseError(prefix + ": " + std::string(what));
+}
+
 bool TextTraits<bool>::parse(TextParser& p) {
   if (p.consume("True")) return true;
   if (p.consume("False")) return false;

@@ -74,6 +74,8 @@ TraceHandle::TraceHandle(std::string_view module) : module_(module) {
   r.handles.push_back(this);
 }
 
+TraceHandle::~TraceHandle() { std::erase(registry().handles, this); }
+
 void Trace::settingIs(std::string_view setting) {
   Registry& r = registry();
   r.envRead = true;

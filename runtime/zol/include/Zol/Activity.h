@@ -44,6 +44,8 @@ class PendingRecord : public PendingLink {
   virtual ~PendingRecord() { unlink(); }
   // Releases the record and then delivers it.
   virtual void deliver() = 0;
+  // Releases the record unsent; its slot queues the next change afresh.
+  virtual void drop() = 0;
 };
 
 class ActivityLoop {

@@ -10,6 +10,7 @@
 #include <bit>
 #include <cstdint>
 #include <cstring>
+#include <deque>
 #include <memory>
 #include <type_traits>
 #include <vector>
@@ -76,21 +77,62 @@ struct ScalarSlot {
 };
 
 template <class K>
-class KeyedRecord;
+class PendingKeys;
 
-// Coalesces the pending notifications of one collection, one record per key.
-template <class K>
-using PendingKeys = absl::node_hash_map<K, KeyedRecord<K>>;
-
+// The pending notification of one key of a collection.
 template <class K>
 class KeyedRecord final : public PendingRecord {
  public:
-  KeyedRecord() = default;
   void deliver() override;
-  Entity* entity = nullptr;
+  void drop() override;
   PendingKeys<K>* owner = nullptr;
-  K const* key = nullptr;
+  K key{};
   uint32_t attr = 0;
+  bool live = false;
+};
+
+// Coalesces the pending notifications of one collection, one record per key. Records come from a
+// slab and are recycled; the index is not pruned as records are delivered (that would cost a
+// second hash lookup per key) but checked on use and cleared once nothing is pending.
+template <class K>
+class PendingKeys {
+ public:
+  explicit PendingKeys(Entity* e) : entity_(e) {}
+  PendingKeys(PendingKeys const&) = delete;
+  PendingKeys& operator=(PendingKeys const&) = delete;
+
+  Entity* entity() const { return entity_; }
+  void add(K const& k, uint32_t attr) {
+    auto [it, inserted] = index_.try_emplace(k, nullptr);
+    KeyedRecord<K>* r = it->second;
+    if (!inserted && r && r->live && r->key == k) return;
+    if (free_.empty()) {
+      r = &slab_.emplace_back();
+      r->owner = this;
+    } else {
+      r = free_.back();
+      free_.pop_back();
+    }
+    r->key = k;
+    r->attr = attr;
+    r->live = true;
+    ++live_;
+    it->second = r;
+    ActivityLoop::current().enqueue(r);
+  }
+  void release(KeyedRecord<K>* r) {
+    r->live = false;
+    r->unlink();
+    free_.push_back(r);
+    if (--live_ == 0) index_.clear();
+  }
+
+ private:
+  Entity* entity_;
+  absl::flat_hash_map<K, KeyedRecord<K>*> index_;
+  std::deque<KeyedRecord<K>> slab_;
+  std::vector<KeyedRecord<K>*> free_;
+  size_t live_ = 0;
 };
 
 // A keyed collection with its coalescing slots. Map is absl::flat_hash_map or absl::btree_map.
@@ -175,16 +217,8 @@ class Entity : public PtrInterface {
     uint64_t const bit = uint64_t{1} << attr;
     if (deferredMask_ & bit) {
       using Key = typename Slot::key_type;
-      if (!s.pending) s.pending = std::make_unique<PendingKeys<Key>>();
-      auto [it, inserted] = s.pending->try_emplace(k);
-      if (inserted) {
-        KeyedRecord<Key>& r = it->second;
-        r.entity = this;
-        r.owner = s.pending.get();
-        r.key = &it->first;
-        r.attr = attr;
-        ActivityLoop::current().enqueue(&r);
-      }
+      if (!s.pending) s.pending = std::make_unique<PendingKeys<Key>>(this);
+      s.pending->add(k, attr);
     }
     if (immediateMask_ & bit) zolImmediate(attr, &k);
   }
@@ -207,11 +241,16 @@ class Entity : public PtrInterface {
 
 template <class K>
 void KeyedRecord<K>::deliver() {
-  Ptr<Entity const> keep(entity);
-  K const k = *key;
+  Ptr<Entity const> keep(owner->entity());
+  K const k = key;  // the record may be reused by the handlers
   uint32_t const a = attr;
-  owner->erase(k);  // destroys this record
+  owner->release(this);
   keep->zolDeliver(a, &k);
+}
+
+template <class K>
+void KeyedRecord<K>::drop() {
+  owner->release(this);
 }
 
 // Creates an entity (or any counted object) and hands back its first reference.

@@ -27,7 +27,11 @@ struct SyslogRecord {
 class Syslog {
  public:
   // Formats the message's printf-style format with the arguments and sends it.
-  static void emit(SyslogMessage const& m, ...);
+  template <class... Args>
+  static void emit(SyslogMessage const& m, Args... args) {
+    emitf(&m, args...);
+  }
+  static void emitf(SyslogMessage const* m, ...);
   static void vemit(SyslogMessage const& m, va_list args);
 
   class Capture {

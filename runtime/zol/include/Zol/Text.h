@@ -38,6 +38,9 @@ class TextParser {
   std::string_view word();
   // Throws ParseError naming the whole text, the place and what was expected.
   [[noreturn]] void fail(std::string_view expected) const;
+  // Rethrows the error of one value inside the text (a number, an enumerator, an address) naming
+  // the whole text as well, unless it already does.
+  [[noreturn]] void failWithin(ParseError const& e) const;
   std::string_view text() const { return text_; }
 
  private:
@@ -126,9 +129,13 @@ std::string stringValue(T const& v) {
 template <class T>
 T valueFromString(std::string_view s) {
   TextParser p(s);
-  T v = textParse<T>(p);
-  if (!p.atEnd()) p.fail("end of text");
-  return v;
+  try {
+    T v = textParse<T>(p);
+    if (!p.atEnd()) p.fail("end of text");
+    return v;
+  } catch (ParseError const& e) {
+    p.failWithin(e);
+  }
 }
 
 template <class T>

@@ -15,6 +15,8 @@ namespace Zol {
 class TraceHandle {
  public:
   explicit TraceHandle(std::string_view module);
+  // Leaves the registry, so that later settings do not write into freed memory.
+  ~TraceHandle();
   TraceHandle(TraceHandle const&) = delete;
   TraceHandle& operator=(TraceHandle const&) = delete;
 
