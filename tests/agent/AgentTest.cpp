@@ -40,8 +40,7 @@ TEST(Agent, MalformedScenarioIsRejectedWholeNamingStepPathAndProblem) {
        "step 2 (set vemo/nowhere intf[\"Ethernet1\"]): no entity at path 'vemo/nowhere'"},
       {R"({"set": "vemo/common", "attr": "intff", "key": "Ethernet1", "value": true})",
        "has no attribute 'intff'"},
-      {R"({"set": "vemo/common", "attr": "intf", "key": "Ethernt1", "value": true})",
-       "Ethernt1"},
+      {R"({"set": "vemo/common", "attr": "intf", "key": "Ethernt1", "value": true})", "Ethernt1"},
       {R"({"set": "vemo/common", "attr": "intf", "key": "Ethernet1", "value": 3})",
        "expected true or false, found 3"},
       {R"({"set": "vemo/common", "attr": "intf", "value": true})", "needs a 'key'"},
@@ -138,8 +137,8 @@ TEST(Agent, TimeAdvancesOnlyWhenAskedAndOutputIsRepeatable) {
 TEST(Agent, PathsListTheTree) {
   Agent agent;
   std::ostringstream out, err;
-  ASSERT_EQ(agent.run(Scenario::parse(steps(
-                          R"({"set": "vemo/common", "attr": "vlanStatus", "key": 30})")),
+  ASSERT_EQ(agent.run(Scenario::parse(
+                          steps(R"({"set": "vemo/common", "attr": "vlanStatus", "key": 30})")),
                       out, err),
             0);
   std::vector<std::string> const paths = agent.paths();

@@ -25,9 +25,7 @@ void threadSafePtrsIs(bool on) { threadSafePtrsOn = on; }
 bool threadSafePtrs() { return threadSafePtrsOn; }
 
 ActivityLoop::ActivityLoop(TimeMode mode, Seconds simulatedStart)
-    : mode_(mode),
-      now_(mode == TimeMode::simulated ? simulatedStart : 0),
-      previous_(currentLoop) {
+    : mode_(mode), now_(mode == TimeMode::simulated ? simulatedStart : 0), previous_(currentLoop) {
   currentLoop = this;
 }
 

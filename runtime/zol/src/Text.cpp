@@ -1,14 +1,14 @@
 #include "Zol/Text.h"
 
-#include <cmath>
 #include <cctype>
+#include <cmath>
 #include <cstdlib>
 
 namespace Zol {
 
 void TextParser::skipSpace() {
-  while (pos_ < text_.size() && (text_[pos_] == ' ' || text_[pos_] == '\t' ||
-                                 text_[pos_] == '\n' || text_[pos_] == '\r')) {
+  while (pos_ < text_.size() && (text_[pos_] == ' ' || text_[pos_] == '\t' || text_[pos_] == '\n' ||
+                                 text_[pos_] == '\r')) {
     ++pos_;
   }
 }

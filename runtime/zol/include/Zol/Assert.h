@@ -10,15 +10,15 @@ namespace Zol {
 }  // namespace Zol
 
 // The message is the condition's text.
-#define ZOL_ASSERT(cond)                                                           \
-  do {                                                                             \
-    if (!(cond)) [[unlikely]]                                                      \
-      ::Zol::assertFail(#cond, __FILE__, __LINE__, __PRETTY_FUNCTION__);           \
+#define ZOL_ASSERT(cond)                                                 \
+  do {                                                                   \
+    if (!(cond)) [[unlikely]]                                            \
+      ::Zol::assertFail(#cond, __FILE__, __LINE__, __PRETTY_FUNCTION__); \
   } while (0)
 
 // A fixed message instead of the condition's text.
-#define ZOL_ASSERT_MSG(cond, message)                                              \
-  do {                                                                             \
-    if (!(cond)) [[unlikely]]                                                      \
-      ::Zol::assertFail(message, __FILE__, __LINE__, __PRETTY_FUNCTION__);         \
+#define ZOL_ASSERT_MSG(cond, message)                                      \
+  do {                                                                     \
+    if (!(cond)) [[unlikely]]                                              \
+      ::Zol::assertFail(message, __FILE__, __LINE__, __PRETTY_FUNCTION__); \
   } while (0)

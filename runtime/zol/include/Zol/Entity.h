@@ -124,7 +124,15 @@ class PendingKeys {
     r->live = false;
     r->unlink();
     free_.push_back(r);
-    if (--live_ == 0) index_.clear();
+    if (--live_ == 0) {
+      index_.clear();
+    } else if (index_.size() > 4 * live_ + 1024) {
+      // A collection that always has something pending would otherwise keep an entry for every
+      // key ever written; pruning when stale entries dominate keeps this amortised O(1).
+      absl::erase_if(index_, [](auto const& e) {
+        return !e.second || !e.second->live || !(e.second->key == e.first);
+      });
+    }
   }
 
  private:
@@ -169,7 +177,8 @@ class Entity : public PtrInterface {
   ~Entity() override;
 
   // Generated: calls the handler of attr on one reactor of this entity's type.
-  virtual void zolDispatch(NotifieeBase& r, uint32_t attr, void const* key, bool immediate) const = 0;
+  virtual void zolDispatch(NotifieeBase& r, uint32_t attr, void const* key,
+                           bool immediate) const = 0;
 
   template <class T>
   bool zolScalarWrite(ScalarSlot<T>& s, T const& v, uint32_t attr) {

@@ -37,8 +37,7 @@ T fromJson(Json const& j) {
 [[noreturn]] void jsonTypeError(Json const& j, char const* expected);
 
 template <class T>
-  requires std::is_integral_v<T> && (!std::is_same_v<T, bool>)
-struct JsonTraits<T> {
+requires std::is_integral_v<T> &&(!std::is_same_v<T, bool>)struct JsonTraits<T> {
   static Json to(T v, JsonAlloc&) {
     if constexpr (std::is_signed_v<T>) {
       return Json(static_cast<int64_t>(v));
@@ -98,7 +97,9 @@ struct JsonTraits<std::string> {
 
 template <StringLike T>
 struct JsonTraits<T> {
-  static Json to(T const& v, JsonAlloc& a) { return JsonTraits<std::string>::to(v.stringValue(), a); }
+  static Json to(T const& v, JsonAlloc& a) {
+    return JsonTraits<std::string>::to(v.stringValue(), a);
+  }
   static T from(Json const& j) { return T::fromString(JsonTraits<std::string>::from(j)); }
 };
 

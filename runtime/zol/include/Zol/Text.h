@@ -67,19 +67,19 @@ template <class E>
 struct EnumTraits;
 
 template <class E>
-concept GeneratedEnum = std::is_enum_v<E> && requires { EnumTraits<E>::names; };
+concept GeneratedEnum = std::is_enum_v<E> && requires {
+  EnumTraits<E>::names;
+};
 
 template <class E>
-  requires GeneratedEnum<E>
-std::string_view enumName(E e) {
+requires GeneratedEnum<E> std::string_view enumName(E e) {
   auto const& names = EnumTraits<E>::names;
   auto i = static_cast<size_t>(e);
   return i < std::size(names) ? names[i] : std::string_view("<invalid>");
 }
 
 template <class E>
-  requires GeneratedEnum<E>
-E enumFromName(std::string_view s) {
+requires GeneratedEnum<E> E enumFromName(std::string_view s) {
   auto const& names = EnumTraits<E>::names;
   for (size_t i = 0; i < std::size(names); ++i) {
     if (names[i] == s) return static_cast<E>(i);
@@ -139,8 +139,7 @@ T valueFromString(std::string_view s) {
 }
 
 template <class T>
-  requires std::is_integral_v<T> && (!std::is_same_v<T, bool>)
-struct TextTraits<T> {
+requires std::is_integral_v<T> &&(!std::is_same_v<T, bool>)struct TextTraits<T> {
   static void print(std::string& out, T v) { out += std::to_string(v); }
   static T parse(TextParser& p) { return parseInteger<T>(p.numberToken()); }
 };

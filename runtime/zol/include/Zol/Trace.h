@@ -85,19 +85,19 @@ class TraceLine {
 }  // namespace Zol
 
 // Declares the module's trace handle in a source file: _defaultTraceHandle().
-#define ZOL_TRACE_MODULE(name)                                  \
-  namespace {                                                   \
-  ::Zol::TraceHandle const& _defaultTraceHandle() {             \
-    static ::Zol::TraceHandle const handle{name};               \
-    return handle;                                              \
-  }                                                             \
+#define ZOL_TRACE_MODULE(name)                      \
+  namespace {                                       \
+  ::Zol::TraceHandle const& _defaultTraceHandle() { \
+    static ::Zol::TraceHandle const handle{name};   \
+    return handle;                                  \
+  }                                                 \
   }
 
-#define ZOL_TRACE_H(handle, level, ...)                                      \
-  do {                                                                       \
-    if ((handle).enabled(level)) [[unlikely]] {                              \
-      ::Zol::TraceLine(handle, level) << __VA_ARGS__;                        \
-    }                                                                        \
+#define ZOL_TRACE_H(handle, level, ...)               \
+  do {                                                \
+    if ((handle).enabled(level)) [[unlikely]] {       \
+      ::Zol::TraceLine(handle, level) << __VA_ARGS__; \
+    }                                                 \
   } while (0)
 
 // Traces through the source file's module handle.
