@@ -32,6 +32,11 @@ def close_ns(ns):
     return f"}}  // namespace {ns}"
 
 
+def method_decl(m):
+    """A schema method line as C++: comments and inline bodies take no semicolon."""
+    return m if m.startswith("//") or m.endswith("}") else m + ";"
+
+
 def default_expr(t, default, expr):
     """The C++ initialiser of a field or attribute, or '' for the type's own default."""
     if expr:
@@ -240,8 +245,7 @@ class FamilyEmitter:
             else:
                 out.append(f"    h = H::combine(std::move(h), v.{f.name}_);")
         out += ["    return h;", "  }"]
-        for m in d.methods:
-            out.append(f"  {m};")
+        out += [f"  {method_decl(m)}" for m in d.methods]
         out += ["", " private:", f"  friend struct Zol::JsonTraits<{n}>;"]
         for f in d.fields:
             init = default_expr(f.type, f.default, f.default_expr) if not (f.key or f.array) \
@@ -335,8 +339,7 @@ class FamilyEmitter:
                 f"  char const* zolTypeName() const override {{ return {cstr(d.qname)}; }}"]
         for a in d.attrs:
             out += self.entity_accessors(d, a)
-        for m in d.methods:
-            out.append(f"  {m};")
+        out += [f"  {method_decl(m)}" for m in d.methods]
         out += ["", " protected:",
                 "  void zolDispatch(Zol::NotifieeBase& r, uint32_t attr, void const* key,",
                 "                   bool immediate) const override;", "", " private:"]

@@ -1,0 +1,195 @@
+// The port-channel SM: turns the published port-channel status into the agent-wide membership
+// maps (portToLag, lagToPort) and into calls on the chip driver's port-channel block.
+#pragma once
+
+#include <absl/container/btree_map.h>
+
+#include <memory>
+
+#include "Vemo/VemoCommon.h"
+#include "ZolGen/Interface.h"
+#include "ZolGen/Lag.h"
+#include "ZolGen/Mlag.h"
+#include "ZolGen/VemoL2.h"
+
+namespace VemoHelper {
+
+// The port-channel block of the chip, implemented by the platform. Every operation runs on the
+// agent's thread and returns when the chip holds the change; a refusal is the platform's to
+// record and retry, the SM does not see it. Operations the platform leaves alone trace "Call to
+// unimplemented function" and do nothing.
+class VemoHelperLagSm : public Vemo::VemoBaseHelper {
+ public:
+  explicit VemoHelperLagSm(Zol::Name const& name);
+  std::string_view fwkType() const override { return "VemoHelper::VemoHelperLagSm"; }
+
+  // Sets up the port-channel block. The SM calls it once, at start, before any other operation.
+  virtual void hwInit();
+  // LACP packets are trapped to the CPU (true) or forwarded as data (false, tap aggregation).
+  virtual void lacpEnabledIs(bool enabled);
+  // Creates the port-channel in hardware unless it exists. Called before every updateLag.
+  virtual void maybeCreateLag(Nepo::IntfId const& lag);
+  // Removes the port-channel, members and all, if it exists.
+  virtual void maybeDestroyLag(Nepo::IntfId const& lag);
+  // Adds or removes one member; members is the whole list after the change.
+  virtual void updateLagMember(Nepo::IntfId const& lag, Nepo::IntfId const& member, bool add,
+                               Vemo::VemoLagPortList const& members);
+  // Programs the whole member list, with each member's collecting and distributing state; an
+  // empty list leaves the port-channel in place without members.
+  virtual void updateLag(Nepo::IntfId const& lag, Vemo::VemoLagPortList const& members);
+  // True when isIntfManaged, not the common data's interface list, says which interfaces this
+  // agent programs (a chip that serves only some of the switch's ports).
+  virtual bool intfManagedCheckOverride() const;
+  virtual bool isIntfManaged(Nepo::IntfId const& intf) const;
+  // The members of the MLAG peer link start (share) or stop backing up the MLAG interface lag.
+  virtual void maybeShareLagMembership(Nepo::IntfId const& peerLink, Nepo::IntfId const& lag,
+                                       bool share);
+  // Compares the chip with the common data's lagToPort and reports each difference through its
+  // verification store. handleRetryVerify runs the same comparison again.
+  virtual void handleVerify();
+  virtual void handleRetryVerify();
+};
+
+}  // namespace VemoHelper
+
+namespace Vemo {
+
+// One reactor per port-channel status, created when the port-channel appears and initialized
+// once the SM is; before that it programs nothing.
+class LagSm : public VemoBaseSm {
+ public:
+  class ZolStatus;
+
+  LagSm(Zol::Ptr<VemoCommonSmData> const& commonData,
+        Zol::Ptr<Interface::EthLagIntfStatusDir const> const& ethLagIntfStatusDir,
+        Zol::Ptr<Lag::Input::IntfDeviceNameDir> const& lagInputIntfDeviceNameDir,
+        Zol::Ptr<VemoHelper::VemoHelperLagSm> const& helper);
+  ~LagSm() override;
+  std::string_view fwkType() const override { return "Vemo::LagSm"; }
+
+  // Start: the helper's set-up, LACP for the operational mode, the MLAG status mount, then every
+  // port-channel's first full pass.
+  void handleInitialized() override;
+
+  Zol::Ptr<Interface::EthLagIntfStatusDir const> const& ethLagIntfStatusDir() const {
+    return ethLagIntfStatusDir_;
+  }
+  Zol::Ptr<Lag::Input::IntfDeviceNameDir> const& lagInputIntfDeviceNameDir() const {
+    return lagInputIntfDeviceNameDir_;
+  }
+  Zol::Ptr<VemoHelper::VemoHelperLagSm> const& helper() const { return helper_; }
+  Zol::Ptr<VerifyData> const& verifyData() const { return commonData()->verifyData(); }
+
+  // The platform's mounter of the MLAG status; set before start. Without one, MLAG status comes
+  // only through mlagStatusIs.
+  Zol::Ptr<LagMounter> const& lagMounter() const { return lagMounter_; }
+  void lagMounterIs(Zol::Ptr<LagMounter> const& mounter);
+  Zol::Ptr<Mlag::Status const> const& mlagStatus() const { return mlagStatus_; }
+  void mlagStatusIs(Zol::Ptr<Mlag::Status const> const& status);
+
+  ZolStatus* status(Nepo::IntfId const& lag) const;
+  size_t statusSize() const { return status_.size(); }
+  VemoLagPortList const& localMember(Nepo::IntfId const& lag) const;
+  bool sharePeerLinkWithLag(Nepo::IntfId const& lag) const {
+    return sharePeerLinkWithLag_.contains(lag);
+  }
+  Nepo::IntfId const& currentPeerLink() const { return currentPeerLink_; }
+  // Set when the agent restarts hitlessly: removals then leave hardware and maps as they are.
+  bool disableCleanupOnRestart() const { return disableCleanupOnRestart_; }
+  void disableCleanupOnRestartIs(bool v) { disableCleanupOnRestart_ = v; }
+
+  bool isIntfManaged(Nepo::IntfId const& intf) const;
+  void handleOperationalMode();
+  void handleVerify(Zol::String const& request);
+  void handleRetryVerify(Zol::String const& request);
+
+  // MLAG peer-link sharing.
+  void maybeSharePeerLinkWithLag(Nepo::IntfId const& lag, VemoLagPortList const& members);
+  void addOrRemovePeerLink(Nepo::IntfId const& lag, Nepo::IntfId const& peerLink,
+                           VemoLagPortList const& peerLinkMembers, bool forceUpdate);
+  void handleMlagStateOrPeerLinkIntf();
+  void handleMlagFastMacRedirection();
+  void handleMlagIntfStatus(Nepo::IntfId const& lag);
+
+ private:
+  friend class ZolStatus;
+  class DirReactor;
+  class CommonReactor;
+  class VerifyReactor;
+  class MlagReactor;
+  class MounterReactor;
+
+  void newStatus(Nepo::IntfId const& lag);
+  void statusDel(Nepo::IntfId const& lag);
+  void handleIntfManaged(Nepo::IntfId const& intf);
+  // Every LAG except lag that holds port loses it.
+  void doScrubMember(Nepo::IntfId const& lag, Nepo::IntfId const& port);
+  void localMemberIs(Nepo::IntfId const& lag, VemoLagPortList const& members);
+  void localMemberDel(Nepo::IntfId const& lag) { localMember_.erase(lag); }
+  void currentPeerLinkIs(Nepo::IntfId const& peerLink) { currentPeerLink_ = peerLink; }
+  bool mlagStateValid() const;
+  bool peerLinkValid() const;
+  // The full MLAG pass; peerLinkMembers is the peer link's list as it is about to be programmed.
+  void sharePeerLinkWithAll(VemoLagPortList const& peerLinkMembers, bool forceUpdate);
+  void stopSharingPeerLink(Nepo::IntfId const& peerLink);
+  VemoLagPortList const& lagToPortOrEmpty(Nepo::IntfId const& lag) const;
+  void verifyMaps();
+
+  Zol::Ptr<Interface::EthLagIntfStatusDir const> ethLagIntfStatusDir_;
+  Zol::Ptr<Lag::Input::IntfDeviceNameDir> lagInputIntfDeviceNameDir_;
+  Zol::Ptr<VemoHelper::VemoHelperLagSm> helper_;
+  Zol::Ptr<LagMounter> lagMounter_;
+  Zol::Ptr<Mlag::Status const> mlagStatus_;
+  // Key order, so that passes over every port-channel trace and program deterministically.
+  absl::btree_map<Nepo::IntfId, std::unique_ptr<ZolStatus>> status_;
+  absl::flat_hash_map<Nepo::IntfId, VemoLagPortList> localMember_;
+  absl::btree_map<Nepo::IntfId, bool> sharePeerLinkWithLag_;
+  Nepo::IntfId currentPeerLink_;
+  bool disableCleanupOnRestart_ = false;
+  // A verification request that arrived before start; served after the next full resync.
+  Zol::String pendingVerify_;
+  std::unique_ptr<DirReactor> dirReactor_;
+  std::unique_ptr<CommonReactor> commonReactor_;
+  std::unique_ptr<VerifyReactor> verifyReactor_;
+  std::unique_ptr<MlagReactor> mlagReactor_;
+  std::unique_ptr<MounterReactor> mounterReactor_;
+};
+
+// The reactor on one port-channel's status.
+class LagSm::ZolStatus : public Interface::EthLagIntfStatus::NotifieeConst {
+ public:
+  ZolStatus(LagSm* sm, Zol::Ptr<Interface::EthLagIntfStatus const> const& status);
+
+  Nepo::IntfId const& intf() const { return intf_; }
+  bool initialized() const { return initialized_; }
+  // Per-port-channel start; does nothing until the SM is initialized.
+  void handleInitialized();
+  // Full resync from the status's member list.
+  void handleIntf();
+  // One member changed.
+  void handleIntf(Nepo::IntfId const& member);
+  void doUpdateMember(Nepo::IntfId const& member, bool add);
+  void doUpdatePortList(VemoLagPortList const& newList);
+  void doCleanupLag();
+  // The status disappeared.
+  void handleDel();
+
+  void onMember(Nepo::IntfId const& member) override;
+  void onDeviceName() override;
+
+ private:
+  bool statusExists() const;
+  void writeDeviceName();
+
+  LagSm* sm_;
+  Nepo::IntfId intf_;
+  bool initialized_ = false;
+};
+
+Zol::Ptr<LagSm> lagSmFactory(
+    Zol::Ptr<VemoCommonSmData> const& commonData,
+    Zol::Ptr<Interface::EthLagIntfStatusDir const> const& ethLagIntfStatusDir,
+    Zol::Ptr<Lag::Input::IntfDeviceNameDir> const& lagInputIntfDeviceNameDir,
+    Zol::Ptr<VemoHelper::VemoHelperLagSm> const& helper);
+
+}  // namespace Vemo

@@ -1,0 +1,263 @@
+// The port-channel SM: start, per-port-channel reactors, membership updates and clean-up.
+#include "LagSmReactors.h"
+
+ZOL_TRACE_MODULE("LagSm")
+
+namespace Vemo {
+
+LagSm::LagSm(Zol::Ptr<VemoCommonSmData> const& commonData,
+             Zol::Ptr<Interface::EthLagIntfStatusDir const> const& ethLagIntfStatusDir,
+             Zol::Ptr<Lag::Input::IntfDeviceNameDir> const& lagInputIntfDeviceNameDir,
+             Zol::Ptr<VemoHelper::VemoHelperLagSm> const& helper)
+    : VemoBaseSm(commonData),
+      ethLagIntfStatusDir_(ethLagIntfStatusDir),
+      lagInputIntfDeviceNameDir_(lagInputIntfDeviceNameDir),
+      helper_(helper),
+      dirReactor_(std::make_unique<DirReactor>(this)),
+      commonReactor_(std::make_unique<CommonReactor>(this)),
+      verifyReactor_(std::make_unique<VerifyReactor>(this)),
+      mlagReactor_(std::make_unique<MlagReactor>(this)),
+      mounterReactor_(std::make_unique<MounterReactor>(this)) {
+  for (auto const& [lag, status] : ethLagIntfStatusDir_->intfStatusAll()) newStatus(lag);
+  dirReactor_->notifierIs(ethLagIntfStatusDir_);
+  commonReactor_->notifierIs(commonData);
+  verifyReactor_->notifierIs(verifyData());
+}
+
+LagSm::~LagSm() {
+  // Unregister first: nothing the clean-up writes may come back to a half-destroyed SM.
+  dirReactor_.reset();
+  commonReactor_.reset();
+  verifyReactor_.reset();
+  mlagReactor_.reset();
+  mounterReactor_.reset();
+  for (auto& [lag, status] : status_) status->handleDel();
+}
+
+Zol::Ptr<LagSm> lagSmFactory(
+    Zol::Ptr<VemoCommonSmData> const& commonData,
+    Zol::Ptr<Interface::EthLagIntfStatusDir const> const& ethLagIntfStatusDir,
+    Zol::Ptr<Lag::Input::IntfDeviceNameDir> const& lagInputIntfDeviceNameDir,
+    Zol::Ptr<VemoHelper::VemoHelperLagSm> const& helper) {
+  return Zol::make<LagSm>(commonData, ethLagIntfStatusDir, lagInputIntfDeviceNameDir, helper);
+}
+
+void LagSm::handleInitialized() {
+  if (!initialized()) return;
+  ZOL_TRACE(8, "handleInitialized");
+  // The helper is readied here, before the first port-channel is created.
+  helper_->hwInit();
+  handleOperationalMode();
+  if (!mlagStatus_ && lagMounter_) lagMounter_->doMount("Mlag::Status");
+  for (auto& [lag, status] : status_) status->handleInitialized();
+  lagInputIntfDeviceNameDir_->containsLocalDevicesIs(true);
+  if (!pendingVerify_.empty()) verifyData()->requestVerify(std::exchange(pendingVerify_, {}));
+}
+
+LagSm::ZolStatus* LagSm::status(Nepo::IntfId const& lag) const {
+  auto it = status_.find(lag);
+  return it == status_.end() ? nullptr : it->second.get();
+}
+
+VemoLagPortList const& LagSm::localMember(Nepo::IntfId const& lag) const {
+  static VemoLagPortList const empty;
+  auto it = localMember_.find(lag);
+  return it == localMember_.end() ? empty : it->second;
+}
+
+void LagSm::localMemberIs(Nepo::IntfId const& lag, VemoLagPortList const& members) {
+  localMember_.insert_or_assign(lag, members);
+}
+
+VemoLagPortList const& LagSm::lagToPortOrEmpty(Nepo::IntfId const& lag) const {
+  // The common data answers an empty list for a port-channel it does not hold.
+  return commonData()->lagToPort(lag);
+}
+
+void LagSm::newStatus(Nepo::IntfId const& lag) {
+  Zol::Ptr<Interface::EthLagIntfStatus const> const entity = ethLagIntfStatusDir_->intfStatus(lag);
+  if (ZolStatus* existing = status(lag)) {
+    if (existing->notifier() == entity) return;
+    // Deleted and created again between two passes: the old status is gone.
+    statusDel(lag);
+  }
+  auto [it, inserted] = status_.emplace(lag, std::make_unique<ZolStatus>(this, entity));
+  it->second->handleInitialized();
+}
+
+void LagSm::statusDel(Nepo::IntfId const& lag) {
+  auto it = status_.find(lag);
+  if (it == status_.end()) return;
+  std::unique_ptr<ZolStatus> const gone = std::move(it->second);
+  status_.erase(it);
+  gone->handleDel();
+}
+
+bool LagSm::isIntfManaged(Nepo::IntfId const& intf) const {
+  if (helper_->intfManagedCheckOverride()) return helper_->isIntfManaged(intf);
+  return commonData()->intfHas(intf);
+}
+
+void LagSm::handleIntfManaged(Nepo::IntfId const& intf) {
+  // The common data's interfaces decide membership only without the helper's override; an
+  // interface that comes or goes resyncs the port-channels that list it.
+  if (!initialized() || helper_->intfManagedCheckOverride()) return;
+  for (auto& [lag, status] : status_) {
+    if (status->notifier()->memberHas(intf) || lagToPortOrEmpty(lag).portHas(intf)) {
+      status->handleIntf();
+    }
+  }
+}
+
+void LagSm::doScrubMember(Nepo::IntfId const& lag, Nepo::IntfId const& port) {
+  ZOL_TRACE(8, "doScrubMember"
+                   << " intfName " << port);
+  // This SM keeps portToLag the index of lagToPort, so the one other port-channel that can hold
+  // the port is found there rather than by walking every port-channel.
+  Nepo::IntfId const other = commonData()->portToLag(port);
+  if (other == lag) return;
+  ZolStatus* const holder = status(other);
+  if (!holder || !lagToPortOrEmpty(other).portHas(port)) return;
+  ZOL_TRACE(5, "doScrubMember"
+                   << " intfName " << port << " duplicate lag found " << other);
+  holder->doUpdateMember(port, false);
+}
+
+void LagSm::handleOperationalMode() {
+  ZOL_TRACE(5, "void Vemo::LagSm::handleOperationalMode()");
+  if (!initialized()) return;
+  // Tap aggregation forwards LACP frames as data.
+  helper_->lacpEnabledIs(commonData()->operationalMode() != HwOperationalMode::modeTapAgg);
+}
+
+// ---------------------------------------------------------------------------------------------
+// One port-channel.
+
+LagSm::ZolStatus::ZolStatus(LagSm* sm, Zol::Ptr<Interface::EthLagIntfStatus const> const& status)
+    : sm_(sm), intf_(status->intfId()) {
+  notifierIs(status);
+}
+
+bool LagSm::ZolStatus::statusExists() const {
+  return sm_->ethLagIntfStatusDir_->intfStatus(intf_) == notifier();
+}
+
+void LagSm::ZolStatus::writeDeviceName() {
+  Zol::String const& name = notifier()->deviceName();
+  if (!name.empty()) sm_->lagInputIntfDeviceNameDir_->deviceNameIs(intf_, name);
+}
+
+void LagSm::ZolStatus::handleInitialized() {
+  if (!sm_->initialized()) return;
+  if (initialized_) sm_->vemoAssert("!initialized()");
+  initialized_ = true;
+  if (Zol::String const& name = notifier()->deviceName(); !name.empty()) {
+    sm_->lagInputIntfDeviceNameDir_->deviceNameIs(intf_, name);
+    ZOL_TRACE(6, "Added deviceName " << name << " input for " << intf_);
+  }
+  handleIntf();
+}
+
+void LagSm::ZolStatus::handleIntf() {
+  if (!initialized_) return;
+  ZOL_TRACE(8, "handleIntf " << intf_);
+  VemoLagPortList list;
+  for (auto const& [member, present] : notifier()->memberAll()) {
+    if (member.isPeer() || !sm_->isIntfManaged(member)) continue;
+    list.portIs(member, VemoLagPort(true, true));
+  }
+  if (list.portSize() == 0) {
+    doCleanupLag();
+  } else {
+    doUpdatePortList(list);
+  }
+  if (!sm_->pendingVerify_.empty()) {
+    sm_->verifyData()->requestVerify(std::exchange(sm_->pendingVerify_, {}));
+  }
+}
+
+void LagSm::ZolStatus::onMember(Nepo::IntfId const& member) { handleIntf(member); }
+
+void LagSm::ZolStatus::onDeviceName() {
+  if (initialized_) writeDeviceName();
+}
+
+void LagSm::ZolStatus::handleIntf(Nepo::IntfId const& member) {
+  if (!initialized_) return;
+  ZOL_TRACE(8, "handleIntf"
+                   << " intfName " << member);
+  if (member.isPeer() || !sm_->isIntfManaged(member)) return;
+  doUpdateMember(member, statusExists() && notifier()->memberHas(member));
+}
+
+void LagSm::ZolStatus::doUpdateMember(Nepo::IntfId const& member, bool add) {
+  VemoLagPortList list = sm_->lagToPortOrEmpty(intf_);
+  if (add) {
+    list.portIs(member, VemoLagPort(true, true));
+  } else {
+    list.portDel(member);
+  }
+  ZOL_TRACE(8, "doUpdateMember"
+                   << " infName " << member << " add " << add);
+  if (list.portSize() == 0 && !statusExists()) {
+    doCleanupLag();
+  } else {
+    doUpdatePortList(list);
+  }
+}
+
+void LagSm::ZolStatus::doUpdatePortList(VemoLagPortList const& newList) {
+  if (!initialized_) return;
+  ZOL_TRACE(8, "doUpdatePortList " << intf_);
+  VemoCommonSmData& cd = *sm_->commonData();
+  VemoLagPortList const oldList = sm_->lagToPortOrEmpty(intf_);
+  for (auto const& [port, state] : newList.portAll()) sm_->doScrubMember(intf_, port);
+  sm_->maybeSharePeerLinkWithLag(intf_, newList);
+  sm_->localMemberIs(intf_, newList);
+  sm_->helper_->maybeCreateLag(intf_);
+  sm_->helper_->updateLag(intf_, newList);
+  // Readers see the new list before any per-port entry changes, so no port is ever in two.
+  cd.lagToPortIs(intf_, newList);
+  if (statusExists()) writeDeviceName();
+  for (auto const& [port, state] : oldList.portAll()) {
+    if (newList.portHas(port)) continue;
+    ZOL_TRACE(5, "doUpdatePortList " << intf_ << " deleting " << port);
+    // Only this port-channel's own entry goes; a port taken by a port-channel that started
+    // first keeps the entry that port-channel wrote.
+    if (cd.portToLag(port) == intf_) cd.portToLagDel(port);
+  }
+  for (auto const& [port, state] : newList.portAll()) {
+    if (cd.portToLag(port) == intf_) continue;
+    ZOL_TRACE(5, "doUpdatePortList " << intf_ << " adding " << port);
+    cd.portToLagIs(port, intf_);
+  }
+}
+
+void LagSm::ZolStatus::doCleanupLag() {
+  if (!initialized_) return;
+  ZOL_TRACE(8, "doCleanupLag " << intf_);
+  VemoCommonSmData& cd = *sm_->commonData();
+  VemoLagPortList const members = sm_->lagToPortOrEmpty(intf_);
+  for (auto const& [port, state] : members.portAll()) {
+    if (cd.portToLag(port) != intf_) sm_->vemoAssert("vcsd()->portToLag( i.key() ) == intf()");
+    cd.portToLagDel(port);
+  }
+  sm_->sharePeerLinkWithLag_.erase(intf_);
+  cd.lagToPortDel(intf_);
+  sm_->localMemberDel(intf_);
+  sm_->helper_->maybeDestroyLag(intf_);
+}
+
+void LagSm::ZolStatus::handleDel() {
+  if (!initialized_) return;
+  ZOL_TRACE(8, "handleDel " << intf_);
+  if (sm_->disableCleanupOnRestart()) {
+    ZOL_TRACE(5, "Disabling Vemo cleanup in case of restart");
+    return;
+  }
+  doCleanupLag();
+  ZOL_TRACE(6, "Removing deviceName input for " << intf_);
+  sm_->lagInputIntfDeviceNameDir_->deviceNameDel(intf_);
+}
+
+}  // namespace Vemo
