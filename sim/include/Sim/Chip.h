@@ -1,0 +1,163 @@
+// The simulated switching chip: front-panel ports over units, and the hardware tables that the
+// platform helpers program. Every table answers each operation with a Status; tests and
+// scenarios make it refuse (busy, full, failed) to exercise the helpers' recovery.
+#pragma once
+
+#include <rapidjson/document.h>
+
+#include <array>
+#include <cstdint>
+#include <iosfwd>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Nepo/IntfId.h"
+#include "Vemo/VemoTypes.h"
+#include "ZolGen/VemoCommon.h"
+
+namespace sim {
+
+// The chip's tables; each new one is appended and gets a name in tableName.
+enum class Table : uint8_t { lag };
+inline constexpr size_t kTableCount = 1;
+
+// What the chip answers to one table operation.
+enum class Status : uint8_t {
+  ok,
+  busy,    // try again later
+  full,    // no room for another entry
+  failed,  // the request itself is wrong; the same request fails again
+};
+
+std::string_view tableName(Table t);
+std::optional<Table> tableFromName(std::string_view name);
+std::string_view statusText(Status s);
+std::optional<Status> statusFromText(std::string_view text);
+std::ostream& operator<<(std::ostream& os, Status s);
+
+// Where a front-panel port sits: its unit and its bit within the unit.
+struct PortLocation {
+  uint32_t unit = 0;
+  uint32_t bit = 0;
+  bool operator==(PortLocation const&) const = default;
+};
+
+class Chip {
+ public:
+  struct Config {
+    uint32_t units = 1;
+    uint32_t portsPerUnit = 32;
+  };
+  // The port bitmaps hold 32 units of 288 ports; a larger chip could not be programmed.
+  static constexpr uint32_t maxUnits = 32;
+  static constexpr uint32_t maxPortsPerUnit = 288;
+  static constexpr size_t defaultCapacity = 1024;
+  static constexpr size_t errorLogLimit = 1024;
+
+  struct LagEntry {
+    uint32_t hwId = 0;
+    Vemo::VemoLagPortList members;
+    // The MLAG peer link whose members back this port-channel up; empty when none.
+    Nepo::IntfId sharedPeerLink;
+  };
+  using LagTable = std::map<Nepo::IntfId, LagEntry>;
+
+  // Throws Zol::RangeException for a unit or port count the port bitmaps cannot hold.
+  Chip();
+  explicit Chip(Config const& config);
+  Chip(Chip const&) = delete;
+  Chip& operator=(Chip const&) = delete;
+
+  // Ports: Ethernet1 .. EthernetN, numbered unit by unit.
+  uint32_t units() const { return config_.units; }
+  uint32_t portsPerUnit() const { return config_.portsPerUnit; }
+  bool hasPort(Nepo::IntfId const& intf) const { return location(intf).has_value(); }
+  std::optional<PortLocation> location(Nepo::IntfId const& intf) const;
+  std::vector<Nepo::IntfId> ports() const;
+
+  // Fault injection and limits, the same for every table. The next count operations on the
+  // table answer kind (ok clears what is pending); an operation that would add an entry beyond
+  // the capacity answers full.
+  void faultIs(Table t, Status kind, uint32_t count);
+  uint32_t faultPending(Table t) const { return tables_[index(t)].faultCount; }
+  void capacityIs(Table t, size_t capacity) { tables_[index(t)].capacity = capacity; }
+  size_t capacity(Table t) const { return tables_[index(t)].capacity; }
+  size_t size(Table t) const;
+  // Every refused operation, oldest first, as "lag create Port-Channel3: full"; only the last
+  // errorLogLimit are kept.
+  std::vector<std::string> const& errors() const { return errors_; }
+  void errorsDelAll() { errors_.clear(); }
+
+  // LACP frames trapped to the CPU (true) or forwarded as data.
+  bool lacpEnabled() const { return lacpEnabled_; }
+  void lacpEnabledIs(bool enabled) { lacpEnabled_ = enabled; }
+
+  // The port-channel table. Members must be ports of this chip; a refused operation changes
+  // nothing.
+  Status lagCreate(Nepo::IntfId const& lag);
+  Status lagDestroy(Nepo::IntfId const& lag);
+  Status lagMembersIs(Nepo::IntfId const& lag, Vemo::VemoLagPortList const& members);
+  Status lagMemberIs(Nepo::IntfId const& lag, Nepo::IntfId const& member, bool add,
+                     Vemo::VemoLagPort const& state);
+  Status lagShareIs(Nepo::IntfId const& lag, Nepo::IntfId const& peerLink, bool share);
+  LagEntry const* lag(Nepo::IntfId const& lag) const;
+  LagTable const& lags() const { return lags_; }
+
+  // Everything the chip holds, in key order:
+  // {"units": [{"unit": 0, "ports": 32}], "lacpEnabled": true, "lag": {"Port-Channel1":
+  //  {"hwId": 1, "members": {"Ethernet1": {"collecting": true, "distributing": true}},
+  //  "sharedPeerLink": "Port-Channel10"}}, "capacity": {"lag": 1024}, "errors": [...]}
+  rapidjson::Value toJson(rapidjson::Document::AllocatorType& alloc) const;
+  // The part of toJson at path: object members by name, array elements by decimal index.
+  std::optional<rapidjson::Value> lookup(std::vector<std::string> const& path,
+                                         rapidjson::Document::AllocatorType& alloc) const;
+
+ private:
+  struct TableState {
+    size_t capacity = defaultCapacity;
+    Status faultKind = Status::ok;
+    uint32_t faultCount = 0;
+  };
+  static size_t index(Table t) { return static_cast<size_t>(t); }
+
+  // Every table operation asks here first: a pending fault is consumed, then an operation that
+  // adds an entry must fit. The operation logs anything but ok through refuse, so that the text
+  // is built only for refusals.
+  Status admit(Table t, bool adds);
+  // Logs a refusal ("lag create Port-Channel3: failed, not a port-channel") and returns s.
+  Status refuse(Table t, std::string_view what, Status s, std::string_view why = {});
+  Status refuseMember(std::string_view what, Nepo::IntfId const& member);
+
+  uint32_t lagHwIdAlloc();
+  void lagHwIdFree(uint32_t id);
+  rapidjson::Value lagJson(rapidjson::Document::AllocatorType& alloc) const;
+
+  Config config_;
+  std::array<TableState, kTableCount> tables_{};
+  std::vector<std::string> errors_;
+  bool lacpEnabled_ = true;
+  LagTable lags_;
+  // Hardware ids below lagNextHwId_ that were given back; the lowest free id is the first of
+  // these, or lagNextHwId_.
+  std::set<uint32_t> lagFreeHwIds_;
+  uint32_t lagNextHwId_ = 1;
+};
+
+// The chip's port layout for the port bitmaps: unit u gets bitmap index u (units are registered
+// in order at construction, so the base class's first-appearance order is the unit order) and
+// a port's bit is its bit within the unit. Interfaces that are not ports of the chip are
+// answered with an invalid position.
+class ChipIntfToBitmapPosition : public VemoTypes::IntfToBitmapPosition {
+ public:
+  ChipIntfToBitmapPosition(Zol::Name const& name, Chip const& chip);
+  VemoTypes::BitmapPosition intfToBitmapPosition(Nepo::IntfId const& intf) const override;
+
+ private:
+  Chip const& chip_;
+};
+
+}  // namespace sim
