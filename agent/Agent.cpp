@@ -1,5 +1,7 @@
 #include "Agent.h"
 
+#include "Views.h"
+
 #include <rapidjson/prettywriter.h>
 #include <rapidjson/stringbuffer.h>
 
@@ -17,13 +19,7 @@ std::vector<std::string> split(std::string const& path) {
   return parts;
 }
 
-std::string pretty(rapidjson::Value const& v) {
-  rapidjson::StringBuffer buf;
-  rapidjson::PrettyWriter<rapidjson::StringBuffer> w(buf);
-  w.SetIndent(' ', 2);
-  v.Accept(w);
-  return std::string(buf.GetString(), buf.GetSize()) + "\n";
-}
+bool isHardwarePath(std::string const& path) { return path == "hw" || path.rfind("hw/", 0) == 0; }
 
 std::string scalarText(rapidjson::Value const& v) {
   if (v.IsString()) return std::string(v.GetString(), v.GetStringLength());
@@ -58,6 +54,14 @@ auto checked(std::string const& where, F&& f) {
 
 }  // namespace
 
+std::string prettyJson(rapidjson::Value const& v) {
+  rapidjson::StringBuffer buf;
+  rapidjson::PrettyWriter<rapidjson::StringBuffer> w(buf);
+  w.SetIndent(' ', 2);
+  v.Accept(w);
+  return std::string(buf.GetString(), buf.GetSize()) + "\n";
+}
+
 std::string jsonAsText(rapidjson::Value const& v, int indent) {
   std::string out;
   std::string const pad(indent, ' ');
@@ -82,12 +86,31 @@ Agent::Agent(bool json) : json_(json) {
   views_["common"] = [this](bool asJson) {
     rapidjson::Document doc;
     rapidjson::Value v = Zol::entityToJson(*commonData_, doc.GetAllocator());
-    return asJson ? pretty(v) : "Common data " + commonData_->name() + "\n" + jsonAsText(v, 2);
+    return asJson ? prettyJson(v) : "Common data " + commonData_->name() + "\n" + jsonAsText(v, 2);
   };
+  views_["port-channel"] = [this](bool asJson) {
+    return showPortChannel(*commonData_, *platform_->lagDeviceNameDir(), asJson);
+  };
+  views_["hardware port-channel"] = [this](bool asJson) {
+    return showHardwarePortChannel(platform_->chip(), asJson);
+  };
+  platformIs(PlatformConfig());
+}
+
+void Agent::platformIs(PlatformConfig const& config) {
+  if (platform_) {
+    for (auto const& [path, entity] : platform_->mounts()) mounts_.erase(path);
+    platform_.reset();
+  }
+  platform_ = std::make_unique<Platform>(config, commonData_);
+  for (auto const& [path, entity] : platform_->mounts()) mounts_[path] = entity;
   loop_.runUntilIdle();
 }
 
-Agent::~Agent() = default;
+Agent::~Agent() {
+  // The SMs undo their hardware state while the loop and the common data are still there.
+  platform_.reset();
+}
 
 void Agent::mount(std::string const& path, Zol::Entity* e) {
   mounts_[path] = Zol::Ptr<Zol::Entity>(e);
@@ -138,6 +161,22 @@ void Agent::validateStep(Step const& s) const {
   using Kind = Zol::AttrDesc::Kind;
   std::string const where = s.label();
   if (s.kind == Step::Kind::advance) return;
+  if (s.kind == Step::Kind::fault) {
+    if (!sim::tableFromName(s.table))
+      throw ScenarioError(where + ": no chip table '" + s.table + "'");
+    if (!s.capacity && !sim::statusFromText(s.answer)) {
+      throw ScenarioError(where + ": 'answer' must be ok, busy, full or failed, found '" +
+                          s.answer + "'");
+    }
+    return;
+  }
+  if (isHardwarePath(s.path)) {
+    // The chip's tables are read by path at run time; only expectations reach them.
+    if (s.kind != Step::Kind::expect) {
+      throw ScenarioError(where + ": the chip is read-only to scenarios; use 'fault' steps");
+    }
+    return;
+  }
   if (s.kind == Step::Kind::show) {
     if (!views_.count(s.view)) {
       std::string known;
@@ -213,11 +252,17 @@ bool Agent::applyStep(Step const& s, std::ostream& out, std::ostream& err) {
       loop_.advanceBy(s.seconds);
       return true;
     case Step::Kind::show:
+      // As on a switch's console, so that each view says what it is.
+      if (!json_) out << "\nvemo# show " << s.view << "\n";
       out << view(s.view);
+      return true;
+    case Step::Kind::fault:
+      applyFault(s);
       return true;
     default:
       break;
   }
+  if (isHardwarePath(s.path)) return expectHardware(s, err);
   Target const t = resolve(s.path, true, where);
   Zol::AttrDesc const* a = t.type->attr(s.attr);
   if (s.kind == Step::Kind::set) {
@@ -262,8 +307,32 @@ bool Agent::applyStep(Step const& s, std::ostream& out, std::ostream& err) {
   return false;
 }
 
+void Agent::applyFault(Step const& s) {
+  sim::Table const table = *sim::tableFromName(s.table);
+  if (s.capacity) {
+    platform_->chip().capacityIs(table, *s.capacity);
+  } else {
+    platform_->chip().faultIs(table, *sim::statusFromText(s.answer), s.count);
+  }
+}
+
+bool Agent::expectHardware(Step const& s, std::ostream& err) const {
+  std::vector<std::string> path = split(s.path);
+  path.erase(path.begin());
+  path.push_back(s.attr);
+  if (s.key) path.push_back(s.key->IsString() ? s.key->GetString() : Zol::jsonText(*s.key));
+  rapidjson::Document doc;
+  std::optional<rapidjson::Value> actual = platform_->chip().lookup(path, doc.GetAllocator());
+  if (!actual) actual.emplace();
+  if (*actual == *s.value) return true;
+  err << s.label() << ": expected " << Zol::jsonText(*s.value) << ", found "
+      << Zol::jsonText(*actual) << "\n";
+  return false;
+}
+
 int Agent::run(Scenario const& sc, std::ostream& out, std::ostream& err) {
   try {
+    if (sc.platform()) platformIs(PlatformConfig::parse(*sc.platform()));
     validate(sc);
   } catch (ScenarioError const& e) {
     err << "vemo-agent: " << e.what() << "\n";

@@ -5,10 +5,12 @@
 
 #include <functional>
 #include <map>
+#include <memory>
 #include <ostream>
 #include <string>
 #include <vector>
 
+#include "Platform.h"
 #include "Scenario.h"
 #include "Vemo/VemoCommon.h"
 #include "Zol/Activity.h"
@@ -34,6 +36,10 @@ class Agent {
   // Throws ScenarioError for an unknown view.
   std::string view(std::string const& name) const;
 
+  // Rebuilds the simulated platform and everything on it; only before any step has run.
+  void platformIs(PlatformConfig const& config);
+  Platform& platform() { return *platform_; }
+
   Zol::ActivityLoop& loop() { return loop_; }
   Zol::Ptr<Vemo::VemoCommonSmData> const& commonData() const { return commonData_; }
 
@@ -47,12 +53,16 @@ class Agent {
   void validateStep(Step const& s) const;
   // Returns false when an expectation failed.
   bool applyStep(Step const& s, std::ostream& out, std::ostream& err);
+  void applyFault(Step const& s);
+  // An expect step on the chip ("hw/lag/Port-Channel1", attr "members").
+  bool expectHardware(Step const& s, std::ostream& err) const;
   void mount(std::string const& path, Zol::Entity* e);
 
   bool json_;
   Zol::ActivityLoop loop_{Zol::ActivityLoop::TimeMode::simulated};
   Zol::Ptr<Vemo::VemoCommonSmData> commonData_;
   std::map<std::string, Zol::Ptr<Zol::Entity>> mounts_;
+  std::unique_ptr<Platform> platform_;
   std::map<std::string, std::function<std::string(bool json)>> views_;
 };
 

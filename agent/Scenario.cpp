@@ -24,6 +24,8 @@ char const* kindName(Step::Kind k) {
       return "show";
     case Step::Kind::expect:
       return "expect";
+    case Step::Kind::fault:
+      return "fault";
   }
   return "?";
 }
@@ -37,11 +39,9 @@ Step parseStep(rapidjson::Value const& s, size_t number) {
   std::string const where = "step " + std::to_string(number);
   if (!s.IsObject())
     throw ScenarioError(where + ": a step is an object, found " + Zol::jsonText(s));
-  static constexpr std::pair<char const*, Step::Kind> kinds[] = {{"set", Step::Kind::set},
-                                                                 {"del", Step::Kind::del},
-                                                                 {"advance", Step::Kind::advance},
-                                                                 {"show", Step::Kind::show},
-                                                                 {"expect", Step::Kind::expect}};
+  static constexpr std::pair<char const*, Step::Kind> kinds[] = {
+      {"set", Step::Kind::set},   {"del", Step::Kind::del},       {"advance", Step::Kind::advance},
+      {"show", Step::Kind::show}, {"expect", Step::Kind::expect}, {"fault", Step::Kind::fault}};
   std::optional<Step::Kind> kind;
   for (auto const& [name, k] : kinds) {
     if (s.HasMember(name)) {
@@ -52,7 +52,7 @@ Step parseStep(rapidjson::Value const& s, size_t number) {
     }
   }
   if (!kind) {
-    throw ScenarioError(where + ": expected one of set, del, advance, show, expect in " +
+    throw ScenarioError(where + ": expected one of set, del, advance, show, expect, fault in " +
                         Zol::jsonText(s));
   }
   Step step;
@@ -97,6 +97,34 @@ Step parseStep(rapidjson::Value const& s, size_t number) {
     case Step::Kind::show:
       step.view = requireString("show");
       break;
+    case Step::Kind::fault: {
+      // {"fault": TABLE, "answer": "busy"|"full"|"failed"|"ok", "count": N} or
+      // {"fault": TABLE, "capacity": N}
+      step.table = requireString("fault");
+      allowed.insert({"answer", "count", "capacity"});
+      auto count = [&](char const* member) -> std::optional<uint64_t> {
+        auto it = s.FindMember(member);
+        if (it == s.MemberEnd()) return std::nullopt;
+        if (!it->value.IsUint64()) {
+          throw ScenarioError(step.label() + ": '" + member + "' must be a number >= 0, found " +
+                              Zol::jsonText(it->value));
+        }
+        return it->value.GetUint64();
+      };
+      step.capacity = count("capacity");
+      if (s.HasMember("answer")) {
+        if (step.capacity) {
+          throw ScenarioError(step.label() + ": a fault sets either 'answer' or 'capacity'");
+        }
+        step.answer = requireString("answer");
+        step.count = static_cast<uint32_t>(count("count").value_or(1));
+      } else if (!step.capacity) {
+        throw ScenarioError(step.label() + ": a fault needs 'answer' (with 'count') or 'capacity'");
+      } else if (s.HasMember("count")) {
+        throw ScenarioError(step.label() + ": 'count' goes with 'answer'");
+      }
+      break;
+    }
   }
   for (auto const& m : s.GetObject()) {
     if (!allowed.count(str(m.name))) {
@@ -111,6 +139,7 @@ Step parseStep(rapidjson::Value const& s, size_t number) {
 std::string Step::label() const {
   std::string l = "step " + std::to_string(number) + " (" + kindName(kind);
   if (!path.empty()) l += " " + path;
+  if (!table.empty()) l += " " + table;
   if (!attr.empty()) l += " " + attr;
   if (key) l += "[" + Zol::jsonText(*key) + "]";
   return l + ")";

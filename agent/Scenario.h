@@ -21,7 +21,7 @@ class ScenarioError : public std::runtime_error {
 };
 
 struct Step {
-  enum class Kind { set, del, advance, show, expect };
+  enum class Kind { set, del, advance, show, expect, fault };
   Kind kind = Kind::show;
   size_t number = 0;  // 1-based, as people count steps
   std::string path;
@@ -30,6 +30,11 @@ struct Step {
   rapidjson::Value const* value = nullptr;  // set, expect (null JSON means absent)
   double seconds = 0;
   std::string view;
+  // fault: the chip table, and either what its next `count` operations answer or its capacity.
+  std::string table;
+  std::string answer;
+  uint32_t count = 0;
+  std::optional<uint64_t> capacity;
 
   // "step 3 (expect vemo/common intf)": how messages name the step.
   std::string label() const;

@@ -2,6 +2,7 @@
 // is the same on every run.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <sstream>
@@ -142,9 +143,47 @@ TEST(Agent, PathsListTheTree) {
                       out, err),
             0);
   std::vector<std::string> const paths = agent.paths();
-  EXPECT_EQ(paths.front(), "vemo/common");
+  EXPECT_TRUE(std::is_sorted(paths.begin(), paths.end()));
+  EXPECT_NE(std::find(paths.begin(), paths.end(), "vemo/common"), paths.end());
+  EXPECT_NE(std::find(paths.begin(), paths.end(), "interface/status/eth/lag"), paths.end());
   EXPECT_NE(std::find(paths.begin(), paths.end(), "vemo/common/verifyData"), paths.end());
   EXPECT_NE(std::find(paths.begin(), paths.end(), "vemo/common/vlanStatus/30"), paths.end());
+}
+
+TEST(Agent, PlatformFaultsAndChipPathsAreCheckedBeforeAnythingRuns) {
+  auto withPlatform = [](std::string const& platform, std::string const& body) {
+    return R"({"platform": )" + platform + R"(, "steps": [)" + body + "]}";
+  };
+  Result r = runText(withPlatform(R"({"units": 0})", R"({"show": "port-channel"})"));
+  EXPECT_EQ(r.status, 2);
+  EXPECT_NE(r.err.find("'units' must be a number from 1 to 32, found 0"), std::string::npos);
+  r = runText(withPlatform(R"({"capacity": {"tcam": 4}})", R"({"show": "port-channel"})"));
+  EXPECT_NE(r.err.find("no chip table 'tcam'"), std::string::npos) << r.err;
+  r = runText(steps(R"({"show": "port-channel"}, {"fault": "lag", "answer": "slow"})"));
+  EXPECT_EQ(r.status, 2);
+  EXPECT_EQ(r.out, "");
+  EXPECT_NE(r.err.find("step 2 (fault lag): 'answer' must be ok, busy, full or failed"),
+            std::string::npos)
+      << r.err;
+  r = runText(steps(R"({"fault": "lag", "capacity": 4, "count": 2})"));
+  EXPECT_NE(r.err.find("'count' goes with 'answer'"), std::string::npos) << r.err;
+  r = runText(steps(R"({"set": "hw/lag", "attr": "Port-Channel1", "value": {}})"));
+  EXPECT_NE(r.err.find("the chip is read-only to scenarios"), std::string::npos) << r.err;
+
+  // A chip expectation that fails names the step and what the chip holds.
+  r = runText(withPlatform(R"({"units": 2, "portsPerUnit": 8})", R"(
+    {"set": "interface/status/eth/lag", "attr": "intfStatus", "key": "Port-Channel1"},
+    {"set": "interface/status/eth/lag/intfStatus/Port-Channel1", "attr": "member",
+     "key": "Ethernet9", "value": true},
+    {"expect": "hw/lag/Port-Channel1", "attr": "hwId", "value": 1},
+    {"expect": "hw/units/1", "attr": "ports", "value": 8},
+    {"expect": "hw/lag/Port-Channel1/members", "attr": "Ethernet9",
+     "value": {"collecting": true, "distributing": false}})"));
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err,
+            "step 5 (expect hw/lag/Port-Channel1/members Ethernet9): expected "
+            "{\"collecting\":true,\"distributing\":false}, found "
+            "{\"collecting\":true,\"distributing\":true}\n");
 }
 
 }  // namespace

@@ -1,0 +1,85 @@
+#include "Platform.h"
+
+#include "Scenario.h"
+#include "Zol/Json.h"
+
+namespace vemo::agent {
+
+namespace {
+
+// Mounts the MLAG status the agent publishes, when the port-channel SM asks for it.
+class AgentLagMounter : public Vemo::LagMounter {
+ public:
+  AgentLagMounter(Zol::Name const& name, Zol::Ptr<Mlag::Status> const& status)
+      : LagMounter(name), status_(status) {}
+  void doMount(Zol::Name const& path) override {
+    if (path == "Mlag::Status") mlagStatusIs(status_);
+  }
+
+ private:
+  Zol::Ptr<Mlag::Status> status_;
+};
+
+uint32_t countOf(rapidjson::Value const& v, std::string const& what, uint32_t min, uint32_t max) {
+  if (!v.IsUint() || v.GetUint() < min || v.GetUint() > max) {
+    throw ScenarioError("platform: '" + what + "' must be a number from " + std::to_string(min) +
+                        " to " + std::to_string(max) + ", found " + Zol::jsonText(v));
+  }
+  return v.GetUint();
+}
+
+}  // namespace
+
+PlatformConfig PlatformConfig::parse(rapidjson::Value const& platform) {
+  PlatformConfig c;
+  for (auto const& m : platform.GetObject()) {
+    std::string const name(m.name.GetString(), m.name.GetStringLength());
+    if (name == "units") {
+      c.chip.units = countOf(m.value, name, 1, sim::Chip::maxUnits);
+    } else if (name == "portsPerUnit") {
+      c.chip.portsPerUnit = countOf(m.value, name, 1, sim::Chip::maxPortsPerUnit);
+    } else if (name == "managedByChip") {
+      if (!m.value.IsBool()) throw ScenarioError("platform: 'managedByChip' must be true or false");
+      c.managedByChip = m.value.GetBool();
+    } else if (name == "capacity") {
+      if (!m.value.IsObject()) throw ScenarioError("platform: 'capacity' must be an object");
+      for (auto const& t : m.value.GetObject()) {
+        std::string const table(t.name.GetString(), t.name.GetStringLength());
+        auto const which = sim::tableFromName(table);
+        if (!which) throw ScenarioError("platform: no chip table '" + table + "'");
+        c.capacity[*which] = countOf(t.value, "capacity." + table, 0, UINT32_MAX);
+      }
+    } else {
+      throw ScenarioError("platform: unexpected member '" + name +
+                          "' (units, portsPerUnit, capacity, managedByChip)");
+    }
+  }
+  return c;
+}
+
+Platform::Platform(PlatformConfig const& config, Zol::Ptr<Vemo::VemoCommonSmData> const& commonData)
+    : chip_(config.chip),
+      lagStatusDir_(Zol::make<Interface::EthLagIntfStatusDir>("ethLagIntfStatusDir")),
+      lagDeviceNameDir_(Zol::make<Lag::Input::IntfDeviceNameDir>("intfDeviceNameDir")),
+      mlagStatus_(Zol::make<Mlag::Status>("mlagStatus")) {
+  for (auto const& [table, capacity] : config.capacity) chip_.capacityIs(table, capacity);
+  lagHelper_ = Zol::make<sim::LagHelper>("lagHelper", chip_, commonData);
+  lagHelper_->managedCheckOverrideIs(config.managedByChip);
+  lagSm_ = Vemo::lagSmFactory(commonData, lagStatusDir_, lagDeviceNameDir_, lagHelper_);
+  lagSm_->lagMounterIs(Zol::make<AgentLagMounter>("lagMounter", mlagStatus_));
+  lagSm_->initializedIs(true);
+}
+
+// The SMs go before the chip their helpers program.
+Platform::~Platform() {
+  lagSm_ = nullptr;
+  lagHelper_ = nullptr;
+}
+
+std::map<std::string, Zol::Ptr<Zol::Entity>> Platform::mounts() const {
+  return {{"interface/status/eth/lag", lagStatusDir_},
+          {"lag/input/deviceName", lagDeviceNameDir_},
+          {"mlag/status", mlagStatus_}};
+}
+
+}  // namespace vemo::agent
