@@ -3,8 +3,10 @@
 #pragma once
 
 #include <absl/container/btree_map.h>
+#include <absl/container/flat_hash_map.h>
 
 #include <memory>
+#include <vector>
 
 #include "Vemo/VemoCommon.h"
 #include "ZolGen/Interface.h"
@@ -124,6 +126,13 @@ class LagSm : public VemoBaseSm {
   void handleIntfManaged(Nepo::IntfId const& intf);
   // Every LAG except lag that holds port loses it.
   void doScrubMember(Nepo::IntfId const& lag, Nepo::IntfId const& port);
+  // A port-channel left behind by a hitless restart (maps, no status) gives up port.
+  void scrubOrphan(Nepo::IntfId const& lag, Nepo::IntfId const& port);
+  // Membership updates nest (a scrub updates the losing port-channel); ports they release are
+  // offered back, once the outermost update is done, to the port-channels that lost them.
+  class UpdateScope;
+  void portReleased(Nepo::IntfId const& port) { released_.push_back(port); }
+  void reclaimReleased();
   void localMemberIs(Nepo::IntfId const& lag, VemoLagPortList const& members);
   void localMemberDel(Nepo::IntfId const& lag) { localMember_.erase(lag); }
   void currentPeerLinkIs(Nepo::IntfId const& peerLink) { currentPeerLink_ = peerLink; }
@@ -146,6 +155,10 @@ class LagSm : public VemoBaseSm {
   absl::btree_map<Nepo::IntfId, bool> sharePeerLinkWithLag_;
   Nepo::IntfId currentPeerLink_;
   bool disableCleanupOnRestart_ = false;
+  // Port-channels whose status still lists a port another one took from them, latest last.
+  absl::flat_hash_map<Nepo::IntfId, std::vector<Nepo::IntfId>> contested_;
+  std::vector<Nepo::IntfId> released_;
+  int updateDepth_ = 0;
   // A verification request that arrived before start; served after the next full resync.
   Zol::String pendingVerify_;
   std::unique_ptr<DirReactor> dirReactor_;
@@ -177,8 +190,10 @@ class LagSm::ZolStatus : public Interface::EthLagIntfStatus::NotifieeConst {
   void onMember(Nepo::IntfId const& member) override;
   void onDeviceName() override;
 
- private:
+  // Whether the status this reactor watches is still the one in the directory.
   bool statusExists() const;
+
+ private:
   void writeDeviceName();
 
   LagSm* sm_;

@@ -31,6 +31,8 @@ LagSm::~LagSm() {
   verifyReactor_.reset();
   mlagReactor_.reset();
   mounterReactor_.reset();
+  // Every port-channel goes; none may take back a port another one releases on the way.
+  contested_.clear();
   for (auto& [lag, status] : status_) status->handleDel();
 }
 
@@ -115,12 +117,73 @@ void LagSm::doScrubMember(Nepo::IntfId const& lag, Nepo::IntfId const& port) {
   // This SM keeps portToLag the index of lagToPort, so the one other port-channel that can hold
   // the port is found there rather than by walking every port-channel.
   Nepo::IntfId const other = commonData()->portToLag(port);
-  if (other == lag) return;
-  ZolStatus* const holder = status(other);
-  if (!holder || !lagToPortOrEmpty(other).portHas(port)) return;
+  if (other == lag || !lagToPortOrEmpty(other).portHas(port)) return;
   ZOL_TRACE(5, "doScrubMember"
                    << " intfName " << port << " duplicate lag found " << other);
+  ZolStatus* const holder = status(other);
+  if (!holder || !holder->initialized()) {
+    scrubOrphan(other, port);
+    return;
+  }
   holder->doUpdateMember(port, false);
+  // Remembered so that the port goes back to it if the taker lets go while it still lists it.
+  std::vector<Nepo::IntfId>& losers = contested_[port];
+  std::erase(losers, other);
+  losers.push_back(other);
+}
+
+void LagSm::scrubOrphan(Nepo::IntfId const& lag, Nepo::IntfId const& port) {
+  VemoCommonSmData& cd = *commonData();
+  VemoLagPortList list = lagToPortOrEmpty(lag);
+  list.portDel(port);
+  if (list.portSize() == 0) {
+    sharePeerLinkWithLag_.erase(lag);
+    cd.lagToPortDel(lag);
+    localMemberDel(lag);
+    helper_->maybeDestroyLag(lag);
+  } else {
+    localMemberIs(lag, list);
+    helper_->updateLag(lag, list);
+    cd.lagToPortIs(lag, list);
+  }
+  if (cd.portToLag(port) == lag) cd.portToLagDel(port);
+}
+
+class LagSm::UpdateScope {
+ public:
+  explicit UpdateScope(LagSm* sm) : sm_(sm) { ++sm_->updateDepth_; }
+  ~UpdateScope() {
+    if (--sm_->updateDepth_ == 0) sm_->reclaimReleased();
+  }
+  UpdateScope(UpdateScope const&) = delete;
+  UpdateScope& operator=(UpdateScope const&) = delete;
+
+ private:
+  LagSm* sm_;
+};
+
+void LagSm::reclaimReleased() {
+  while (!released_.empty()) {
+    Nepo::IntfId const port = released_.back();
+    released_.pop_back();
+    auto it = contested_.find(port);
+    if (it == contested_.end() || commonData()->portToLagHas(port)) continue;
+    std::vector<Nepo::IntfId> losers = std::move(it->second);
+    contested_.erase(it);
+    while (!losers.empty()) {
+      ZolStatus* const loser = status(losers.back());
+      losers.pop_back();
+      if (!loser || !loser->initialized() || !loser->statusExists() ||
+          !loser->notifier()->memberHas(port) || !isIntfManaged(port)) {
+        continue;
+      }
+      ZOL_TRACE(5, "reclaimMember"
+                       << " intfName " << port << " lag " << loser->intf());
+      if (!losers.empty()) contested_[port] = std::move(losers);
+      loser->handleIntf(port);
+      break;
+    }
+  }
 }
 
 void LagSm::handleOperationalMode() {
@@ -209,6 +272,7 @@ void LagSm::ZolStatus::doUpdateMember(Nepo::IntfId const& member, bool add) {
 void LagSm::ZolStatus::doUpdatePortList(VemoLagPortList const& newList) {
   if (!initialized_) return;
   ZOL_TRACE(8, "doUpdatePortList " << intf_);
+  UpdateScope const scope(sm_);
   VemoCommonSmData& cd = *sm_->commonData();
   VemoLagPortList const oldList = sm_->lagToPortOrEmpty(intf_);
   for (auto const& [port, state] : newList.portAll()) sm_->doScrubMember(intf_, port);
@@ -224,7 +288,10 @@ void LagSm::ZolStatus::doUpdatePortList(VemoLagPortList const& newList) {
     ZOL_TRACE(5, "doUpdatePortList " << intf_ << " deleting " << port);
     // Only this port-channel's own entry goes; a port taken by a port-channel that started
     // first keeps the entry that port-channel wrote.
-    if (cd.portToLag(port) == intf_) cd.portToLagDel(port);
+    if (cd.portToLag(port) == intf_) {
+      cd.portToLagDel(port);
+      sm_->portReleased(port);
+    }
   }
   for (auto const& [port, state] : newList.portAll()) {
     if (cd.portToLag(port) == intf_) continue;
@@ -236,11 +303,13 @@ void LagSm::ZolStatus::doUpdatePortList(VemoLagPortList const& newList) {
 void LagSm::ZolStatus::doCleanupLag() {
   if (!initialized_) return;
   ZOL_TRACE(8, "doCleanupLag " << intf_);
+  UpdateScope const scope(sm_);
   VemoCommonSmData& cd = *sm_->commonData();
   VemoLagPortList const members = sm_->lagToPortOrEmpty(intf_);
   for (auto const& [port, state] : members.portAll()) {
     if (cd.portToLag(port) != intf_) sm_->vemoAssert("vcsd()->portToLag( i.key() ) == intf()");
     cd.portToLagDel(port);
+    sm_->portReleased(port);
   }
   sm_->sharePeerLinkWithLag_.erase(intf_);
   cd.lagToPortDel(intf_);
