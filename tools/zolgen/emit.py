@@ -414,9 +414,12 @@ class FamilyEmitter:
                 out.append(f"  void {nm}DelAll() {{ zolEntryDelAll({nm}_, {K}); }}")
             out.append(f"  void {nm}Notify({k.param()} k) {{ zolKeyChanged({nm}_, k, {K}); }}")
             if a.kind == "collection":
-                out += [f"  {ret} {nm}({k.param()} k) const {{",
+                out += [f"  {t.cpp if a.default_fn else ret} {nm}({k.param()} k) const {{",
                         f"    auto it = {nm}_.map.find(k);"]
-                if t.by_value:
+                if a.default_fn:
+                    out.append(f"    return it == {nm}_.map.end() ? {a.default_fn}(k) : "
+                               "it->second;")
+                elif t.by_value:
                     out.append(f"    return it == {nm}_.map.end() ? {t.cpp}{{}} : it->second;")
                 else:
                     out += [f"    static {t.cpp} const empty{{}};",
@@ -424,6 +427,9 @@ class FamilyEmitter:
                 out += ["  }",
                         f"  void {nm}Is({k.param()} k, {t.param()} v) {{ "
                         f"zolEntryWrite({nm}_, k, v, {K}); }}"]
+                if a.default_fn:
+                    out += [f"  // What {nm}(k) reads for a key without an entry.",
+                            f"  static {t.cpp} {a.default_fn}({k.param()} k);"]
             else:
                 child = t.decl
                 ckey = child.key_attr()
@@ -544,6 +550,10 @@ class FamilyEmitter:
                 return (f"std::lexicographical_compare({f.name}_.begin(), {f.name}_.begin() + "
                         f"{f.name}_count(), o.{f.name}_.begin(), o.{f.name}_.begin() + "
                         f"o.{f.name}_count())")
+            if f.type.kind == "extern" and not f.array and not f.key:
+                # An extern type's own < need not be a total order (serial numbers); its
+                # std::less is, where the two differ.
+                return f"std::less<{f.type.cpp}>{{}}({f.name}_, o.{f.name}_)"
             return f"{f.name}_ < o.{f.name}_"
         eq = " && ".join(same(f) for f in fields) or "true"
         out += [f"bool {q}::operator==({n} const& o) const {{ return {eq}; }}", ""]
@@ -649,6 +659,9 @@ class FamilyEmitter:
         if key:
             init.append(f"{key.name}_({key.name})")
         out = [f"{q}::{n}({', '.join(params)}) : {', '.join(init)} {{"]
+        for a in d.attrs:
+            if a.construct:
+                out.append(f"  {a.name}_.value = Zol::make<{a.type.cpp}>({cstr(a.name)});")
         attr_names = {a.name for a in d.attrs}
         for p in d.extra_ctor_params:
             pname = p.split()[-1]

@@ -98,6 +98,10 @@ class Attr:
     writable: bool = True
     on_create: str = ""
     on_delete: str = ""
+    # Collections: a static function of the entity that builds the value read for a missing key.
+    default_fn: str = ""
+    # Single children: made, named after the attribute, when the owner is constructed.
+    construct: bool = False
 
 
 @dataclass
@@ -329,7 +333,7 @@ def load_family(path):
             aw = f"{where} attr {a.get('name')}"
             _known(a, aw, {"name", "type", "key", "ordered", "child", "ref", "default",
                            "default_expr", "min", "max", "error", "is_key", "writable",
-                           "on_create", "on_delete"})
+                           "on_create", "on_delete", "default_fn", "construct"})
             _check_ident(a.get("name"), aw)
             if "child" in a:
                 kind = "childCollection" if "key" in a else "child"
@@ -346,9 +350,19 @@ def load_family(path):
                               default_expr=a.get("default_expr", ""), min=a.get("min"),
                               max=a.get("max"), error=a.get("error", ""),
                               is_key=a.get("is_key", False), writable=a.get("writable", True),
-                              on_create=a.get("on_create", ""), on_delete=a.get("on_delete", "")))
+                              on_create=a.get("on_create", ""), on_delete=a.get("on_delete", ""),
+                              default_fn=a.get("default_fn", ""),
+                              construct=a.get("construct", False)))
             if (attrs[-1].on_create or attrs[-1].on_delete) and kind != "childCollection":
                 raise SchemaError(f"{aw}: on_create and on_delete need a child collection")
+            if attrs[-1].default_fn:
+                if kind != "collection":
+                    raise SchemaError(f"{aw}: default_fn needs a collection of values")
+                _check_ident(attrs[-1].default_fn, f"{aw} default_fn")
+            if not isinstance(attrs[-1].construct, bool):
+                raise SchemaError(f"{aw}: construct must be true or false")
+            if attrs[-1].construct and kind != "child":
+                raise SchemaError(f"{aw}: construct needs a single child")
         names = [a.name for a in attrs]
         if len(set(names)) != len(names):
             raise SchemaError(f"{where}: duplicate attribute name")
@@ -386,6 +400,7 @@ class Schema:
             for d in fam.order:
                 self._resolve(fam, d)
         self._index_attrs()
+        self._check_construct_cycles()
 
     def _add(self, qname, ref, fam):
         if qname in self.types:
@@ -447,6 +462,9 @@ class Schema:
                 a.type = self.lookup(a.type_name, d.ns, aw)
                 if a.kind in ("child", "childCollection") and a.type.kind != "entity":
                     raise SchemaError(f"{aw}: child '{a.type_name}' is not an entity")
+                if a.construct and (a.type.decl.key_attr() or a.type.decl.extra_ctor_params or
+                                    a.type.decl.abstract):
+                    raise SchemaError(f"{aw}: a child made at construction takes only its name")
                 if a.kind in ("scalar", "collection") and a.type.kind == "entity":
                     raise SchemaError(f"{aw}: use 'child' or 'ref' for entity attributes")
                 if a.key_name:
@@ -483,6 +501,21 @@ class Schema:
                                           f"{b.qname}")
                     seen.add(b.qname)
                     b = b.base_decl
+
+    def _check_construct_cycles(self):
+        # Children made at construction make their own: a loop would construct without end.
+        def walk(d, path):
+            for a in d.all_attrs():
+                if not a.construct:
+                    continue
+                child = a.type.decl
+                if child.qname in path:
+                    raise SchemaError(f"{d.family}.toml {d.name}.{a.name}: children made at "
+                                      f"construction loop through {child.qname}")
+                walk(child, path + [child.qname])
+        for fam in self.families:
+            for d in fam.entities:
+                walk(d, [d.qname])
 
     def _index_attrs(self):
         for fam in self.families:

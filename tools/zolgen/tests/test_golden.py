@@ -35,7 +35,8 @@ class GoldenOutputTest(unittest.TestCase):
         text = "".join(p.read_text() for p in SCHEMAS)
         for needle in ("[[enum]]", "[[range]]", "[[value]]", "[[entity]]", "[[extern]]",
                        "count_field", "key =", "child =", "ref =", "base =", "min =",
-                       "on_create", "on_delete", "is_key", "hooks", "ordered"):
+                       "on_create", "on_delete", "is_key", "hooks", "ordered", "default_fn",
+                       "construct = true"):
             self.assertIn(needle, text)
 
     def test_generates_exactly_the_expected_files(self):

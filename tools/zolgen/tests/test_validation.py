@@ -261,6 +261,68 @@ class CollectionHooksTest(SchemaTestCase):
                                A=HEAD + '[[entity]]\nname = "E"\nhooks = ["rebooted"]\n')
 
 
+class DefaultFnTest(SchemaTestCase):
+    def test_only_collections_of_values_take_a_default_function(self):
+        cases = {
+            "scalar": '{ name = "x", type = "U8", default_fn = "f" }',
+            "child collection": '{ name = "x", key = "U32", child = "C", default_fn = "f" }',
+            "child": '{ name = "x", child = "C", default_fn = "f" }',
+        }
+        for kind, attr in cases.items():
+            with self.subTest(kind):
+                text = HEAD + '[[entity]]\nname = "C"\n' + entity("E", attr)
+                self.assertSchemaError("A.toml", "attr x", "default_fn", A=text)
+
+    def test_default_function_must_be_a_name(self):
+        text = HEAD + entity("E", '{ name = "x", key = "U32", type = "U8", default_fn = "f()" }')
+        self.assertSchemaError("A.toml", "'f()'", "not a valid name", A=text)
+
+    def test_missing_keys_read_what_the_function_builds_by_value(self):
+        text = HEAD + '[[value]]\nname = "V"\nfields = [{ name = "f", type = "U8" }]\n' + \
+            entity("E", '{ name = "x", key = "U32", type = "V", default_fn = "xFor" }')
+        header = self.generate(A=text)["include/ZolGen/A.h"]
+        self.assertIn("  N::V x(Zol::U32 k) const {\n", header)
+        self.assertIn("return it == x_.map.end() ? xFor(k) : it->second;", header)
+        self.assertIn("  static N::V xFor(Zol::U32 k);\n", header)
+
+
+class ConstructTest(SchemaTestCase):
+    def test_only_single_children_are_made_at_construction(self):
+        cases = {
+            "scalar": '{ name = "x", type = "U8", construct = true }',
+            "child collection": '{ name = "x", key = "U32", child = "C", construct = true }',
+            "reference": '{ name = "x", ref = "C", construct = true }',
+        }
+        for kind, attr in cases.items():
+            with self.subTest(kind):
+                text = HEAD + '[[entity]]\nname = "C"\n' + entity("E", attr)
+                self.assertSchemaError("A.toml", "attr x", "single child", A=text)
+
+    def test_child_made_at_construction_takes_only_its_name(self):
+        cases = {
+            "keyed": '[[entity]]\nname = "C"\nattrs = [{ name = "k", type = "U8", is_key = true }]\n',
+            "parameters": '[[entity]]\nname = "C"\nctor_params = ["Zol::U8 size"]\n',
+        }
+        for what, child in cases.items():
+            with self.subTest(what):
+                text = HEAD + child + entity("E", '{ name = "x", child = "C", construct = true }')
+                self.assertSchemaError("A.toml", "E.x", "only its name", A=text)
+
+    def test_construction_that_loops(self):
+        text = HEAD + entity("A", '{ name = "b", child = "B", construct = true }') + \
+            entity("B", '{ name = "a", child = "A", construct = true }')
+        self.assertSchemaError("A.toml", "loop", A=text)
+
+    def test_construct_must_be_a_boolean(self):
+        text = HEAD + ENTITY_E + entity("F", '{ name = "x", child = "E", construct = "yes" }')
+        self.assertSchemaError("A.toml", "attr x", "true or false", A=text)
+
+    def test_child_is_made_in_the_constructor_under_the_attribute_name(self):
+        text = HEAD + ENTITY_E + entity("F", '{ name = "inner", child = "E", construct = true }')
+        source = self.generate(A=text)["src/A.cpp"]
+        self.assertIn('  inner_.value = Zol::make<N::E>("inner");\n', source)
+
+
 class MalformedSchemaTest(SchemaTestCase):
     """Schemas that are wrong in ways outside the list above still fail as SchemaError, which
     the command line reports as one line naming the file."""

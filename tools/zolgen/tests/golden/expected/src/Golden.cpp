@@ -197,10 +197,11 @@ Golden::SlotList Zol::JsonTraits<Golden::SlotList>::from(Json const& j) {
   return v;
 }
 
-bool Golden::PortSet::operator==(PortSet const& o) const { return member_ == o.member_; }
+bool Golden::PortSet::operator==(PortSet const& o) const { return member_ == o.member_ && uplink_ == o.uplink_; }
 
 bool Golden::PortSet::operator<(PortSet const& o) const {
   if (!(member_ == o.member_)) return member_ < o.member_;
+  if (!(uplink_ == o.uplink_)) return std::less<Nepo::IntfId>{}(uplink_, o.uplink_);
   return false;
 }
 
@@ -216,6 +217,8 @@ void Golden::PortSet::zolPrint(std::string& out) const {
   out += "Value('Golden::PortSet', ** {";
   out += "'member': ";
   Zol::textPrint(out, member_);
+  out += ", 'uplink': ";
+  Zol::textPrint(out, uplink_);
   out += "})";
 }
 
@@ -232,6 +235,8 @@ Golden::PortSet Golden::PortSet::zolParse(Zol::TextParser& p) {
       p.expect(":");
       if (field == "member") {
         v.member_ = Zol::textParse<absl::btree_map<Nepo::IntfId, bool>>(p);
+      } else if (field == "uplink") {
+        v.uplink_ = Zol::textParse<Nepo::IntfId>(p);
       } else {
         p.fail("a field of Golden::PortSet");
       }
@@ -245,6 +250,7 @@ Golden::PortSet Golden::PortSet::zolParse(Zol::TextParser& p) {
 Zol::Json Zol::JsonTraits<Golden::PortSet>::to(Golden::PortSet const& v, JsonAlloc& a) {
   Json o(rapidjson::kObjectType);
   o.AddMember("member", toJson(v.member_, a), a);
+  o.AddMember("uplink", toJson(v.uplink_, a), a);
   return o;
 }
 
@@ -255,6 +261,8 @@ Golden::PortSet Zol::JsonTraits<Golden::PortSet>::from(Json const& j) {
     std::string_view const field(m.name.GetString(), m.name.GetStringLength());
     if (field == "member") {
       v.member_ = fromJson<absl::btree_map<Nepo::IntfId, bool>>(m.value);
+    } else if (field == "uplink") {
+      v.uplink_ = fromJson<Nepo::IntfId>(m.value);
     } else {
       throw BindError("Golden::PortSet has no field '" + std::string(field) + "'");
     }
@@ -403,6 +411,7 @@ Zol::EntityType const& Golden::Port::zolType() {
 }
 
 Golden::Switch::Switch(Zol::Name const& name) : Golden::Device(name) {
+  tray_.value = Zol::make<Golden::Fan>("tray");
   zolConstructed();
 }
 
@@ -464,6 +473,20 @@ void Golden::Switch::zolDispatch(Zol::NotifieeBase& r, uint32_t attr, void const
         n.onPortzolImmediate(*static_cast<Golden::Net::PortIndex const*>(key));
       } else {
         n.onPort(*static_cast<Golden::Net::PortIndex const*>(key));
+      }
+      break;
+    case kPortLimits:
+      if (immediate) {
+        n.onPortLimitszolImmediate(*static_cast<Golden::Net::PortIndex const*>(key));
+      } else {
+        n.onPortLimits(*static_cast<Golden::Net::PortIndex const*>(key));
+      }
+      break;
+    case kTray:
+      if (immediate) {
+        n.onTrayzolImmediate();
+      } else {
+        n.onTray();
       }
       break;
     case kPeer:
@@ -600,6 +623,43 @@ Zol::EntityType const& Golden::Switch::zolType() {
           std::sort(es.begin(), es.end(),
                     [](auto x, auto y) { return x->first < y->first; });
           for (auto x : es) f(Zol::keyText(x->first), *x->second);
+        }},
+      AttrDesc{"portLimits", AttrDesc::Kind::collection, "Golden::Net::PortIndex", "Golden::Limits",
+        nullptr,
+        [](Json const& v, JsonAlloc& a) { return Zol::toJson(Zol::fromJson<Golden::Limits>(v), a); },
+        [](Json const& k) { (void)Zol::keyFromJson<Golden::Net::PortIndex>(k); },
+        [](Zol::Entity& e, Json const* k, Json const& v) { static_cast<Golden::Switch&>(e).portLimitsIs(Zol::keyFromJson<Golden::Net::PortIndex>(*k), Zol::fromJson<Golden::Limits>(v)); },
+        [](Zol::Entity const& e, Json const* k, JsonAlloc& a) {
+          auto const& m = static_cast<Golden::Switch const&>(e).portLimitsAll();
+          if (k) {
+            auto it = m.find(Zol::keyFromJson<Golden::Net::PortIndex>(*k));
+            return it == m.end() ? Json() : Zol::toJson(it->second, a);
+          }
+          std::vector<typename std::decay_t<decltype(m)>::const_pointer> es;
+          for (auto const& entry : m) es.push_back(&entry);
+          std::sort(es.begin(), es.end(),
+                    [](auto x, auto y) { return x->first < y->first; });
+          Json o(rapidjson::kObjectType);
+          for (auto x : es) {
+            o.AddMember(Zol::toJson(Zol::keyText(x->first), a), Zol::toJson(x->second, a), a);
+          }
+          return o;
+        },
+        [](Zol::Entity& e, Json const& k) { static_cast<Golden::Switch&>(e).portLimitsDel(Zol::keyFromJson<Golden::Net::PortIndex>(k)); },
+        nullptr,
+        nullptr,
+        nullptr},
+      AttrDesc{"tray", AttrDesc::Kind::child, "", "Golden::Fan",
+        []() { return &Golden::Fan::zolType(); },
+        nullptr,
+        nullptr,
+        nullptr,
+        nullptr,
+        nullptr,
+        [](Zol::Entity& e, std::string_view) -> Zol::Entity* { return static_cast<Golden::Switch&>(e).tray().ptr(); },
+        nullptr,
+        [](Zol::Entity const& e, std::function<void(std::string const&, Zol::Entity const&)> const& f) {
+          if (auto c = static_cast<Golden::Switch const&>(e).tray()) f(c->name(), *c);
         }},
       AttrDesc{"peer", AttrDesc::Kind::reference, "", "Golden::Switch",
         nullptr,

@@ -178,6 +178,7 @@ struct std::hash<Golden::SlotList> {
 };
 
 namespace Golden {
+// A set with an extern field beside it, which orders by its std::less.
 class PortSet {
  public:
   PortSet() = default;
@@ -191,6 +192,8 @@ class PortSet {
   void memberIs(Nepo::IntfId const& k, bool v) { member_.insert_or_assign(k, v); }
   void memberDel(Nepo::IntfId const& k) { member_.erase(k); }
   void memberDelAll() { member_.clear(); }
+  Nepo::IntfId const& uplink() const { return uplink_; }
+  void uplinkIs(Nepo::IntfId const& v) { uplink_ = v; }
   bool operator==(PortSet const& o) const;
   bool operator<(PortSet const& o) const;
   size_t hash() const;
@@ -200,12 +203,14 @@ class PortSet {
   template <class H>
   friend H AbslHashValue(H h, PortSet const& v) {
     h = H::combine(std::move(h), v.member_);
+    h = H::combine(std::move(h), v.uplink_);
     return h;
   }
 
  private:
   friend struct Zol::JsonTraits<PortSet>;
   absl::btree_map<Nepo::IntfId, bool> member_{};
+  Nepo::IntfId uplink_{};
 };
 }  // namespace Golden
 
@@ -366,10 +371,12 @@ class Switch : public Golden::Device {
     kHistory = 5,
     kFan = 6,
     kPort = 7,
-    kPeer = 8,
-    kOwner = 9,
+    kPortLimits = 8,
+    kTray = 9,
+    kPeer = 10,
+    kOwner = 11,
   };
-  static constexpr uint32_t kAttrCount = 10;
+  static constexpr uint32_t kAttrCount = 12;
   explicit Switch(Zol::Name const& name);
   ~Switch() override;
   static Zol::EntityType const& zolType();
@@ -442,6 +449,25 @@ class Switch : public Golden::Device {
     zolEntryWrite(port_, k, c, kPort);
     return c;
   }
+  size_t portLimitsSize() const { return portLimits_.map.size(); }
+  bool portLimitsHas(Golden::Net::PortIndex k) const { return portLimits_.map.contains(k); }
+  auto const& portLimitsAll() const { return portLimits_.map; }
+  void portLimitsDel(Golden::Net::PortIndex k) { zolEntryDel(portLimits_, k, kPortLimits); }
+  void portLimitsDelAll() { zolEntryDelAll(portLimits_, kPortLimits); }
+  void portLimitsNotify(Golden::Net::PortIndex k) { zolKeyChanged(portLimits_, k, kPortLimits); }
+  Golden::Limits portLimits(Golden::Net::PortIndex k) const {
+    auto it = portLimits_.map.find(k);
+    return it == portLimits_.map.end() ? portLimitsDefault(k) : it->second;
+  }
+  void portLimitsIs(Golden::Net::PortIndex k, Golden::Limits const& v) { zolEntryWrite(portLimits_, k, v, kPortLimits); }
+  // What portLimits(k) reads for a key without an entry.
+  static Golden::Limits portLimitsDefault(Golden::Net::PortIndex k);
+  Zol::Ptr<Golden::Fan> const& tray() const { return tray_.value; }
+  Zol::Ptr<Golden::Fan> trayIs(Zol::Name const& name) {
+    zolScalarWrite(tray_, Zol::make<Golden::Fan>(name), kTray);
+    return tray_.value;
+  }
+  void trayDel() { zolScalarWrite(tray_, Zol::Ptr<Golden::Fan>(), kTray); }
   Zol::Ptr<Golden::Switch> const& peer() const { return peer_.value; }
   void peerIs(Zol::Ptr<Golden::Switch> const& v) { zolScalarWrite(peer_, v, kPeer); }
   Zol::Ptr<Zol::PtrInterface> const& owner() const { return owner_.value; }
@@ -461,6 +487,8 @@ class Switch : public Golden::Device {
   Zol::OrderedCollection<Zol::U32, Golden::SlotList> history_;
   Zol::ScalarSlot<Zol::Ptr<Golden::Fan>> fan_;
   Zol::HashCollection<Golden::Net::PortIndex, Zol::Ptr<Golden::Port>> port_;
+  Zol::HashCollection<Golden::Net::PortIndex, Golden::Limits> portLimits_;
+  Zol::ScalarSlot<Zol::Ptr<Golden::Fan>> tray_;
   Zol::ScalarSlot<Zol::Ptr<Golden::Switch>> peer_;
   Zol::ScalarSlot<Zol::Ptr<Zol::PtrInterface>> owner_;
   void portCreated(Port& p);
@@ -471,7 +499,7 @@ class Switch : public Golden::Device {
 class Switch::NotifieeConst : public Golden::Device::NotifieeConst {
  public:
   using NotifierType = Switch;
-  NotifieeConst() { zolMaskIs((uint64_t{1} << 10) - 1); }
+  NotifieeConst() { zolMaskIs((uint64_t{1} << 12) - 1); }
   ~NotifieeConst() override { zolAttach(nullptr); }
   Zol::Ptr<Switch const> const& notifier() const { return notifier_; }
   void notifierIs(Zol::Ptr<Switch const> const& n) {
@@ -492,6 +520,10 @@ class Switch::NotifieeConst : public Golden::Device::NotifieeConst {
   virtual void onFanzolImmediate() { zolNotInterested(Switch::kFan, true); }
   virtual void onPort(Golden::Net::PortIndex) { zolNotInterested(Switch::kPort, false); }
   virtual void onPortzolImmediate(Golden::Net::PortIndex) { zolNotInterested(Switch::kPort, true); }
+  virtual void onPortLimits(Golden::Net::PortIndex) { zolNotInterested(Switch::kPortLimits, false); }
+  virtual void onPortLimitszolImmediate(Golden::Net::PortIndex) { zolNotInterested(Switch::kPortLimits, true); }
+  virtual void onTray() { zolNotInterested(Switch::kTray, false); }
+  virtual void onTrayzolImmediate() { zolNotInterested(Switch::kTray, true); }
   virtual void onPeer() { zolNotInterested(Switch::kPeer, false); }
   virtual void onPeerzolImmediate() { zolNotInterested(Switch::kPeer, true); }
   virtual void onOwner() { zolNotInterested(Switch::kOwner, false); }

@@ -1,0 +1,212 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Vemo/SwTunnelGroupIdManager.h"
+
+namespace {
+
+using Nepo::IpAddr;
+using Vemo::SwTunnelGroupId;
+using Vemo::SwTunnelGroupType;
+using Vemo::TunnelIpAddrList;
+using Zol::ActivityLoop;
+
+// Trace levels are global: switched off again whatever the test asserts.
+struct TraceOn {
+  explicit TraceOn(std::string_view setting) { Zol::Trace::settingIs(setting); }
+  ~TraceOn() { Zol::Trace::settingIs(""); }
+  Zol::Trace::Capture capture;
+};
+
+IpAddr ip(char const* text) { return IpAddr::fromString(text); }
+
+struct Manager {
+  ActivityLoop loop{ActivityLoop::TimeMode::simulated};
+  Zol::Ptr<Vemo::VemoCommonSmData> cd = Vemo::vemoCommonSmDataFactory("cd");
+  Zol::Ptr<Vemo::SwTunnelGroupIdManager> mgr = Vemo::swTunnelGroupIdManagerFactory(cd);
+  TunnelIpAddrList const listA{ip("10.0.0.1"), ip("10.0.0.2")};
+  TunnelIpAddrList const listB{ip("10.0.0.3"), ip("2001:db8::3")};
+
+  std::vector<std::string> verify() {
+    cd->verifyData()->requestVerify("vr");
+    loop.runUntilIdle();
+    std::vector<std::string> texts;
+    for (auto const& [seq, m] : cd->verifyData()->mismatchAll()) {
+      if (m.request() == "vr" && m.sm() == "SwTunnelGroupIdManager") texts.push_back(m.text());
+    }
+    return texts;
+  }
+};
+
+// Sees every refcount change as it is written: (index, count, 0 once gone).
+struct CountWatcher : Vemo::VXLAN::RefcountTable::NotifieeConst {
+  std::vector<std::pair<Zol::U64, Zol::U32>> seen;
+  void onRefcountzolImmediate(Zol::U64 index) override {
+    auto const& t = *notifier();
+    seen.emplace_back(index, t.refcountHas(index) ? t.refcount(index).count() : 0);
+  }
+};
+
+TEST(TunnelIpAddrList, OneSetHasOneFormWhateverTheOrderItWasBuiltIn) {
+  TunnelIpAddrList const a{ip("2001:db8::1"), ip("10.0.0.9"), ip("10.0.0.1"), ip("10.0.0.9")};
+  TunnelIpAddrList b;
+  for (char const* s : {"10.0.0.1", "2001:db8::1", "10.0.0.9"}) b.tunnelIpAddrIs(ip(s), true);
+  EXPECT_EQ(a, b);
+  EXPECT_EQ(a.hash(), b.hash());
+  EXPECT_EQ(a.stringValue(),
+            "Value('Vemo::TunnelIpAddrList', ** {'tunnelIpAddr': {'10.0.0.1': True, "
+            "'10.0.0.9': True, '2001:db8::1': True}})");
+  EXPECT_EQ(Zol::valueFromString<TunnelIpAddrList>(a.stringValue()), a);
+}
+
+TEST(SwTunnelGroupIdManagerDeathTest, StartsWithItsRefcountTableAndSingleMemberIdsNeedNoState) {
+  TraceOn trace("SwTunnelGroupIdManager/9");
+  Manager m;
+  EXPECT_EQ(trace.capture.count("void Vemo::SwTunnelGroupIdManager::handleInitialized()"), 1u);
+  ASSERT_TRUE(m.mgr->refcountTable());
+  EXPECT_EQ(m.mgr->refcountTable()->name(), "swTunnelGroupIdRefcountTable");
+
+  SwTunnelGroupId const id = m.mgr->getSwTunnelGroupIdForTunnelIpList({ip("10.0.0.1")});
+  EXPECT_EQ(id.value(), Zol::U64{0x0a000001} << 1);
+  EXPECT_EQ(id.index(), 0x0a000001u);
+  EXPECT_EQ(m.mgr->getTunnelIpFromSwTunnelGroupId(id), ip("10.0.0.1"));
+  EXPECT_EQ(m.mgr->getTunnelIpListFromSwTunnelGroupId(id), TunnelIpAddrList{ip("10.0.0.1")});
+  // The whole 32-bit address fits: the top address keeps its top bit.
+  EXPECT_EQ(m.mgr->getSwTunnelGroupIdForTunnelIp(ip("255.255.255.255")).value(), 0x1fffffffeu);
+  EXPECT_TRUE(m.mgr->getSwTunnelGroupIdForTunnelIpList({}).isEmpty());
+
+  m.mgr->incSwTunnelGroupIdRefcount(id);
+  m.mgr->incSwTunnelGroupIdRefcount(SwTunnelGroupId());
+  EXPECT_EQ(m.mgr->refcountTable()->refcountSize(), 1u) << "the empty id is not counted";
+  m.mgr->decSwTunnelGroupIdRefcount(id);
+  m.loop.runUntilIdle();
+  EXPECT_EQ(m.mgr->refcountTable()->refcountSize(), 0u);
+  EXPECT_EQ(m.mgr->data()->swTunnelGroupIdToAddrSize(), 0u);
+  EXPECT_EQ(m.mgr->currentIdx(), 0u);
+
+  // A lone IPv6 endpoint cannot name itself in 63 bits: it is numbered.
+  TunnelIpAddrList const v6{ip("2001:db8::7")};
+  SwTunnelGroupId const v6Id = m.mgr->getSwTunnelGroupIdForTunnelIpList(v6);
+  EXPECT_EQ(v6Id.value(), 3u);
+  EXPECT_EQ(m.mgr->getTunnelIpListFromSwTunnelGroupId(v6Id), v6);
+
+  EXPECT_EQ(Vemo::convertToSwTunnelGroupId(SwTunnelGroupType::multiMemberGroup, 5).value(), 11u);
+  EXPECT_DEATH(Vemo::convertToSwTunnelGroupId(SwTunnelGroupType::singleMemberGroup, 1ULL << 63),
+               "!\\( index & \\( 1ULL << 63 \\) \\)");
+  EXPECT_DEATH(m.mgr->getTunnelIpFromSwTunnelGroupId(SwTunnelGroupId(3)),
+               "swTunnelGroupId.tunnelGroupType\\(\\) == "
+               "SwTunnelGroupType::singleMemberGroup_");
+}
+
+TEST(SwTunnelGroupIdManager, ListsShareAnIdUntilItsLastReferenceGoesAndNumbersAreNotReused) {
+  TraceOn trace("SwTunnelGroupIdManager/8");
+  Manager m;
+  SwTunnelGroupId const a = m.mgr->getSwTunnelGroupIdForTunnelIpList(m.listA);
+  EXPECT_EQ(a.value(), 3u);
+  EXPECT_FALSE(trace.capture.contains(" tunnelIpAddrList already assigned a SwTunnelGroupId"));
+  EXPECT_EQ(m.mgr->getSwTunnelGroupIdForTunnelIpList({ip("10.0.0.2"), ip("10.0.0.1")}), a);
+  EXPECT_EQ(trace.capture.count(" tunnelIpAddrList already assigned a SwTunnelGroupId"), 1u);
+  SwTunnelGroupId const b = m.mgr->getSwTunnelGroupIdForTunnelIpList(m.listB);
+  EXPECT_EQ(b.value(), 5u);
+  EXPECT_EQ(m.mgr->getTunnelIpListFromSwTunnelGroupId(b), m.listB);
+
+  // The release waits for the refcount table's notification: a reference taken again before
+  // it keeps the id.
+  m.mgr->incSwTunnelGroupIdRefcount(a);
+  m.mgr->decSwTunnelGroupIdRefcount(a);
+  EXPECT_TRUE(m.mgr->isSwTunnelGroupIdValid(a));
+  m.mgr->incSwTunnelGroupIdRefcount(a);
+  m.loop.runUntilIdle();
+  EXPECT_TRUE(m.mgr->isSwTunnelGroupIdValid(a));
+
+  m.mgr->incSwTunnelGroupIdRefcount(b);
+  m.mgr->decSwTunnelGroupIdRefcount(a);
+  m.mgr->decSwTunnelGroupIdRefcount(b);
+  m.loop.runUntilIdle();
+  EXPECT_FALSE(m.mgr->isSwTunnelGroupIdValid(a));
+  EXPECT_FALSE(m.mgr->isSwTunnelGroupIdValid(b));
+  EXPECT_EQ(m.mgr->data()->swTunnelGroupIdToAddrSize(), 0u);
+  EXPECT_EQ(m.mgr->data()->tunnelIpAddrListToTunnelIdSize(), 0u);
+  EXPECT_TRUE(trace.capture.contains("releaseSwTunnelGroupId SwTunnelGroupId: 3"));
+
+  // A released id's stale holder changes nothing.
+  m.mgr->decSwTunnelGroupIdRefcount(a);
+  EXPECT_EQ(m.mgr->getSwTunnelGroupIdForTunnelIpList(m.listA).value(), 7u);
+  EXPECT_EQ(m.mgr->currentIdx(), 3u);
+}
+
+TEST(SwTunnelGroupIdManager, UpdateTakesTheNewReferenceFirstAndSameIdsChangeNothing) {
+  Manager m;
+  SwTunnelGroupId const a = m.mgr->getSwTunnelGroupIdForTunnelIpList(m.listA);
+  SwTunnelGroupId const b = m.mgr->getSwTunnelGroupIdForTunnelIpList(m.listB);
+  m.mgr->incSwTunnelGroupIdRefcount(a);
+  CountWatcher watcher;
+  watcher.notifierIs(m.mgr->refcountTable());
+
+  m.mgr->updateSwTunnelGroupIdRefcount(a, a);
+  EXPECT_TRUE(watcher.seen.empty());
+  m.loop.runUntilIdle();
+  EXPECT_TRUE(m.mgr->isSwTunnelGroupIdValid(a));
+  EXPECT_EQ(m.mgr->refcountTable()->refcount(a.value()).count(), 1u);
+
+  m.mgr->updateSwTunnelGroupIdRefcount(b, a);
+  EXPECT_EQ(watcher.seen, (std::vector<std::pair<Zol::U64, Zol::U32>>{{5, 1}, {3, 0}}));
+  m.loop.runUntilIdle();
+  EXPECT_FALSE(m.mgr->isSwTunnelGroupIdValid(a));
+  EXPECT_TRUE(m.mgr->isSwTunnelGroupIdValid(b));
+
+  // From nothing and to nothing: the empty id takes no count.
+  watcher.seen.clear();
+  m.mgr->updateSwTunnelGroupIdRefcount(SwTunnelGroupId(), b);
+  m.mgr->updateSwTunnelGroupIdRefcount(b, SwTunnelGroupId());
+  EXPECT_EQ(watcher.seen, (std::vector<std::pair<Zol::U64, Zol::U32>>{{5, 0}, {5, 1}}));
+  m.loop.runUntilIdle();
+  EXPECT_TRUE(m.mgr->isSwTunnelGroupIdValid(b));
+}
+
+TEST(SwTunnelGroupIdManager, SequenceNumbersStopBeforeTheTopBit) {
+  Manager m;
+  EXPECT_EQ(Vemo::SwTunnelGroupIdManager::maxIdx, (Zol::U64{1} << 63) - 1);
+  m.mgr->currentIdxIs(Vemo::SwTunnelGroupIdManager::maxIdx - 1);
+  SwTunnelGroupId const last = m.mgr->getSwTunnelGroupIdForTunnelIpList(m.listA);
+  EXPECT_EQ(last.value(), ~Zol::U64{0});
+  try {
+    m.mgr->getSwTunnelGroupIdForTunnelIpList(m.listB);
+    ADD_FAILURE() << "no range error";
+  } catch (Zol::RangeException const& e) {
+    EXPECT_STREQ(e.what(),
+                 "SwTunnelGroupIdManager::currentIdx < SwTunnelGroupIdManager::minIdx or > "
+                 "SwTunnelGroupIdManager::maxIdx not allowed");
+  }
+  EXPECT_EQ(m.mgr->currentIdx(), Vemo::SwTunnelGroupIdManager::maxIdx);
+  EXPECT_FALSE(m.mgr->data()->tunnelIpAddrListToTunnelIdHas(m.listB));
+}
+
+TEST(SwTunnelGroupIdManager, VerifyReportsMapsThatDoNotMirrorEachOther) {
+  TraceOn trace("SwTunnelGroupIdManager/1");
+  Manager m;
+  SwTunnelGroupId const a = m.mgr->getSwTunnelGroupIdForTunnelIpList(m.listA);
+  SwTunnelGroupId const b = m.mgr->getSwTunnelGroupIdForTunnelIpList(m.listB);
+  EXPECT_TRUE(m.verify().empty());
+  EXPECT_FALSE(trace.capture.contains("swTunnelGroupIdToAddrs: "));
+
+  auto const data = m.mgr->data();
+  data->tunnelIpAddrListToTunnelIdDel(m.listA);
+  data->tunnelIpAddrListToTunnelIdIs(m.listB, a);
+  data->swTunnelGroupIdToAddrIs(SwTunnelGroupId(8), TunnelIpAddrList{ip("10.0.0.8")});
+  EXPECT_EQ(m.verify(), (std::vector<std::string>{
+                            "swTunnelGroupIdToAddrs 3, tunnelIpAddrListToTunnelIds 1",
+                            "tunnelIpList " + m.listA.stringValue() + " is not present",
+                            "swTunnelGroupId " + a.stringValue() + " expected " + b.stringValue(),
+                            "Incorrect type 0 expected 1",
+                            "tunnelIpList " + TunnelIpAddrList{ip("10.0.0.8")}.stringValue() +
+                                " is not present",
+                        }));
+  EXPECT_EQ(trace.capture.count("swTunnelGroupIdToAddrs: "), 1u);
+  EXPECT_EQ(trace.capture.count(" tunnelIpAddrListToTunnelIds: "), 1u);
+}
+
+}  // namespace
