@@ -15,18 +15,18 @@ using testing::ThrowsMessage;
 static_assert(Zol::StringLike<EthAddr> && Zol::StringLike<EthAddrWithMask>);
 
 TEST(EthAddr, ParsesPrintsClassifiesAndOrders) {
-  EthAddr a = EthAddr::fromString("00:1c:73:0A:bC:01");
-  EXPECT_EQ(a, EthAddr::fromString("001C.730a.bc01"));
-  EXPECT_EQ(a, EthAddr(0x00, 0x1c, 0x73, 0x0a, 0xbc, 0x01));
-  EXPECT_EQ(a.stringValue(), "00:1c:73:0a:bc:01");
-  EXPECT_EQ(a.value(), 0x001c730abc01u);
+  EthAddr a = EthAddr::fromString("02:00:00:0A:bC:01");
+  EXPECT_EQ(a, EthAddr::fromString("0200.000A.bc01"));
+  EXPECT_EQ(a, EthAddr(0x02, 0x00, 0x00, 0x0a, 0xbc, 0x01));
+  EXPECT_EQ(a.stringValue(), "02:00:00:0a:bc:01");
+  EXPECT_EQ(a.value(), 0x0200000abc01u);
   EXPECT_EQ(EthAddr::fromValue(a.value()), a);
   EXPECT_EQ(EthAddr().stringValue(), "00:00:00:00:00:00");
   EXPECT_THROW(EthAddr::fromValue(uint64_t{1} << 48), Zol::RangeException);
 
-  for (char const* text : {"", "00:1c:73:00:00", "00:1c:73:00:00:01:02", "00:1c:73:00:00:1",
-                           "0:1c:73:00:00:001", "00-1c-73-00-00-01", "0g:1c:73:00:00:01",
-                           "001c.7300.001", "001c:7300:0001", "001c.7300.0001 "}) {
+  for (char const* text : {"", "02:00:00:00:00", "02:00:00:00:00:01:02", "02:00:00:00:00:1",
+                           "0:02:00:00:00:001", "02-00-00-00-00-01", "0g:00:00:00:00:01",
+                           "0200.0000.001", "0200:0000:0001", "0200.0000.0001 "}) {
     EXPECT_THAT([&] { EthAddr::fromString(text); },
                 ThrowsMessage<Zol::ParseError>(HasSubstr("'" + std::string(text) + "'")));
   }
@@ -44,18 +44,18 @@ TEST(EthAddr, ParsesPrintsClassifiesAndOrders) {
 
 TEST(EthAddrWithMask, ParsesMatchesAndKeepsTheAddress) {
   EXPECT_EQ(EthAddrWithMask().stringValue(), "00:00:00:00:00:00/ff:ff:ff:ff:ff:ff");
-  auto m = EthAddrWithMask::fromString("00:1C:73:12:34:56/ffff.ff00.0000");
-  EXPECT_EQ(m.stringValue(), "00:1c:73:12:34:56/ff:ff:ff:00:00:00");
+  auto m = EthAddrWithMask::fromString("02:00:00:12:34:56/ffff.ff00.0000");
+  EXPECT_EQ(m.stringValue(), "02:00:00:12:34:56/ff:ff:ff:00:00:00");
   EXPECT_EQ(EthAddrWithMask::fromString(m.stringValue()), m);
-  EXPECT_TRUE(m.matches(EthAddr::fromString("00:1c:73:00:00:00")));
-  EXPECT_TRUE(m.matches(EthAddr::fromString("00:1c:73:ff:ff:ff")));
+  EXPECT_TRUE(m.matches(EthAddr::fromString("02:00:00:00:00:00")));
+  EXPECT_TRUE(m.matches(EthAddr::fromString("02:00:00:ff:ff:ff")));
   EXPECT_FALSE(m.matches(EthAddr::fromString("00:1c:74:00:00:00")));
   EXPECT_TRUE(EthAddrWithMask(EthAddr(), EthAddr()).matches(EthAddr::broadcast()));
   EXPECT_FALSE(EthAddrWithMask().matches(EthAddr::broadcast()));
-  EXPECT_NE(m, EthAddrWithMask(EthAddr::fromString("00:1c:73:00:00:00"), m.mask()));
+  EXPECT_NE(m, EthAddrWithMask(EthAddr::fromString("02:00:00:00:00:00"), m.mask()));
 
-  for (char const* text : {"", "00:1c:73:00:00:01", "00:1c:73:00:00:01/", "/ff:ff:ff:ff:ff:ff",
-                           "00:1c:73:00:00:01/ff:ff:ff:ff:ff:ff/00:00:00:00:00:00"}) {
+  for (char const* text : {"", "02:00:00:00:00:01", "02:00:00:00:00:01/", "/ff:ff:ff:ff:ff:ff",
+                           "02:00:00:00:00:01/ff:ff:ff:ff:ff:ff/00:00:00:00:00:00"}) {
     EXPECT_THAT([&] { EthAddrWithMask::fromString(text); },
                 ThrowsMessage<Zol::ParseError>(HasSubstr("'" + std::string(text) + "'")));
   }

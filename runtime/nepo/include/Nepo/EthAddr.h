@@ -1,4 +1,4 @@
-// 48-bit Ethernet (MAC) addresses, printed "00:1c:73:00:00:01".
+// 48-bit Ethernet (MAC) addresses, printed "02:00:00:00:00:01".
 #pragma once
 
 #include <absl/hash/hash.h>
@@ -27,7 +27,7 @@ class EthAddr {
   static EthAddr fromValue(uint64_t value);
   static constexpr EthAddr broadcast() { return EthAddr(0xff, 0xff, 0xff, 0xff, 0xff, 0xff); }
 
-  // "00:1c:73:00:00:01" or "001c.7300.0001", either case; anything else throws Zol::ParseError.
+  // "02:00:00:00:00:01" or "0200.0000.0001", either case; anything else throws Zol::ParseError.
   static EthAddr fromString(std::string_view text);
   // Lower-case colon form.
   std::string stringValue() const;

@@ -1,5 +1,5 @@
 // An Ethernet address with a mask of the bits that matter, as in ACL and filter rules:
-// "00:1c:73:00:00:00/ff:ff:ff:00:00:00".
+// "02:00:00:00:00:00/ff:ff:ff:00:00:00".
 #pragma once
 
 #include <absl/hash/hash.h>
