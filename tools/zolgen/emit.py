@@ -197,6 +197,9 @@ class FamilyEmitter:
             f"  friend H AbslHashValue(H h, {d.name} const& v) {{",
             "    return H::combine(std::move(h), v.value_);",
             "  }",
+        ]
+        out += [f"  {method_decl(m)}" for m in d.methods]
+        out += [
             "",
             " private:",
             f"  Base value_ = {d.default};",

@@ -128,6 +128,8 @@ class Range:
     error: str
     default: int = 0
     doc: str = ""
+    # Inline members beside the value: constants naming reserved values, predicates on them.
+    methods: list = field(default_factory=list)
 
     @property
     def qname(self):
@@ -236,6 +238,14 @@ def _check_bounds(where, lo, hi, default, type_name):
             raise SchemaError(f"{where}: default {default} is outside {lo}..{hi}")
 
 
+def _lines(table, key, where):
+    """A list of C++ lines (methods, members): a bare string would emit one line per character."""
+    lines = table.get(key, [])
+    if not isinstance(lines, list) or not all(isinstance(x, str) for x in lines):
+        raise SchemaError(f"{where}: '{key}' must be a list of strings")
+    return lines
+
+
 def _known(table, where, allowed):
     for k in table:
         if k not in allowed:
@@ -279,7 +289,8 @@ def load_family(path):
         fam.order.append(d)
     for r in data.get("range", []):
         where = f"{path.name} range {r.get('name')}"
-        _known(r, where, {"name", "base", "min", "max", "error", "default", "doc", "namespace"})
+        _known(r, where, {"name", "base", "min", "max", "error", "default", "doc", "namespace",
+                          "methods"})
         _required(r, where, ("name", "base", "min", "max"))
         _check_ident(r.get("name"), where)
         if r.get("base") not in INTEGER_BUILTINS:
@@ -293,7 +304,7 @@ def load_family(path):
             raise SchemaError(f"{where}: default {r['default']} is outside {r['min']}..{r['max']}")
         d = Range(fam_name, r.get("namespace", ns), r["name"], r["base"], r["min"], r["max"],
                   r.get("error") or f"{r['name']}::value < {r['min']} or > {r['max']} not allowed",
-                  r.get("default", r["min"]), r.get("doc", ""))
+                  r.get("default", r["min"]), r.get("doc", ""), _lines(r, "methods", where))
         fam.ranges.append(d)
         fam.order.append(d)
     for v in data.get("value", []):

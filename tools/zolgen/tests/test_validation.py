@@ -361,5 +361,25 @@ class MalformedSchemaTest(SchemaTestCase):
         self.assertSchemaError("A.toml", "'zz'", A=text)
 
 
+
+class RangeMethodsTest(SchemaTestCase):
+    TEXT = HEAD + RANGE_R + 'methods = ["// The top value is reserved.", ' \
+        '"static constexpr Base reserved = 3", ' \
+        '"bool isReserved() const { return value_ == reserved; }"]\n'
+
+    def test_methods_are_public_members_of_the_range_class(self):
+        header = self.generate(A=self.TEXT)["include/ZolGen/A.h"]
+        body = header[header.index("class R {"):header.index("};", header.index("class R {"))]
+        public, private = body.split(" private:")
+        self.assertIn("  // The top value is reserved.\n", public)
+        self.assertIn("  static constexpr Base reserved = 3;\n", public)
+        self.assertIn("  bool isReserved() const { return value_ == reserved; }\n", public)
+        self.assertNotIn("reserved", private)
+
+    def test_methods_must_be_a_list_of_lines(self):
+        text = HEAD + RANGE_R + 'methods = "bool odd() const"\n'
+        self.assertSchemaError("A.toml", "range R", "list of strings", A=text)
+
+
 if __name__ == "__main__":
     unittest.main()

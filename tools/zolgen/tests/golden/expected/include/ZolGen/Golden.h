@@ -80,6 +80,9 @@ class SlotIndex {
   friend H AbslHashValue(H h, SlotIndex const& v) {
     return H::combine(std::move(h), v.value_);
   }
+  // The top slot is kept for the spare.
+  static constexpr Base spare = 3;
+  bool isSpare() const { return value_ == spare; }
 
  private:
   Base value_ = 0;
