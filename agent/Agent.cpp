@@ -94,6 +94,10 @@ Agent::Agent(bool json) : json_(json) {
   views_["hardware port-channel"] = [this](bool asJson) {
     return showHardwarePortChannel(platform_->chip(), asJson);
   };
+  views_["vxlan"] = [this](bool asJson) {
+    return showVxlan(*platform_->tunnelGroups(), *platform_->vxlanConfig(),
+                     *platform_->remoteMacInfo(), asJson);
+  };
   platformIs(PlatformConfig());
 }
 
@@ -368,6 +372,9 @@ std::vector<std::string> Agent::paths() const {
     }
   };
   for (auto const& [path, e] : mounts_) walk(path, *e);
+  // Children come in attribute order and a mount may sit inside another's subtree.
+  std::sort(out.begin(), out.end());
+  out.erase(std::unique(out.begin(), out.end()), out.end());
   return out;
 }
 

@@ -61,17 +61,26 @@ Platform::Platform(PlatformConfig const& config, Zol::Ptr<Vemo::VemoCommonSmData
     : chip_(config.chip),
       lagStatusDir_(Zol::make<Interface::EthLagIntfStatusDir>("ethLagIntfStatusDir")),
       lagDeviceNameDir_(Zol::make<Lag::Input::IntfDeviceNameDir>("intfDeviceNameDir")),
-      mlagStatus_(Zol::make<Mlag::Status>("mlagStatus")) {
+      mlagStatus_(Zol::make<Mlag::Status>("mlagStatus")),
+      vxlanConfig_(Zol::make<Vxlan::VxlanConfigDir>("vxlanConfigDir")),
+      remoteMacInfo_(Zol::make<Vemo::VXLAN::RemoteMacInfoDir>("remoteMacInfoDir")),
+      vtepConfig_(Zol::make<Vemo::VXLAN::VtepConfigDir>("vtepConfigDir")),
+      vtepGroupConfig_(Zol::make<Vemo::VXLAN::VtepGroupConfigDir>("vtepGroupConfigDir")) {
   for (auto const& [table, capacity] : config.capacity) chip_.capacityIs(table, capacity);
   lagHelper_ = Zol::make<sim::LagHelper>("lagHelper", chip_, commonData);
   lagHelper_->managedCheckOverrideIs(config.managedByChip);
   lagSm_ = Vemo::lagSmFactory(commonData, lagStatusDir_, lagDeviceNameDir_, lagHelper_);
   lagSm_->lagMounterIs(Zol::make<AgentLagMounter>("lagMounter", mlagStatus_));
   lagSm_->initializedIs(true);
+  tunnelGroupManager_ = Vemo::swTunnelGroupIdManagerFactory(commonData);
+  vxlanFrontEnd_ = std::make_unique<VxlanFrontEnd>(vxlanConfig_, tunnelGroupManager_, vtepConfig_,
+                                                   vtepGroupConfig_);
 }
 
 // The SMs go before the chip their helpers program.
 Platform::~Platform() {
+  vxlanFrontEnd_.reset();
+  tunnelGroupManager_ = nullptr;
   lagSm_ = nullptr;
   lagHelper_ = nullptr;
 }
@@ -79,7 +88,12 @@ Platform::~Platform() {
 std::map<std::string, Zol::Ptr<Zol::Entity>> Platform::mounts() const {
   return {{"interface/status/eth/lag", lagStatusDir_},
           {"lag/input/deviceName", lagDeviceNameDir_},
-          {"mlag/status", mlagStatus_}};
+          {"mlag/status", mlagStatus_},
+          {"vxlan/config", vxlanConfig_},
+          {"vxlan/remoteMacInfo", remoteMacInfo_},
+          {"vxlan/vtepConfig", vtepConfig_},
+          {"vxlan/vtepGroupConfig", vtepGroupConfig_},
+          {"vemo/tunnelGroups", tunnelGroupManager_->data()}};
 }
 
 }  // namespace vemo::agent

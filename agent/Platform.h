@@ -6,11 +6,14 @@
 #include <rapidjson/document.h>
 
 #include <map>
+#include <memory>
 #include <string>
 
 #include "Sim/Chip.h"
 #include "Sim/LagHelper.h"
 #include "Vemo/LagSm.h"
+#include "Vemo/SwTunnelGroupIdManager.h"
+#include "VxlanFrontEnd.h"
 
 namespace vemo::agent {
 
@@ -41,6 +44,14 @@ class Platform {
     return lagDeviceNameDir_;
   }
   Zol::Ptr<Mlag::Status> const& mlagStatus() const { return mlagStatus_; }
+  Zol::Ptr<Vxlan::VxlanConfigDir> const& vxlanConfig() const { return vxlanConfig_; }
+  Zol::Ptr<Vemo::VXLAN::RemoteMacInfoDir> const& remoteMacInfo() const { return remoteMacInfo_; }
+  Zol::Ptr<Vemo::VXLAN::VtepGroupConfigDir> const& vtepGroupConfig() const {
+    return vtepGroupConfig_;
+  }
+  Zol::Ptr<Vemo::SwTunnelGroupIdData> const& tunnelGroups() const {
+    return tunnelGroupManager_->data();
+  }
 
  private:
   sim::Chip chip_;
@@ -49,6 +60,12 @@ class Platform {
   Zol::Ptr<Mlag::Status> mlagStatus_;
   Zol::Ptr<sim::LagHelper> lagHelper_;
   Zol::Ptr<Vemo::LagSm> lagSm_;
+  Zol::Ptr<Vxlan::VxlanConfigDir> vxlanConfig_;
+  Zol::Ptr<Vemo::VXLAN::RemoteMacInfoDir> remoteMacInfo_;
+  Zol::Ptr<Vemo::VXLAN::VtepConfigDir> vtepConfig_;
+  Zol::Ptr<Vemo::VXLAN::VtepGroupConfigDir> vtepGroupConfig_;
+  Zol::Ptr<Vemo::SwTunnelGroupIdManager> tunnelGroupManager_;
+  std::unique_ptr<VxlanFrontEnd> vxlanFrontEnd_;
 };
 
 }  // namespace vemo::agent

@@ -8,6 +8,9 @@
 #include "Sim/Chip.h"
 #include "Vemo/VemoCommon.h"
 #include "ZolGen/Lag.h"
+#include "ZolGen/VemoL3.h"
+#include "ZolGen/VemoVxlan.h"
+#include "ZolGen/Vxlan.h"
 
 namespace vemo::agent {
 
@@ -20,5 +23,9 @@ std::string showPortChannel(Vemo::VemoCommonSmData const& commonData,
                             Lag::Input::IntfDeviceNameDir const& deviceNames, bool json);
 // What the chip's port-channel table holds, LACP, the table's use and refused operations.
 std::string showHardwarePortChannel(sim::Chip const& chip, bool json);
+// VTEP groups with their identifiers, reference counts and addresses; the configured flood
+// lists and the group each names; the remote MACs of the host table and the VTEPs behind them.
+std::string showVxlan(Vemo::SwTunnelGroupIdData const& groups, Vxlan::VxlanConfigDir const& config,
+                      Vemo::VXLAN::RemoteMacInfoDir const& remoteMacs, bool json);
 
 }  // namespace vemo::agent

@@ -104,8 +104,8 @@ TEST(Agent, FailedExpectationStopsWithStatusOneAndSaysWhatDiffered) {
 TEST(Agent, ValuesAreComparedByMeaningNotSpelling) {
   // The same address in another spelling, an interface key given as a plain string.
   EXPECT_EQ(runText(steps(R"(
-      {"set": "vemo/common", "attr": "peerRouterMac", "value": "001c.7300.0001"},
-      {"expect": "vemo/common", "attr": "peerRouterMac", "value": "00:1C:73:00:00:01"},
+      {"set": "vemo/common", "attr": "peerRouterMac", "value": "0200.0000.0001"},
+      {"expect": "vemo/common", "attr": "peerRouterMac", "value": "02:00:00:00:00:01"},
       {"set": "vemo/common", "attr": "vlanStatus", "key": "20"},
       {"expect": "vemo/common/vlanStatus/20", "attr": "vlanId", "value": 20})"))
                 .status,
