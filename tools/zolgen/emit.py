@@ -115,7 +115,7 @@ class FamilyEmitter:
                "#pragma once", "",
                "#include <absl/hash/hash.h>", "",
                "#include <array>", "#include <cstdint>", "#include <functional>",
-               "#include <string>", "",
+               "#include <optional>", "#include <string>", "",
                '#include "Zol/Entity.h"', '#include "Zol/Text.h"']
         incs = []
         for h in self.extern_headers() + self.fam.includes + \

@@ -377,6 +377,9 @@ def load_family(path):
         names = [a.name for a in attrs]
         if len(set(names)) != len(names):
             raise SchemaError(f"{where}: duplicate attribute name")
+        if "name" in names:
+            # Every entity is constructed from, and answers name() with, its own name.
+            raise SchemaError(f"{where}: attribute 'name' clashes with the entity's own name")
         d = Entity(fam_name, e.get("namespace", ns), e["name"], attrs, e.get("base", ""),
                    None, e.get("methods", []), e.get("members", []), e.get("hooks", []),
                    e.get("doc", ""), e.get("abstract", False), e.get("conformance", True),

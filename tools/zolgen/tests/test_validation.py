@@ -53,6 +53,10 @@ class DuplicateNamesTest(SchemaTestCase):
             with self.subTest(what):
                 self.assertSchemaError("A.toml", "duplicate", A=HEAD + text)
 
+    def test_attribute_named_like_the_entity_name(self):
+        self.assertSchemaError("A.toml", "clashes with the entity's own name",
+                               A=HEAD + entity("E", '{ name = "name", type = "Name", is_key = true }'))
+
 
 class KeywordNamesTest(SchemaTestCase):
     CASES = {
