@@ -1,0 +1,83 @@
+// ACL value types (generated from schema/Acl.toml and schema/VemoAcl.toml) and the rule-creation
+// arithmetic the ACL SMs share: the text form of an AclKey, port ranges as ternary entries, and
+// the scratch record one IP rule is expanded into before its subrules go to the helper.
+#pragma once
+
+#include <array>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "ZolGen/Acl.h"
+#include "ZolGen/VemoAcl.h"
+
+namespace Vemo {
+
+// The groups of the AclKey text pattern
+//   ^(\S+)-(ip|ipv6|mac)-(in|out)\(std=(false|true),vlanId=(\d+),aclGroup=(\S+)\)
+// as a regex search with that pattern would capture them; text after the match is ignored. It
+// is matched by hand because a backtracking regex engine recurses once per character and runs
+// out of stack on long texts.
+struct AclKeyTextMatch {
+  std::string_view name;
+  std::string_view type;
+  std::string_view direction;
+  std::string_view standard;
+  std::string_view vlanId;
+  std::string_view aclGroup;
+};
+std::optional<AclKeyTextMatch> matchAclKeyText(std::string_view text);
+
+// One ternary entry of a range: the values v with (v & mask) == start, which run to end.
+struct AclL4Mask {
+  Zol::U16 start = 0;
+  Zol::U16 end = 0;
+  Zol::U16 mask = 0;
+  friend bool operator==(AclL4Mask const&, AclL4Mask const&) = default;
+};
+using AclL4MaskVector = std::vector<AclL4Mask>;
+
+// Appends the fewest aligned entries that cover [low, high] exactly, lowest first; 0..65535 is
+// one entry with mask 0. A disabled range is the wildcard (0, 0, mask 0). low > high is a
+// programming error and asserts.
+void createL4PortMasks(Zol::U16 low, Zol::U16 high, bool enabled, AclL4MaskVector& maskVect);
+
+// The ranges of one field of an IP rule (source port, destination port, IP length). A field the
+// rule does not match is disabled and holds the single range (0, 0).
+struct AclRuleRanges {
+  static constexpr size_t maxRanges = Acl::MatchRangeList::maxRanges;
+  std::array<Acl::MatchRange, maxRanges> range{};
+  Zol::U8 count = 0;
+  bool enabled = true;
+  // masks[i] holds the ternary entries of range[i], for hardware without range checkers.
+  std::array<AclL4MaskVector, maxRanges> masks{};
+};
+
+// The scratch record of one IP rule: every combination of a TCP-flags entry, a range of each
+// field and an ECN rule becomes one subrule.
+struct AclIpRuleCreateData {
+  static constexpr size_t maxTcpFlags = 2;
+  std::array<Zol::U32, maxTcpFlags> tcpFlags{};
+  // The filter's flag mask; 0 beside the flags value 255 when hardware matches established
+  // sessions itself.
+  Zol::U32 tcpFlagsMask = 0;
+  Zol::U8 tcpFlagsCount = 0;
+  AclRuleRanges srcPort;
+  AclRuleRanges dstPort;
+  AclRuleRanges ipLen;
+  // True when the subrules match on L4 fields (ports, ICMP, TCP flags).
+  bool l4Rule = false;
+  AclEcnInfo ecnInfo;
+};
+
+// The ECN value/mask pairs a selector stands for; {0: 0} (any) without hardware ECN support.
+AclEcnInfo createAclEcnInfo(Acl::EcnMatch selector, bool ecnSupported);
+
+// Fills data (reset first) from the filter. establishedSupported: the hardware matches
+// established TCP sessions itself. False when a port or length specification can match nothing
+// (lt 0, a reversed range): such a rule has no subrules.
+bool createIpAclRuleData(Acl::IpFilter const& filter, AclIpRuleCreateData& data, bool ecnSupported,
+                         bool establishedSupported);
+
+}  // namespace Vemo
