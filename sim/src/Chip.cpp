@@ -12,7 +12,7 @@ namespace sim {
 
 namespace {
 
-constexpr std::array<std::string_view, kTableCount> kTableNames = {"lag"};
+constexpr std::array<std::string_view, kTableCount> kTableNames = {"lag", "acl", "rangeChecker"};
 constexpr std::array<std::string_view, 4> kStatusTexts = {"ok", "busy", "full", "failed"};
 
 rapidjson::Value text(std::string_view s, rapidjson::Document::AllocatorType& alloc) {
@@ -67,6 +67,8 @@ Chip::Chip(Config const& config) : config_(config) {
     throw Zol::RangeException("chip ports per unit " + std::to_string(config.portsPerUnit) +
                               " not in 1.." + std::to_string(maxPortsPerUnit));
   }
+  tables_[index(Table::rangeChecker)].capacity = defaultRangeCheckers;
+  aclUnits_.resize(config.units);
 }
 
 std::optional<PortLocation> Chip::location(Nepo::IntfId const& intf) const {
@@ -94,6 +96,16 @@ size_t Chip::size(Table t) const {
   switch (t) {
     case Table::lag:
       return lags_.size();
+    case Table::acl: {
+      size_t n = 0;
+      for (AclUnit const& u : aclUnits_) n += u.tcam[0].size() + u.tcam[1].size();
+      return n;
+    }
+    case Table::rangeChecker: {
+      size_t n = 0;
+      for (AclUnit const& u : aclUnits_) n += u.rangeCheckers.size();
+      return n;
+    }
   }
   return 0;
 }
@@ -129,8 +141,13 @@ rapidjson::Value Chip::toJson(rapidjson::Document::AllocatorType& alloc) const {
   root.AddMember("units", units, alloc);
   root.AddMember("lacpEnabled", lacpEnabled_, alloc);
   root.AddMember("lag", lagJson(alloc), alloc);
+  root.AddMember("acl", aclJson(alloc), alloc);
   rapidjson::Value capacities(rapidjson::kObjectType);
   for (size_t i = 0; i < kTableCount; ++i) {
+    // The ACL tables' capacities apply per unit and are shown there.
+    if (static_cast<Table>(i) == Table::acl || static_cast<Table>(i) == Table::rangeChecker) {
+      continue;
+    }
     rapidjson::Value capacity(static_cast<uint64_t>(tables_[i].capacity));
     capacities.AddMember(text(kTableNames[i], alloc), capacity, alloc);
   }

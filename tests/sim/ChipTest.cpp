@@ -128,7 +128,14 @@ TEST(SimChip, DumpAndLookupInKeyOrder) {
             R"({"units":[{"unit":0,"ports":2},{"unit":1,"ports":2}],"lacpEnabled":false,)"
             R"("lag":{"Port-Channel2":{"hwId":2,"members":{"Ethernet3":)"
             R"({"collecting":true,"distributing":false}},"sharedPeerLink":"Port-Channel10"},)"
-            R"("Port-Channel10":{"hwId":1,"members":{}}},"capacity":{"lag":2},)"
+            R"("Port-Channel10":{"hwId":1,"members":{}}},"acl":{"units":[)"
+            R"({"unit":0,"in":{"used":0,"capacity":1024,"instances":{}},)"
+            R"("out":{"used":0,"capacity":1024,"instances":{}},)"
+            R"("rangeCheckers":{"used":0,"capacity":32}},)"
+            R"({"unit":1,"in":{"used":0,"capacity":1024,"instances":{}},)"
+            R"("out":{"used":0,"capacity":1024,"instances":{}},)"
+            R"("rangeCheckers":{"used":0,"capacity":32}}],"bindings":{},"blocked":[]},)"
+            R"("capacity":{"lag":2},)"
             R"("errors":["lag create Port-Channel1: full"]})");
 
   auto text = [&](std::vector<std::string> const& path) {

@@ -16,14 +16,15 @@
 #include <vector>
 
 #include "Nepo/IntfId.h"
+#include "Sim/ChipAcl.h"
 #include "Vemo/VemoTypes.h"
 #include "ZolGen/VemoCommon.h"
 
 namespace sim {
 
 // The chip's tables; each new one is appended and gets a name in tableName.
-enum class Table : uint8_t { lag };
-inline constexpr size_t kTableCount = 1;
+enum class Table : uint8_t { lag, acl, rangeChecker };
+inline constexpr size_t kTableCount = 3;
 
 // What the chip answers to one table operation.
 enum class Status : uint8_t {
@@ -56,6 +57,7 @@ class Chip {
   static constexpr uint32_t maxUnits = 32;
   static constexpr uint32_t maxPortsPerUnit = 288;
   static constexpr size_t defaultCapacity = 1024;
+  static constexpr size_t defaultRangeCheckers = 32;
   static constexpr size_t errorLogLimit = 1024;
 
   struct LagEntry {
@@ -86,6 +88,8 @@ class Chip {
   uint32_t faultPending(Table t) const { return tables_[index(t)].faultCount; }
   void capacityIs(Table t, size_t capacity) { tables_[index(t)].capacity = capacity; }
   size_t capacity(Table t) const { return tables_[index(t)].capacity; }
+  // For acl and rangeChecker, whose capacity applies to each unit's TCAM and pool, the total over
+  // the chip.
   size_t size(Table t) const;
   // Every refused operation, oldest first, as "lag create Port-Channel3: full"; only the last
   // errorLogLimit are kept.
@@ -107,10 +111,50 @@ class Chip {
   LagEntry const* lag(Nepo::IntfId const& lag) const;
   LagTable const& lags() const { return lags_; }
 
+  // The ACL TCAMs, one per unit and direction, and each unit's range-checker pool. An entry
+  // takes a checker for each of its ranges; identical ranges of one field share one. Writes
+  // (adding an entry, binding) count against faults; removals are never refused, so that a
+  // rollback always completes. An add refused for want of checkers answers full and sets
+  // *missing to the fields that found none, taken in RangeField order; it takes nothing.
+  // Adding at an existing key replaces that entry.
+  Status aclEntryAdd(uint32_t unit, Acl::AclDirection dir, AclEntry const& entry,
+                     RangeFields* missing = nullptr);
+  void aclEntryDel(uint32_t unit, Acl::AclDirection dir, AclEntryKey const& key);
+  // Every entry of the instance, on every unit, in both directions.
+  void aclDelete(uint32_t aclNumber);
+  AclTcamEntry const* aclEntry(uint32_t unit, Acl::AclDirection dir, AclEntryKey const& key) const;
+  AclTcam const& aclTcam(uint32_t unit, Acl::AclDirection dir) const;
+  size_t aclRangeCheckersUsed(uint32_t unit) const;
+  // How many entries of the unit share the checker; 0 when there is none.
+  uint32_t aclRangeCheckerUsers(uint32_t unit, RangeField field, PortRange range) const;
+  // An error the platform answers for every rule it would program on the unit;
+  // aclCreateErrorNone clears it.
+  void aclUnitErrorIs(uint32_t unit, Vemo::AclCreateError error);
+  Vemo::AclCreateError aclUnitError(uint32_t unit) const;
+
+  // The instance applied to an interface in one direction; a port is looked up in its unit's
+  // TCAM, any other interface in unit 0's (every unit holds the same instances).
+  Status aclBind(Nepo::IntfId const& intf, Acl::AclDirection dir, uint32_t aclNumber);
+  void aclUnbind(Nepo::IntfId const& intf, Acl::AclDirection dir);
+  std::optional<uint32_t> aclBinding(Nepo::IntfId const& intf, Acl::AclDirection dir) const;
+  // A blocked interface drops everything, in both directions.
+  void aclBlockIs(Nepo::IntfId const& intf, bool blocked);
+  bool aclBlocked(Nepo::IntfId const& intf) const { return aclBlocked_.contains(intf); }
+
+  // The fate of one packet: a blocked interface denies it, an interface without an instance
+  // permits it, otherwise the instance's first matching entry decides and counts it, and a
+  // packet no entry matches is denied.
+  ClassifyResult classify(Packet const& p);
+
   // Everything the chip holds, in key order:
   // {"units": [{"unit": 0, "ports": 32}], "lacpEnabled": true, "lag": {"Port-Channel1":
   //  {"hwId": 1, "members": {"Ethernet1": {"collecting": true, "distributing": true}},
   //  "sharedPeerLink": "Port-Channel10"}}, "capacity": {"lag": 1024}, "errors": [...]}
+  // "acl" follows "lag": {"units": [{"unit": 0, "in": {"used": 2, "capacity": 1024, "instances":
+  // {"3":
+  //  {"entries": 2, "hits": 5}}}, "out": {...}, "rangeCheckers": {"used": 1, "capacity": 32},
+  //  "error": "aclCreateErrorTcamExhaustion"}], "bindings": {"Ethernet1": {"in": 3}},
+  //  "blocked": ["Ethernet2"]}; the ACL tables' capacities are shown there, per unit.
   rapidjson::Value toJson(rapidjson::Document::AllocatorType& alloc) const;
   // The part of toJson at path: object members by name, array elements by decimal index.
   std::optional<rapidjson::Value> lookup(std::vector<std::string> const& path,
@@ -136,6 +180,20 @@ class Chip {
   void lagHwIdFree(uint32_t id);
   rapidjson::Value lagJson(rapidjson::Document::AllocatorType& alloc) const;
 
+  struct RangeChecker {
+    RangeField field = RangeField::srcPort;
+    PortRange range;
+    friend auto operator<=>(RangeChecker const&, RangeChecker const&) = default;
+  };
+  struct AclUnit {
+    std::array<AclTcam, 2> tcam;                     // by Acl::AclDirection
+    std::map<RangeChecker, uint32_t> rangeCheckers;  // users of each checker
+    Vemo::AclCreateError error = Vemo::AclCreateError::aclCreateErrorNone;
+  };
+  AclTcam& aclTcamOf(uint32_t unit, Acl::AclDirection dir);
+  void aclCheckersRelease(AclUnit& unit, AclEntry const& entry);
+  rapidjson::Value aclJson(rapidjson::Document::AllocatorType& alloc) const;
+
   Config config_;
   std::array<TableState, kTableCount> tables_{};
   std::vector<std::string> errors_;
@@ -145,6 +203,9 @@ class Chip {
   // these, or lagNextHwId_.
   std::set<uint32_t> lagFreeHwIds_;
   uint32_t lagNextHwId_ = 1;
+  std::vector<AclUnit> aclUnits_;
+  std::map<std::pair<Nepo::IntfId, Acl::AclDirection>, uint32_t> aclBindings_;
+  std::set<Nepo::IntfId> aclBlocked_;
 };
 
 // The chip's port layout for the port bitmaps: unit u gets bitmap index u (units are registered

@@ -1,0 +1,320 @@
+// The chip's ACL TCAMs, range checkers, bindings and the packet classifier.
+#include <string>
+
+#include "Sim/Chip.h"
+#include "Zol/Json.h"
+#include "Zol/Text.h"
+#include "Zol/Types.h"
+
+namespace sim {
+
+namespace {
+
+constexpr std::array<std::string_view, kRangeFieldCount> kRangeFieldNames = {"srcPort", "dstPort",
+                                                                             "ipLen"};
+
+template <class T>
+bool hit(Nepo::ValueMask<T> const& f, T v) {
+  return ((v ^ f.value) & f.mask) == 0;
+}
+
+bool hit(Nepo::IpPrefix const& p, Nepo::IpAddr const& a) {
+  return p.length() == 0 || p.contains(a);
+}
+
+size_t dirIndex(Acl::AclDirection dir) { return static_cast<size_t>(dir); }
+
+std::string_view dirName(Acl::AclDirection dir) {
+  return dir == Acl::AclDirection::in ? "in" : "out";
+}
+
+std::string entryName(std::string_view op, uint32_t unit, Acl::AclDirection dir,
+                      AclEntryKey const& k) {
+  return std::string(op) + " " + std::to_string(k.aclNumber) + " rule " +
+         std::to_string(k.aclRule) + "." + std::to_string(k.subRuleNum) + " unit " +
+         std::to_string(unit) + " " + std::string(dirName(dir));
+}
+
+std::string fieldNames(RangeFields fields) {
+  std::string out;
+  for (size_t i = 0; i < kRangeFieldCount; ++i) {
+    if (!(fields & rangeFieldBit(static_cast<RangeField>(i)))) continue;
+    if (!out.empty()) out += ' ';
+    out += kRangeFieldNames[i];
+  }
+  return out;
+}
+
+}  // namespace
+
+bool AclEntry::matchesL4() const {
+  return srcPort.mask != 0 || dstPort.mask != 0 || tcpFlags.mask != 0 || tcpEstablished ||
+         icmpType.mask != 0 || icmpCode.mask != 0 || range(RangeField::srcPort) ||
+         range(RangeField::dstPort);
+}
+
+bool AclEntry::matchesIp() const {
+  return ipVersion != 0 || srcIp.length() != 0 || dstIp.length() != 0 || protocol.mask != 0 ||
+         ecn.mask != 0 || dscp.mask != 0 || ipLen.mask != 0 || ttl.mask != 0 ||
+         range(RangeField::ipLen) || fragment == FragmentMatch::nonInitial || matchesL4();
+}
+
+bool AclEntry::matches(Packet const& p) const {
+  uint16_t const type = !p.isIp ? p.etherType : p.srcIp.isV6() ? 0x86DD : 0x0800;
+  if (!hit(srcMac, p.srcMac.value()) || !hit(dstMac, p.dstMac.value()) || !hit(etherType, type) ||
+      !hit(vlan, p.vlan)) {
+    return false;
+  }
+  if (!matchesIp()) return true;
+  if (!p.isIp) return false;
+  if (ipVersion != 0 && ipVersion != (p.srcIp.isV6() ? 6 : 4)) return false;
+  if (!hit(srcIp, p.srcIp) || !hit(dstIp, p.dstIp) || !hit(protocol, p.protocol) ||
+      !hit(ecn, p.ecn) || !hit(dscp, p.dscp) || !hit(ipLen, p.ipLen) || !hit(ttl, p.ttl)) {
+    return false;
+  }
+  if (range(RangeField::ipLen) && !range(RangeField::ipLen)->contains(p.ipLen)) return false;
+  if (fragment == FragmentMatch::nonInitial && !p.fragment) return false;
+  if (fragment == FragmentMatch::notFragment && p.fragment) return false;
+  if (!matchesL4()) return true;
+  if (p.fragment) return false;
+  constexpr uint16_t ackOrRst = Acl::TcpFlag::ack | Acl::TcpFlag::rst;
+  if (tcpEstablished && (p.protocol != Acl::IpFilter::protocolTcp || !(p.tcpFlags & ackOrRst))) {
+    return false;
+  }
+  if (range(RangeField::srcPort) && !range(RangeField::srcPort)->contains(p.srcPort)) return false;
+  if (range(RangeField::dstPort) && !range(RangeField::dstPort)->contains(p.dstPort)) return false;
+  return hit(srcPort, p.srcPort) && hit(dstPort, p.dstPort) && hit(tcpFlags, p.tcpFlags) &&
+         hit(icmpType, p.icmpType) && hit(icmpCode, p.icmpCode);
+}
+
+AclTcam& Chip::aclTcamOf(uint32_t unit, Acl::AclDirection dir) {
+  return aclUnits_[unit].tcam[dirIndex(dir)];
+}
+
+AclTcam const& Chip::aclTcam(uint32_t unit, Acl::AclDirection dir) const {
+  if (unit >= aclUnits_.size()) throw Zol::RangeException("no unit " + std::to_string(unit));
+  return aclUnits_[unit].tcam[dirIndex(dir)];
+}
+
+Status Chip::aclEntryAdd(uint32_t unit, Acl::AclDirection dir, AclEntry const& entry,
+                         RangeFields* missing) {
+  if (missing) *missing = 0;
+  AclEntryKey const& key = entry.key;
+  if (Status s = admit(Table::acl, false); s != Status::ok) {
+    return refuse(Table::acl, entryName("add", unit, dir, key), s);
+  }
+  if (unit >= aclUnits_.size()) {
+    return refuse(Table::acl, entryName("add", unit, dir, key), Status::failed, "no such unit");
+  }
+  AclUnit& u = aclUnits_[unit];
+  AclTcam& tcam = u.tcam[dirIndex(dir)];
+  auto const old = tcam.find(key);
+  if (old == tcam.end() && tcam.size() >= capacity(Table::acl)) {
+    return refuse(Table::acl, entryName("add", unit, dir, key), Status::full);
+  }
+
+  // Fields take checkers in RangeField order from the room left; a range already in the pool is
+  // shared and takes none. Nothing is taken unless every field gets one.
+  RangeFields wanted = 0;
+  RangeFields lacking = 0;
+  size_t room = capacity(Table::rangeChecker) -
+                std::min(capacity(Table::rangeChecker), u.rangeCheckers.size());
+  for (size_t i = 0; i < kRangeFieldCount; ++i) {
+    auto const field = static_cast<RangeField>(i);
+    if (!entry.ranges[i]) continue;
+    wanted |= rangeFieldBit(field);
+    if (u.rangeCheckers.contains(RangeChecker{field, *entry.ranges[i]})) continue;
+    if (room == 0) {
+      lacking |= rangeFieldBit(field);
+    } else {
+      --room;
+    }
+  }
+  if (wanted != 0) {
+    Status s = admit(Table::rangeChecker, false);
+    if (s == Status::full) lacking = wanted;
+    if (s == Status::ok && lacking != 0) s = Status::full;
+    if (s != Status::ok) {
+      if (missing && s == Status::full) *missing = lacking;
+      return refuse(Table::rangeChecker, entryName("add", unit, dir, key), s,
+                    s == Status::full ? "none left for " + fieldNames(lacking) : "");
+    }
+  }
+
+  for (size_t i = 0; i < kRangeFieldCount; ++i) {
+    if (!entry.ranges[i]) continue;
+    ++u.rangeCheckers[RangeChecker{static_cast<RangeField>(i), *entry.ranges[i]}];
+  }
+  if (old != tcam.end()) {
+    aclCheckersRelease(u, old->second.entry);
+    old->second = AclTcamEntry{entry, 0};
+  } else {
+    tcam.emplace(key, AclTcamEntry{entry, 0});
+  }
+  return Status::ok;
+}
+
+void Chip::aclCheckersRelease(AclUnit& unit, AclEntry const& entry) {
+  for (size_t i = 0; i < kRangeFieldCount; ++i) {
+    if (!entry.ranges[i]) continue;
+    auto const it =
+        unit.rangeCheckers.find(RangeChecker{static_cast<RangeField>(i), *entry.ranges[i]});
+    if (it != unit.rangeCheckers.end() && --it->second == 0) unit.rangeCheckers.erase(it);
+  }
+}
+
+void Chip::aclEntryDel(uint32_t unit, Acl::AclDirection dir, AclEntryKey const& key) {
+  if (unit >= aclUnits_.size()) return;
+  AclTcam& tcam = aclTcamOf(unit, dir);
+  auto const it = tcam.find(key);
+  if (it == tcam.end()) return;
+  aclCheckersRelease(aclUnits_[unit], it->second.entry);
+  tcam.erase(it);
+}
+
+void Chip::aclDelete(uint32_t aclNumber) {
+  for (AclUnit& u : aclUnits_) {
+    for (AclTcam& tcam : u.tcam) {
+      auto it = tcam.lower_bound(AclEntryKey{aclNumber, 0, 0});
+      while (it != tcam.end() && it->first.aclNumber == aclNumber) {
+        aclCheckersRelease(u, it->second.entry);
+        it = tcam.erase(it);
+      }
+    }
+  }
+}
+
+AclTcamEntry const* Chip::aclEntry(uint32_t unit, Acl::AclDirection dir,
+                                   AclEntryKey const& key) const {
+  AclTcam const& tcam = aclTcam(unit, dir);
+  auto const it = tcam.find(key);
+  return it == tcam.end() ? nullptr : &it->second;
+}
+
+size_t Chip::aclRangeCheckersUsed(uint32_t unit) const {
+  if (unit >= aclUnits_.size()) throw Zol::RangeException("no unit " + std::to_string(unit));
+  return aclUnits_[unit].rangeCheckers.size();
+}
+
+uint32_t Chip::aclRangeCheckerUsers(uint32_t unit, RangeField field, PortRange range) const {
+  if (unit >= aclUnits_.size()) throw Zol::RangeException("no unit " + std::to_string(unit));
+  auto const& pool = aclUnits_[unit].rangeCheckers;
+  auto const it = pool.find(RangeChecker{field, range});
+  return it == pool.end() ? 0 : it->second;
+}
+
+void Chip::aclUnitErrorIs(uint32_t unit, Vemo::AclCreateError error) {
+  if (unit >= aclUnits_.size()) throw Zol::RangeException("no unit " + std::to_string(unit));
+  aclUnits_[unit].error = error;
+}
+
+Vemo::AclCreateError Chip::aclUnitError(uint32_t unit) const {
+  if (unit >= aclUnits_.size()) throw Zol::RangeException("no unit " + std::to_string(unit));
+  return aclUnits_[unit].error;
+}
+
+Status Chip::aclBind(Nepo::IntfId const& intf, Acl::AclDirection dir, uint32_t aclNumber) {
+  if (Status s = admit(Table::acl, false); s != Status::ok) {
+    return refuse(Table::acl,
+                  "bind " + intf.stringValue() + " " + std::string(dirName(dir)) + " " +
+                      std::to_string(aclNumber),
+                  s);
+  }
+  aclBindings_[{intf, dir}] = aclNumber;
+  return Status::ok;
+}
+
+void Chip::aclUnbind(Nepo::IntfId const& intf, Acl::AclDirection dir) {
+  aclBindings_.erase({intf, dir});
+}
+
+std::optional<uint32_t> Chip::aclBinding(Nepo::IntfId const& intf, Acl::AclDirection dir) const {
+  auto const it = aclBindings_.find({intf, dir});
+  if (it == aclBindings_.end()) return std::nullopt;
+  return it->second;
+}
+
+void Chip::aclBlockIs(Nepo::IntfId const& intf, bool blocked) {
+  if (blocked) {
+    aclBlocked_.insert(intf);
+  } else {
+    aclBlocked_.erase(intf);
+  }
+}
+
+ClassifyResult Chip::classify(Packet const& p) {
+  if (aclBlocked(p.intf)) return ClassifyResult{Acl::AclAction::deny, std::nullopt, true};
+  std::optional<uint32_t> const acl = aclBinding(p.intf, p.direction);
+  if (!acl) return ClassifyResult{};
+  std::optional<PortLocation> const where = location(p.intf);
+  AclTcam& tcam = aclTcamOf(where ? where->unit : 0, p.direction);
+  for (auto it = tcam.lower_bound(AclEntryKey{*acl, 0, 0});
+       it != tcam.end() && it->first.aclNumber == *acl; ++it) {
+    if (!it->second.entry.matches(p)) continue;
+    ++it->second.hits;
+    return ClassifyResult{it->second.entry.action, it->first, false};
+  }
+  return ClassifyResult{Acl::AclAction::deny, std::nullopt, false};
+}
+
+rapidjson::Value Chip::aclJson(rapidjson::Document::AllocatorType& alloc) const {
+  auto usedOf = [&](size_t used, size_t capacity) {
+    rapidjson::Value v(rapidjson::kObjectType);
+    v.AddMember("used", static_cast<uint64_t>(used), alloc);
+    v.AddMember("capacity", static_cast<uint64_t>(capacity), alloc);
+    return v;
+  };
+  rapidjson::Value units(rapidjson::kArrayType);
+  for (uint32_t n = 0; n < aclUnits_.size(); ++n) {
+    AclUnit const& u = aclUnits_[n];
+    rapidjson::Value unit(rapidjson::kObjectType);
+    unit.AddMember("unit", n, alloc);
+    for (auto const dir : {Acl::AclDirection::in, Acl::AclDirection::out}) {
+      AclTcam const& tcam = u.tcam[dirIndex(dir)];
+      rapidjson::Value side = usedOf(tcam.size(), capacity(Table::acl));
+      rapidjson::Value instances(rapidjson::kObjectType);
+      for (auto it = tcam.begin(); it != tcam.end();) {
+        uint32_t const acl = it->first.aclNumber;
+        uint64_t entries = 0;
+        uint64_t hits = 0;
+        for (; it != tcam.end() && it->first.aclNumber == acl; ++it) {
+          ++entries;
+          hits += it->second.hits;
+        }
+        rapidjson::Value instance(rapidjson::kObjectType);
+        instance.AddMember("entries", entries, alloc);
+        instance.AddMember("hits", hits, alloc);
+        instances.AddMember(Zol::toJson(std::to_string(acl), alloc), instance, alloc);
+      }
+      side.AddMember("instances", instances, alloc);
+      unit.AddMember(Zol::toJson(std::string(dirName(dir)), alloc), side, alloc);
+    }
+    unit.AddMember("rangeCheckers", usedOf(u.rangeCheckers.size(), capacity(Table::rangeChecker)),
+                   alloc);
+    if (u.error != Vemo::AclCreateError::aclCreateErrorNone) {
+      unit.AddMember("error", Zol::toJson(std::string(Zol::enumName(u.error)), alloc), alloc);
+    }
+    units.PushBack(unit, alloc);
+  }
+  rapidjson::Value bindings(rapidjson::kObjectType);
+  for (auto it = aclBindings_.begin(); it != aclBindings_.end();) {
+    Nepo::IntfId const intf = it->first.first;
+    rapidjson::Value dirs(rapidjson::kObjectType);
+    for (; it != aclBindings_.end() && it->first.first == intf; ++it) {
+      dirs.AddMember(Zol::toJson(std::string(dirName(it->first.second)), alloc),
+                     rapidjson::Value(it->second), alloc);
+    }
+    bindings.AddMember(Zol::toJson(intf.stringValue(), alloc), dirs, alloc);
+  }
+  rapidjson::Value blocked(rapidjson::kArrayType);
+  for (Nepo::IntfId const& intf : aclBlocked_) {
+    blocked.PushBack(Zol::toJson(intf.stringValue(), alloc), alloc);
+  }
+  rapidjson::Value root(rapidjson::kObjectType);
+  root.AddMember("units", units, alloc);
+  root.AddMember("bindings", bindings, alloc);
+  root.AddMember("blocked", blocked, alloc);
+  return root;
+}
+
+}  // namespace sim

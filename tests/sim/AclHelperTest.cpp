@@ -1,0 +1,260 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "Sim/AclHelper.h"
+#include "Vemo/AclRules.h"
+
+namespace {
+
+using Acl::AclAction;
+using Acl::AclType;
+using Acl::PortOper;
+using Acl::PortSpec;
+using Err = Vemo::AclCreateError;
+using sim::Packet;
+using sim::Status;
+using sim::Table;
+using testing::ElementsAre;
+
+constexpr auto in = Acl::AclDirection::in;
+constexpr auto permit = AclAction::permit;
+constexpr auto deny = AclAction::deny;
+constexpr Err ok = Err::aclCreateErrorNone;
+
+Nepo::IntfId intf(std::string_view name) { return Nepo::IntfId::fromString(name); }
+
+// What one subrule is given for a 16-bit field: a range, value and mask 0.
+struct Field {
+  uint16_t low = 0, high = 0;
+};
+
+// ranged: the fields (1 source port, 2 destination port, 4 IP length) the filter matches.
+Acl::IpRuleConfig ipRule(AclAction action, uint8_t protocol, unsigned ranged = 0,
+                         std::string_view dst = "0.0.0.0/0") {
+  Acl::IpFilter f;
+  f.protocolIs(protocol);
+  f.destinationIs(Nepo::IpPrefix::fromString(dst));
+  PortSpec const ports(PortOper::portRange, {0, 1});
+  if (ranged & 1) f.srcPortIs(ports);
+  if (ranged & 2) f.dstPortIs(ports);
+  if (ranged & 4) f.ipLenIs(ports);
+  return Acl::IpRuleConfig(action, false, Acl::UniqueId(1), f);
+}
+
+Packet packet(uint8_t protocol, uint16_t dstPort, std::string_view src = "10.1.1.1") {
+  Packet p;
+  p.intf = intf("Ethernet4");
+  p.isIp = true;
+  p.srcIp = Nepo::IpAddr::fromString(src);
+  p.dstIp = Nepo::IpAddr::fromString(p.srcIp.isV6() ? "2001:db8::2" : "10.2.2.2");
+  p.protocol = protocol;
+  p.dstPort = dstPort;
+  return p;
+}
+
+struct Bench {
+  explicit Bench(AclType type = AclType::ip, uint32_t aclNumber = 3)
+      : data(Zol::make<Vemo::AclData>("data", Vemo::AclKey("acl", type, in, false, {}, ""))) {
+    data->aclNumberIs(aclNumber);
+    EXPECT_EQ(chip.aclBind(intf("Ethernet4"), in, aclNumber), Status::ok);
+  }
+  Err subrule(Acl::IpRuleConfig const& r, uint32_t rule, uint32_t sub, Field s, Field d,
+              Field l = {}, uint8_t flags = 0, uint8_t ecn = 0, uint8_t ecnMask = 0) {
+    return helper->createIpAclSubrule(data->key().type(), r, r.uniqueId(), *data, rule, sub, 0, 0,
+                                      0, 0, s.low, s.high, d.low, d.high, 0, 0, l.low, l.high,
+                                      flags, true, ecn, ecnMask);
+  }
+  // The deciding entry as "rule.subrule".
+  std::string decide(Packet const& p, AclAction want) {
+    sim::ClassifyResult const r = chip.classify(p);
+    EXPECT_EQ(r.action, want);
+    if (!r.entry) return "none";
+    return std::to_string(r.entry->aclRule) + "." + std::to_string(r.entry->subRuleNum);
+  }
+  size_t checkers() const { return chip.aclRangeCheckersUsed(0) + chip.aclRangeCheckersUsed(1); }
+
+  sim::Chip chip{sim::Chip::Config{2, 2}};
+  Zol::Ptr<sim::AclHelper> helper = Zol::make<sim::AclHelper>("aclHelper", chip);
+  Zol::Ptr<Vemo::AclData> data;
+};
+
+TEST(SimAclHelper, SubrulesProgramEveryUnitAndMatchTheirRule) {
+  Bench b;
+  auto& h = *b.helper;
+  h.hwInit();
+  EXPECT_TRUE(h.intfSupportsAcl(intf("Ethernet4")) && h.intfSupportsAcl(intf("Port-Channel2")) &&
+              h.intfSupportsAcl(intf("Vlan10")));
+  EXPECT_FALSE(h.intfSupportsAcl(intf("Ethernet5")));
+
+  // Rule 0 needs a checker, rule 1's range is one value/mask; the source port is left open.
+  ASSERT_EQ(b.subrule(ipRule(permit, 6, 2), 0, 0, {}, {1000, 2000}, {}, Acl::TcpFlag::syn), ok);
+  ASSERT_EQ(b.subrule(ipRule(deny, 6, 2, "10.2.0.0/16"), 1, 0, {}, {1024, 2047}), ok);
+  ASSERT_EQ(h.createFinalAclRule(AclType::ip, *b.data, 2), ok);
+  EXPECT_EQ(b.chip.aclTcam(0, in).size(), 3u);
+  EXPECT_EQ(b.chip.aclRangeCheckersUsed(1), 1u);
+  EXPECT_TRUE(h.ipSubruleExists(*b.data, 1, 0));
+  EXPECT_FALSE(h.ipSubruleExists(*b.data, 1, 1));
+
+  Packet p = packet(6, 0);
+  p.srcPort = 5555;
+  p.tcpFlags = Acl::TcpFlag::syn | Acl::TcpFlag::psh;
+  for (uint16_t port : {999, 1000, 2000, 2001}) {
+    p.dstPort = port;
+    bool const inside = port >= 1000 && port <= 2000;
+    EXPECT_EQ(b.decide(p, inside ? permit : deny), inside ? "0.0" : port < 1000 ? "2.0" : "1.0");
+  }
+  p.tcpFlags = Acl::TcpFlag::ack;
+  p.dstPort = 1000;
+  EXPECT_EQ(b.decide(p, deny), "2.0");
+  // An IPv4 instance does not let IPv6 through.
+  Packet v6 = packet(6, 1000, "2001:db8::1");
+  v6.tcpFlags = Acl::TcpFlag::syn;
+  EXPECT_EQ(b.decide(v6, deny), "2.0");
+
+  h.deleteAcl(3);
+  EXPECT_EQ(b.chip.size(Table::acl), 0u);
+  EXPECT_EQ(b.checkers(), 0u);
+  EXPECT_FALSE(h.ipSubruleExists(*b.data, 1, 0));
+  EXPECT_THAT(h.log(), ElementsAre("hwInit", "createIpAclSubrule 3 0.0: aclCreateErrorNone",
+                                   "createIpAclSubrule 3 1.0: aclCreateErrorNone",
+                                   "createFinalAclRule 3 2: aclCreateErrorNone", "deleteAcl 3"));
+}
+
+TEST(SimAclHelper, CheckerExhaustionNamesExactlyTheFieldsThatRanOut) {
+  struct Case {
+    size_t pool;
+    unsigned fields;  // 1 source port, 2 destination port, 4 IP length
+    Err want;
+  };
+  for (Case const& c :
+       std::initializer_list<Case>{{0, 1, Err::aclCreateErrorSrcPortRangeChecker},
+                                   {0, 2, Err::aclCreateErrorDstPortRangeChecker},
+                                   {0, 4, Err::aclCreateErrorIpLenRangeChecker},
+                                   {0, 3, Err::aclCreateErrorRangeChecker},
+                                   {0, 5, Err::aclCreateErrorIpLenAndSrcPortRangeChecker},
+                                   {0, 6, Err::aclCreateErrorIpLenAndDstPortRangeChecker},
+                                   {0, 7, Err::aclCreateErrorIpLenSrcAndDstRangeChecker},
+                                   {1, 7, Err::aclCreateErrorIpLenAndDstPortRangeChecker},
+                                   {2, 7, Err::aclCreateErrorIpLenRangeChecker},
+                                   {3, 7, ok}}) {
+    Bench b;
+    b.chip.capacityIs(Table::rangeChecker, c.pool);
+    // 1..2 takes two value/mask entries, so it needs a checker; 0..1023 is one entry.
+    auto field = [&](unsigned bit) { return c.fields & bit ? Field{1, 2} : Field{0, 1023}; };
+    EXPECT_EQ(b.subrule(ipRule(permit, 17, 7), 0, 0, field(1), field(2), field(4)), c.want)
+        << c.pool << " " << c.fields;
+    EXPECT_EQ(b.checkers(), c.want == ok ? 6u : 0u);
+    EXPECT_EQ(b.chip.size(Table::acl), c.want == ok ? 2u : 0u);
+  }
+
+  // A range already in the pool is shared, so only the new one runs out.
+  Bench b;
+  b.chip.capacityIs(Table::rangeChecker, 1);
+  ASSERT_EQ(b.subrule(ipRule(permit, 17, 3), 0, 0, {1, 2}, {0, 7}), ok);
+  EXPECT_EQ(b.subrule(ipRule(permit, 17, 3), 0, 1, {1, 2}, {1, 2}),
+            Err::aclCreateErrorDstPortRangeChecker);
+  EXPECT_EQ(b.chip.aclRangeCheckerUsers(1, sim::RangeField::srcPort, {1, 2}), 1u);
+
+  // The SM then falls back to value/mask entries, which match exactly the same packets.
+  auto const config = Zol::make<Acl::AclConfig>("config", "web");
+  Acl::IpRuleConfig web = ipRule(permit, 6);
+  Acl::IpFilter f = web.filter();
+  f.dstPortIs(PortSpec(PortOper::portRange, {1000, 2000}));
+  web.filterIs(f);
+  config->ipRuleBySequenceIs(10, web);
+  b.data->aclNumberIs(4);
+  ASSERT_EQ(Vemo::createAclRules(*b.helper, *b.data, *config), ok);
+  ASSERT_EQ(b.chip.aclBind(intf("Ethernet4"), in, 4), Status::ok);
+  EXPECT_EQ(b.chip.aclRangeCheckersUsed(1), 1u);
+  EXPECT_EQ(b.decide(packet(6, 999), deny), "1.0");
+  EXPECT_NE(b.decide(packet(6, 1000), permit), "none");
+  EXPECT_NE(b.decide(packet(6, 2000), permit), "none");
+  EXPECT_EQ(b.decide(packet(6, 2001), deny), "1.0");
+}
+
+TEST(SimAclHelper, RefusalsLeaveNoUnitProgrammed) {
+  Bench b;
+  Acl::IpRuleConfig rule = ipRule(permit, 17, 2);
+  // Unit 1's TCAM is full: unit 0's entry and checker are given back.
+  b.chip.capacityIs(Table::acl, 1);
+  ASSERT_EQ(b.chip.aclEntryAdd(1, in, sim::AclEntry{}), Status::ok);
+  EXPECT_EQ(b.subrule(rule, 0, 0, {}, {1, 2}), Err::aclCreateErrorTcamExhaustion);
+  EXPECT_EQ(b.checkers(), 0u);
+  EXPECT_TRUE(b.chip.aclTcam(0, in).empty());
+  b.chip.capacityIs(Table::acl, 8);
+  b.chip.aclUnitErrorIs(1, Err::aclCreateErrorTooManyAcls);
+  EXPECT_EQ(b.helper->createFinalAclRule(AclType::ip, *b.data, 0), Err::aclCreateErrorTooManyAcls);
+  EXPECT_TRUE(b.chip.aclTcam(0, in).empty());
+  b.chip.aclUnitErrorIs(1, ok);
+
+  for (auto [fault, want] : {std::pair{Status::full, Err::aclCreateErrorTcamExhaustion},
+                             std::pair{Status::failed, Err::aclCreateErrorUnsupportedRule},
+                             std::pair{Status::busy, Err::aclCreateErrorInsufficientResource}}) {
+    b.chip.faultIs(Table::acl, fault, 1);
+    EXPECT_EQ(b.subrule(rule, 0, 0, {}, {1, 2}), want);
+  }
+  // Tunnel identifiers are refused before the chip is asked.
+  Acl::IpFilter f = rule.filter();
+  f.vniIs(5);
+  rule.filterIs(f);
+  b.chip.faultIs(Table::acl, Status::busy, 1);
+  EXPECT_EQ(b.subrule(rule, 0, 0, {}, {1, 2}), Err::aclCreateErrorUnsupportedRule);
+  EXPECT_EQ(b.chip.faultPending(Table::acl), 1u);
+  EXPECT_EQ(b.chip.size(Table::acl), 1u);
+}
+
+TEST(SimAclHelper, FragmentPermitsFinalRulesAndMacRules) {
+  Bench b(AclType::ipv6, 5);
+  b.helper->installImplicitIcmp6RulesIs(true);
+  Acl::IpRuleConfig ssh = ipRule(permit, 6, 2, "2001:db8::/32");
+  Acl::IpFilter f = ssh.filter();
+  f.ecnIs(Acl::EcnMatch::ecnEctOrCe);
+  ssh.filterIs(f);
+  ASSERT_EQ(b.subrule(ssh, 0, 0, {}, {22, 22}, {}, 0, 1, 3), ok);
+  ASSERT_EQ(b.subrule(ssh, 0, 1, {}, {22, 22}, {}, 0, 2, 2), ok);
+  ASSERT_EQ(b.helper->createIpFragRule(*b.data, ssh, ssh.uniqueId(), 0, 2), ok);
+  ASSERT_EQ(b.helper->createFinalAclRule(AclType::ipv6, *b.data, 1), ok);
+  Packet p = packet(6, 22, "2001:db8::1");
+  p.ecn = 2;
+  EXPECT_EQ(b.decide(p, permit), "0.1");
+  p.fragment = true;
+  EXPECT_EQ(b.decide(p, permit), "0.3");
+  p.ecn = 0;
+  EXPECT_EQ(b.decide(p, deny), "1.4");
+  p = packet(6, 23, "2001:db8::1");
+  p.ecn = 2;
+  EXPECT_EQ(b.decide(p, deny), "1.4");
+  Packet nd = packet(58, 0, "fe80::1");
+  for (uint8_t type : {133, 136, 137}) {
+    nd.icmpType = type;
+    EXPECT_EQ(b.decide(nd, type < 137 ? permit : deny), "1." + std::to_string(type - 133));
+  }
+
+  Bench m(AclType::mac, 7);
+  Acl::MacFilter mf;
+  mf.sourceIs(Nepo::EthAddrWithMask::fromString("02:00:00:00:00:00/ff:00:00:00:00:00"));
+  mf.destinationIs(Nepo::EthAddrWithMask(Nepo::EthAddr(), Nepo::EthAddr()));
+  mf.etherTypeIs(0x0806);
+  mf.vlanIdIs(10);
+  mf.vlanMaskIs(0xffe);
+  Acl::MacRuleConfig rule(permit, false, Acl::UniqueId(1), mf);
+  ASSERT_EQ(m.helper->createMacAclRule(rule, rule.uniqueId(), *m.data, 0), ok);
+  ASSERT_EQ(m.helper->createFinalAclRule(AclType::mac, *m.data, 1), ok);
+  Packet arp;
+  arp.intf = intf("Ethernet4");
+  arp.etherType = 0x0806;
+  arp.srcMac = Nepo::EthAddr(2, 9, 9, 9, 9, 9);
+  arp.vlan = 11;
+  EXPECT_EQ(m.decide(arp, permit), "0.0");
+  arp.vlan = 12;
+  EXPECT_EQ(m.decide(arp, deny), "1.0");
+  arp.vlan = 10;
+  arp.srcMac = Nepo::EthAddr(3, 0, 0, 0, 0, 0);
+  EXPECT_EQ(m.decide(arp, deny), "1.0");
+  mf.mplsLabelMatchIs(true);
+  rule.filterIs(mf);
+  EXPECT_EQ(m.helper->createMacAclRule(rule, rule.uniqueId(), *m.data, 0),
+            Err::aclCreateErrorUnsupportedRule);
+}
+
+}  // namespace

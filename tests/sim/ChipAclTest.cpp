@@ -1,0 +1,144 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "Sim/Chip.h"
+#include "Zol/Json.h"
+
+namespace {
+
+using Acl::AclAction;
+using Acl::AclDirection;
+using Nepo::IntfId;
+using sim::AclEntry;
+using sim::Chip;
+using sim::Packet;
+using sim::PortRange;
+using sim::RangeField;
+using sim::Status;
+using sim::Table;
+using testing::ElementsAre;
+
+constexpr auto in = AclDirection::in;
+constexpr auto permit = AclAction::permit;
+constexpr auto deny = AclAction::deny;
+
+IntfId intf(std::string_view name) { return IntfId::fromString(name); }
+
+AclEntry entry(uint32_t acl, uint32_t rule, uint32_t sub, AclAction action) {
+  AclEntry e;
+  e.key = sim::AclEntryKey{acl, rule, sub};
+  e.action = action;
+  return e;
+}
+
+Packet tcp(std::string_view port, uint16_t dstPort, std::string_view dst = "10.1.1.1") {
+  Packet p;
+  p.intf = intf(port);
+  p.isIp = true;
+  p.srcIp = Nepo::IpAddr::fromString("192.168.0.1");
+  p.dstIp = Nepo::IpAddr::fromString(dst);
+  p.protocol = 6;
+  p.dstPort = dstPort;
+  return p;
+}
+
+TEST(SimChipAcl, ClassifyTakesTheFirstMatchOfTheBoundInstanceAndCounts) {
+  Chip chip(Chip::Config{2, 2});
+  AclEntry web = entry(3, 1, 0, permit);
+  web.dstPort = {80, 0xffff};
+  AclEntry net10 = entry(3, 0, 0, deny);
+  net10.dstIp = Nepo::IpPrefix::fromString("10.0.0.0/8");
+  AclEntry last = entry(3, 2, 0, deny);
+  AclEntry other = entry(4, 0, 0, permit);
+  for (uint32_t unit : {0u, 1u}) {
+    // Written out of order: lookup follows (rule, subrule), not the order of writing.
+    for (AclEntry const* e : {&web, &net10, &other, &last}) {
+      ASSERT_EQ(chip.aclEntryAdd(unit, in, *e), Status::ok);
+    }
+  }
+  auto decide = [&](Packet const& p, AclAction want) {
+    sim::ClassifyResult const r = chip.classify(p);
+    EXPECT_EQ(r.action, want);
+    return r.entry ? r.entry->aclRule * 10 + r.entry->subRuleNum : 99;
+  };
+  EXPECT_EQ(decide(tcp("Ethernet3", 80), permit), 99u);  // nothing bound
+  ASSERT_EQ(chip.aclBind(intf("Ethernet3"), in, 3), Status::ok);
+  ASSERT_EQ(chip.aclBind(intf("Port-Channel1"), in, 3), Status::ok);
+  EXPECT_EQ(decide(tcp("Ethernet3", 80), deny), 0u);
+  EXPECT_EQ(decide(tcp("Ethernet3", 80, "11.0.0.1"), permit), 10u);
+  EXPECT_EQ(decide(tcp("Ethernet3", 81, "11.0.0.1"), deny), 20u);
+  // An IPv4 prefix never matches an IPv6 address with the same leading bits.
+  EXPECT_EQ(decide(tcp("Ethernet3", 80, "a00::1"), permit), 10u);
+  // A non-initial fragment has no ports to match.
+  Packet fragment = tcp("Ethernet3", 80, "11.0.0.1");
+  fragment.fragment = true;
+  EXPECT_EQ(decide(fragment, deny), 20u);
+  Packet out = tcp("Ethernet3", 80);
+  out.direction = AclDirection::out;
+  EXPECT_EQ(decide(out, permit), 99u);
+  // Ethernet3 is on unit 1; a port-channel is looked up in unit 0.
+  EXPECT_EQ(decide(tcp("Port-Channel1", 80, "11.0.0.1"), permit), 10u);
+  EXPECT_EQ(chip.aclEntry(1, in, {3, 1, 0})->hits, 2u);
+  EXPECT_EQ(chip.aclEntry(0, in, {3, 1, 0})->hits, 1u);
+
+  chip.aclBlockIs(intf("Ethernet3"), true);
+  EXPECT_TRUE(chip.classify(tcp("Ethernet3", 80, "11.0.0.1")).blocked);
+  EXPECT_EQ(decide(tcp("Ethernet3", 80, "11.0.0.1"), deny), 99u);
+  EXPECT_EQ(chip.aclEntry(1, in, {3, 1, 0})->hits, 2u);
+  chip.aclBlockIs(intf("Ethernet3"), false);
+  chip.aclDelete(3);
+  EXPECT_EQ(decide(tcp("Ethernet3", 80, "11.0.0.1"), deny), 99u);  // bound, nothing matches
+  chip.aclUnbind(intf("Ethernet3"), in);
+  EXPECT_EQ(decide(tcp("Ethernet3", 80), permit), 99u);
+  EXPECT_EQ(chip.size(Table::acl), 2u);
+}
+
+TEST(SimChipAcl, CheckersAreSharedPerUnitAndTheDumpShowsTheAclPart) {
+  Chip chip(Chip::Config{2, 2});
+  rapidjson::Document doc;
+  auto& alloc = doc.GetAllocator();
+  EXPECT_EQ(Zol::jsonText(*chip.lookup({"acl", "units", "1", "rangeCheckers"}, alloc)),
+            R"({"used":0,"capacity":32})");
+  chip.capacityIs(Table::acl, 2);
+  chip.capacityIs(Table::rangeChecker, 1);
+  AclEntry a = entry(1, 0, 0, deny);
+  a.rangeIs(RangeField::srcPort, PortRange{10, 20});
+  AclEntry b = entry(1, 0, 1, deny);
+  b.ranges = {PortRange{10, 20}, PortRange{1, 2}, std::nullopt};
+  ASSERT_EQ(chip.aclEntryAdd(0, in, a), Status::ok);
+  // The identical source range is shared; the destination range finds the pool empty.
+  sim::RangeFields missing = 0;
+  EXPECT_EQ(chip.aclEntryAdd(0, in, b, &missing), Status::full);
+  EXPECT_EQ(missing, sim::rangeFieldBit(RangeField::dstPort));
+  chip.capacityIs(Table::rangeChecker, 2);
+  // The TCAM is full per unit and direction; writing at a key replaces that entry.
+  ASSERT_EQ(chip.aclEntryAdd(0, in, entry(1, 5, 0, deny)), Status::ok);
+  EXPECT_EQ(chip.aclEntryAdd(0, in, entry(1, 6, 0, deny)), Status::full);
+  EXPECT_EQ(chip.aclEntryAdd(0, in, entry(1, 5, 0, permit)), Status::ok);
+  EXPECT_EQ(chip.aclEntryAdd(0, AclDirection::out, entry(1, 6, 0, deny)), Status::ok);
+  chip.faultIs(Table::rangeChecker, Status::busy, 1);
+  EXPECT_EQ(chip.aclEntryAdd(1, in, a), Status::busy);
+  EXPECT_THAT(chip.errors(),
+              ElementsAre("rangeChecker add 1 rule 0.1 unit 0 in: full, none left for dstPort",
+                          "acl add 1 rule 6.0 unit 0 in: full",
+                          "rangeChecker add 1 rule 0.0 unit 1 in: busy"));
+
+  ASSERT_EQ(chip.aclBind(intf("Ethernet2"), in, 1), Status::ok);
+  chip.aclBlockIs(intf("Vlan5"), true);
+  chip.aclUnitErrorIs(1, Vemo::AclCreateError::aclCreateErrorTooManyAcls);
+  EXPECT_EQ(chip.classify(tcp("Ethernet2", 1)).action, permit);
+  EXPECT_EQ(Zol::jsonText(*chip.lookup({"acl"}, alloc)),
+            R"({"units":[{"unit":0,"in":{"used":2,"capacity":2,"instances":{"1":)"
+            R"({"entries":2,"hits":1}}},"out":{"used":1,"capacity":2,"instances":{"1":)"
+            R"({"entries":1,"hits":0}}},"rangeCheckers":{"used":1,"capacity":2}},{"unit":1,)"
+            R"("in":{"used":0,"capacity":2,"instances":{}},"out":{"used":0,"capacity":2,)"
+            R"("instances":{}},"rangeCheckers":{"used":0,"capacity":2},)"
+            R"("error":"aclCreateErrorTooManyAcls"}],"bindings":{"Ethernet2":{"in":1}},)"
+            R"("blocked":["Vlan5"]})");
+  EXPECT_EQ(Zol::jsonText(*chip.lookup({"capacity"}, alloc)), R"({"lag":1024})");
+  chip.aclDelete(1);
+  EXPECT_EQ(chip.aclRangeCheckersUsed(0), 0u);
+  EXPECT_EQ(chip.size(Table::acl), 0u);
+}
+
+}  // namespace
