@@ -50,8 +50,21 @@ struct AclRuleRanges {
   std::array<Acl::MatchRange, maxRanges> range{};
   Zol::U8 count = 0;
   bool enabled = true;
-  // masks[i] holds the ternary entries of range[i], for hardware without range checkers.
-  std::array<AclL4MaskVector, maxRanges> masks{};
+  // The ternary entries of range[i], for hardware out of range checkers. Built on first use:
+  // most subrules never need them.
+  // Back to no range, enabled, keeping the mask vectors' memory.
+  void reset() {
+    count = 0;
+    enabled = true;
+    for (auto& m : masks_) m.clear();
+  }
+  AclL4MaskVector const& masks(size_t i) const {
+    if (masks_[i].empty()) createL4PortMasks(range[i].low(), range[i].high(), enabled, masks_[i]);
+    return masks_[i];
+  }
+
+ private:
+  mutable std::array<AclL4MaskVector, maxRanges> masks_{};
 };
 
 // The scratch record of one IP rule: every combination of a TCP-flags entry, a range of each

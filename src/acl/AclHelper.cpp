@@ -52,6 +52,7 @@ bool AclHelper::ipSubruleExists(Vemo::AclData const&, Zol::U32, Zol::U32) const 
 namespace Acl {
 
 std::optional<MatchRangeList> PortSpec::ranges() const {
+  if (oper_ == PortOper::portAny) return MatchRangeList();
   constexpr Zol::U16 top = 0xFFFF;
   std::array<Zol::U16, maxValues> v{};
   std::copy_n(value_.begin(), count_, v.begin());

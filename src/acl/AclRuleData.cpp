@@ -106,12 +106,6 @@ void disableIfEmpty(AclRuleRanges& r) {
   r.range[0] = Acl::MatchRange(0, 0);
 }
 
-void createMasks(AclRuleRanges& r) {
-  for (size_t i = 0; i < r.count; ++i) {
-    createL4PortMasks(r.range[i].low(), r.range[i].high(), r.enabled, r.masks[i]);
-  }
-}
-
 }  // namespace
 
 bool createIpAclRuleData(Acl::IpFilter const& filter, AclIpRuleCreateData& data, bool ecnSupported,
@@ -119,7 +113,10 @@ bool createIpAclRuleData(Acl::IpFilter const& filter, AclIpRuleCreateData& data,
   ZOL_TRACE(9, "void Vemo::createIpAclRuleData(IpFilter const&, AclIpRuleCreateData&, bool, bool)"
                    << " ecnSupported " << ecnSupported << " establishedSupported "
                    << establishedSupported);
-  data = AclIpRuleCreateData();
+  // Field by field rather than from a fresh record: the mask vectors keep their memory.
+  data.tcpFlags = {};
+  for (AclRuleRanges* r : {&data.srcPort, &data.dstPort, &data.ipLen}) r->reset();
+  data.l4Rule = false;
   data.tcpFlags[0] = filter.tcpFlags().value();
   data.tcpFlagsMask = filter.tcpFlagsMask().value();
   data.tcpFlagsCount = 1;
@@ -138,7 +135,6 @@ bool createIpAclRuleData(Acl::IpFilter const& filter, AclIpRuleCreateData& data,
   }
   for (AclRuleRanges* r : {&data.srcPort, &data.dstPort, &data.ipLen}) {
     disableIfEmpty(*r);
-    createMasks(*r);
   }
   data.ecnInfo = createAclEcnInfo(filter.ecn(), ecnSupported);
   return true;

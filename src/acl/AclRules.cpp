@@ -114,7 +114,7 @@ class IpRuleCreator {
     unsigned const field = 1u << i;
     AclRuleRanges const& r = ranges(field);
     if (!(masked & field)) return createMasked(idx, masked, i + 1, m, flags, ecnValue, ecnMask);
-    for (AclL4Mask const& entry : r.masks[idx[i]]) {
+    for (AclL4Mask const& entry : r.masks(idx[i])) {
       m[i] = maskMatch(entry);
       Err const e = createMasked(idx, masked, i + 1, m, flags, ecnValue, ecnMask);
       if (e != Err::aclCreateErrorNone) {
@@ -165,11 +165,13 @@ Err checkIpFragRule(VemoHelper::AclHelper& helper, AclData& data, Acl::IpRuleCon
 
 }  // namespace
 
-AclCreateError createIpAclRule(VemoHelper::AclHelper& helper, AclData& data,
-                               Acl::IpRuleConfig const& rule, Zol::U32 aclRule) {
+namespace {
+
+// d is scratch: one record serves every rule of a list.
+Err createIpAclRule(VemoHelper::AclHelper& helper, AclData& data, Acl::IpRuleConfig const& rule,
+                    Zol::U32 aclRule, AclIpRuleCreateData& d) {
   ZOL_TRACE(8, data.key().text() << " VLAN " << data.key().vlanId().value() << " creating rule "
                                  << aclRule);
-  AclIpRuleCreateData d;
   if (!createIpAclRuleData(rule.filter(), d, helper.aclEcnSupported(),
                            helper.establishedSupported())) {
     // A port or length specification that no value satisfies: the rule can match nothing.
@@ -179,6 +181,14 @@ AclCreateError createIpAclRule(VemoHelper::AclHelper& helper, AclData& data,
   IpRuleCreator creator(helper, data, rule, aclRule, d);
   if (Err const e = creator.create(); e != Err::aclCreateErrorNone) return e;
   return checkIpFragRule(helper, data, rule, aclRule, creator.subrules(), d.l4Rule);
+}
+
+}  // namespace
+
+AclCreateError createIpAclRule(VemoHelper::AclHelper& helper, AclData& data,
+                               Acl::IpRuleConfig const& rule, Zol::U32 aclRule) {
+  AclIpRuleCreateData d;
+  return createIpAclRule(helper, data, rule, aclRule, d);
 }
 
 AclCreateError createMacAclRule(VemoHelper::AclHelper& helper, AclData& data,
@@ -205,8 +215,10 @@ AclCreateError createAclRules(VemoHelper::AclHelper& helper, AclData& data,
       ++aclRule;
     }
   } else {
+    AclIpRuleCreateData scratch;
     for (auto const& [seq, rule] : config.ipRuleBySequenceAll()) {
-      if ((e = done(createIpAclRule(helper, data, rule, aclRule), seq)) != Err::aclCreateErrorNone)
+      if ((e = done(createIpAclRule(helper, data, rule, aclRule, scratch), seq)) !=
+          Err::aclCreateErrorNone)
         break;
       ++aclRule;
     }

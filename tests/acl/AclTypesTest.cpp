@@ -178,7 +178,7 @@ TEST(AclIpRuleData, L4RuleRangesAndEcn) {
   for (AclRuleRanges const* r : {&d.srcPort, &d.dstPort, &d.ipLen}) {
     EXPECT_FALSE(r->enabled);
     EXPECT_EQ(r->count, 1);
-    EXPECT_THAT(r->masks[0], ElementsAre(AclL4Mask{0, 0, 0}));
+    EXPECT_THAT(r->masks(0), ElementsAre(AclL4Mask{0, 0, 0}));
   }
 
   f.dstPortIs(PortSpec(PortOper::portNeq, {22}));
