@@ -124,7 +124,7 @@ AclHelper::AclHelper(Zol::Name const& name, Chip& chip) : VemoHelper::AclHelper(
 
 void AclHelper::note(std::string text) {
   ZOL_TRACE(8, text);
-  if (log_.size() >= logLimit) log_.erase(log_.begin());
+  if (log_.size() >= logLimit) log_.pop_front();
   log_.push_back(std::move(text));
 }
 

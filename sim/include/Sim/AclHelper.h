@@ -2,6 +2,7 @@
 // the instance's direction, and answers what the chip refuses as the SMs expect it.
 #pragma once
 
+#include <deque>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -45,7 +46,7 @@ class AclHelper : public VemoHelper::AclHelper {
   // Every operation, oldest first, with its answer: "hwInit", "deleteAcl 3",
   // "createIpAclSubrule 3 0.1: aclCreateErrorNone", "createFinalAclRule 3 2: ...". Only the last
   // logLimit are kept.
-  std::vector<std::string> const& log() const { return log_; }
+  std::deque<std::string> const& log() const { return log_; }
   void logDelAll() { log_.clear(); }
 
  private:
@@ -57,7 +58,7 @@ class AclHelper : public VemoHelper::AclHelper {
 
   Chip& chip_;
   bool ready_ = false;
-  std::vector<std::string> log_;
+  std::deque<std::string> log_;
 };
 
 }  // namespace sim
