@@ -88,7 +88,7 @@ struct AclIpRuleCreateData {
 AclEcnInfo createAclEcnInfo(Acl::EcnMatch selector, bool ecnSupported);
 
 // Fills data (reset first) from the filter. establishedSupported: the hardware matches
-// established TCP sessions itself. False when a port or length specification can match nothing
+// established TCP sessions itself. False when a port or length match can be met by no value
 // (lt 0, a reversed range): such a rule has no subrules.
 bool createIpAclRuleData(Acl::IpFilter const& filter, AclIpRuleCreateData& data, bool ecnSupported,
                          bool establishedSupported);

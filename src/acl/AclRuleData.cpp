@@ -90,8 +90,8 @@ void addEstablishedFlags(Acl::TcpFlag flags, AclIpRuleCreateData& data, bool est
   data.tcpFlags[0] = own | rst;
 }
 
-bool copyRanges(Acl::PortSpec const& spec, AclRuleRanges& out) {
-  auto const list = spec.ranges();
+bool copyRanges(Acl::PortSpec const& ports, AclRuleRanges& out) {
+  auto const list = ports.ranges();
   if (!list) return false;
   out.count = list->count();
   for (size_t i = 0; i < out.count; ++i) out.range[i] = list->range(i);

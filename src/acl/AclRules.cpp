@@ -174,7 +174,7 @@ Err createIpAclRule(VemoHelper::AclHelper& helper, AclData& data, Acl::IpRuleCon
                                  << aclRule);
   if (!createIpAclRuleData(rule.filter(), d, helper.aclEcnSupported(),
                            helper.establishedSupported())) {
-    // A port or length specification that no value satisfies: the rule can match nothing.
+    // A port or length match that no value meets: the rule can match nothing.
     ZOL_TRACE(8, "Skipping rule " << aclRule << ": it matches no packet");
     return Err::aclCreateErrorNone;
   }

@@ -29,9 +29,9 @@ constexpr Zol::U8 kProtocols[] = {Acl::IpFilter::protocolTcp, Acl::IpFilter::pro
 
 // ---- the reference: what the configured rules mean -------------------------------------------
 
-bool specMatches(PortSpec const& spec, Zol::U16 v) {
-  if (spec.oper() == PortOper::portAny) return true;
-  auto const ranges = spec.ranges();
+bool portsMatch(PortSpec const& ports, Zol::U16 v) {
+  if (ports.oper() == PortOper::portAny) return true;
+  auto const ranges = ports.ranges();
   return ranges && ranges->contains(v);
 }
 
@@ -76,11 +76,11 @@ bool l3Matches(Acl::IpFilter const& f, sim::Packet const& p) {
   return (f.protocol() == Acl::IpFilter::protocolAny || f.protocol() == p.protocol) &&
          prefixMatches(f.source(), p.srcIp) && prefixMatches(f.destination(), p.dstIp) &&
          (!f.dscpMatch() || f.dscp() == p.dscp) && ecnMatches(f.ecn(), p.ecn) &&
-         (!f.ttlMatch() || f.ttl() == p.ttl) && specMatches(f.ipLen(), p.ipLen);
+         (!f.ttlMatch() || f.ttl() == p.ttl) && portsMatch(f.ipLen(), p.ipLen);
 }
 
 bool l4Matches(Acl::IpFilter const& f, sim::Packet const& p) {
-  return specMatches(f.srcPort(), p.srcPort) && specMatches(f.dstPort(), p.dstPort) &&
+  return portsMatch(f.srcPort(), p.srcPort) && portsMatch(f.dstPort(), p.dstPort) &&
          (f.icmpType() == 255 || f.icmpType() == p.icmpType) &&
          (f.icmpCode() == 255 || f.icmpCode() == p.icmpCode) && flagsMatch(f, p.tcpFlags);
 }
@@ -132,7 +132,7 @@ class Gen {
     return Nepo::IpPrefix(addr(), pick(lengths));
   }
 
-  PortSpec spec(Zol::U16 const* pool, size_t n) {
+  PortSpec portSpec(Zol::U16 const* pool, size_t n) {
     auto value = [&] { return nearby(pool[rng_() % n]); };
     switch (rng_() % 6) {
       case 0:
@@ -165,8 +165,8 @@ class Gen {
     bool const ports =
         f.protocol() == Acl::IpFilter::protocolTcp || f.protocol() == Acl::IpFilter::protocolUdp;
     if (ports && chance(70)) {
-      f.srcPortIs(chance(50) ? PortSpec() : spec(kPorts, std::size(kPorts)));
-      f.dstPortIs(spec(kPorts, std::size(kPorts)));
+      f.srcPortIs(chance(50) ? PortSpec() : portSpec(kPorts, std::size(kPorts)));
+      f.dstPortIs(portSpec(kPorts, std::size(kPorts)));
     }
     if (f.protocol() == Acl::IpFilter::protocolTcp) {
       if (chance(30)) f.establishedIs(true);
@@ -176,7 +176,7 @@ class Gen {
       f.icmpTypeIs(static_cast<Zol::U8>(rng_() % 3 == 0 ? 0 : 8));
       if (chance(40)) f.icmpCodeIs(static_cast<Zol::U8>(rng_() % 2));
     }
-    if (chance(25)) f.ipLenIs(spec(kLens, std::size(kLens)));
+    if (chance(25)) f.ipLenIs(portSpec(kLens, std::size(kLens)));
     if (chance(30)) f.ecnIs(static_cast<Acl::EcnMatch>(rng_() % 5));
     if (chance(10)) {
       f.dscpMatchIs(true);

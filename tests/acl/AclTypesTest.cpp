@@ -21,9 +21,9 @@ inline void PrintTo(AclL4Mask const& m, std::ostream* os) {
 
 namespace {
 
-std::vector<std::pair<int, int>> rangesOf(PortSpec const& spec) {
+std::vector<std::pair<int, int>> rangesOf(PortSpec const& ports) {
   std::vector<std::pair<int, int>> out;
-  auto const list = spec.ranges();
+  auto const list = ports.ranges();
   if (!list) return {{-1, -1}};
   for (size_t i = 0; i < list->count(); ++i)
     out.emplace_back(list->range(i).low(), list->range(i).high());
