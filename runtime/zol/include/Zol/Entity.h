@@ -103,6 +103,14 @@ class PendingKeys {
 
   Entity* entity() const { return entity_; }
   void add(K const& k, uint32_t attr) {
+    if (index_.size() > 4 * live_ + 1024) {
+      // A collection that always has something pending would otherwise keep an entry for every
+      // key ever written. Pruning here, where the index grows, rather than as records drain,
+      // keeps a plain delivery of many keys free of it; each stale entry is paid for once.
+      absl::erase_if(index_, [](auto const& e) {
+        return !e.second || !e.second->live || !(e.second->key == e.first);
+      });
+    }
     auto [it, inserted] = index_.try_emplace(k, nullptr);
     KeyedRecord<K>* r = it->second;
     if (!inserted && r && r->live && r->key == k) return;
@@ -124,15 +132,7 @@ class PendingKeys {
     r->live = false;
     r->unlink();
     free_.push_back(r);
-    if (--live_ == 0) {
-      index_.clear();
-    } else if (index_.size() > 4 * live_ + 1024) {
-      // A collection that always has something pending would otherwise keep an entry for every
-      // key ever written; pruning when stale entries dominate keeps this amortised O(1).
-      absl::erase_if(index_, [](auto const& e) {
-        return !e.second || !e.second->live || !(e.second->key == e.first);
-      });
-    }
+    if (--live_ == 0) index_.clear();
   }
 
  private:
