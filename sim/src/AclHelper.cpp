@@ -4,6 +4,7 @@
 // checkers for ranges that need them.
 #include "Sim/AclHelper.h"
 
+#include <optional>
 #include <utility>
 
 #include "Zol/Text.h"
@@ -103,6 +104,23 @@ bool fieldIs(AclEntry& e, RangeField field, Nepo::ValueMask<uint16_t>& vm,
   return true;
 }
 
+// A bind the chip refuses: full names the lack of room, anything else a resource that was not
+// there this time.
+Err bindErrorOf(Status s) {
+  switch (s) {
+    case Status::ok:
+      return Err::aclCreateErrorNone;
+    case Status::full:
+      return Err::aclCreateErrorTcamExhaustion;
+    case Status::busy:
+    case Status::failed:
+      break;
+  }
+  return Err::aclCreateErrorInsufficientResource;
+}
+
+std::string unitName(uint32_t unit) { return "unit" + std::to_string(unit); }
+
 std::string place(Vemo::AclData const& data, Zol::U32 aclRule) {
   return std::to_string(data.aclNumber()) + " " + std::to_string(aclRule);
 }
@@ -113,7 +131,8 @@ std::string place(Vemo::AclData const& data, Zol::U32 aclRule, Zol::U32 subRuleN
 
 }  // namespace
 
-AclHelper::AclHelper(Zol::Name const& name, Chip& chip) : VemoHelper::AclHelper(name), chip_(chip) {
+AclHelper::AclHelper(Zol::Name const& name, Chip& chip)
+    : VemoHelper::AclHelper(name), chip_(chip), asyncClock_([this] { publishDue(); }) {
   aclEcnSupportedIs(true);
   aclIpLenMatchSupportedIs(true);
   ip6AclSupportedIs(true);
@@ -269,6 +288,7 @@ Err AclHelper::createFinalAclRule(Acl::AclType type, Vemo::AclData& data, Zol::U
 void AclHelper::deleteAcl(Zol::U32 aclNum) {
   note("deleteAcl " + std::to_string(aclNum));
   chip_.aclDelete(aclNum);
+  countersDel(aclNum);
 }
 
 bool AclHelper::ipSubruleExists(Vemo::AclData const& data, Zol::U32 aclRule,
@@ -276,6 +296,170 @@ bool AclHelper::ipSubruleExists(Vemo::AclData const& data, Zol::U32 aclRule,
   // Every unit holds the same entries.
   return chip_.aclEntry(0, data.key().direction(),
                         AclEntryKey{data.aclNumber(), aclRule, subRuleNum}) != nullptr;
+}
+
+bool AclHelper::macRuleExists(Vemo::AclData const& data, Zol::U32 aclRule) const {
+  return chip_.aclEntry(0, data.key().direction(), AclEntryKey{data.aclNumber(), aclRule, 0}) !=
+         nullptr;
+}
+
+Zol::String AclHelper::intfLinecardName(Nepo::IntfId const& intf) const {
+  std::optional<PortLocation> const where = chip_.location(intf);
+  return unitName(where ? where->unit : 0);
+}
+
+// Answers leave in call order: one with a shorter delay waits behind those filed before it.
+void AclHelper::later(std::function<void()> publish) {
+  pending_.push_back(Completion{Zol::now() + asyncDelay_, std::move(publish)});
+  if (!asyncClock_.armed()) asyncClock_.timeMinIs(pending_.front().due);
+}
+
+void AclHelper::publishDue() {
+  Zol::Seconds const now = Zol::now();
+  while (!pending_.empty() && pending_.front().due <= now) {
+    std::function<void()> const publish = std::move(pending_.front().publish);
+    pending_.pop_front();
+    publish();
+  }
+  if (!pending_.empty()) asyncClock_.timeMinIs(pending_.front().due);
+}
+
+// Writing the answer already there notifies nobody, yet it is a new completion the SM waits for.
+void AclHelper::answerIs(Vemo::AclKey const& key, Err status) {
+  VemoHelper::AclHelperCallbackData const answer(status);
+  bool const same = aclHelperCallbackDataHas(key) && aclHelperCallbackData(key) == answer;
+  aclHelperCallbackDataIs(key, answer);
+  if (same) aclHelperCallbackDataNotify(key);
+}
+
+void AclHelper::blockedAnswerIs(Nepo::IntfId const& intf, bool blocked) {
+  bool const same = aclIntfBlockedStatusHas(intf) && aclIntfBlockedStatus(intf) == blocked;
+  aclIntfBlockedStatusIs(intf, blocked);
+  if (same) aclIntfBlockedStatusNotify(intf);
+}
+
+Err AclHelper::prepareToCommit(Vemo::AclData& data) {
+  // Every unit is looked at, so that unitError shows all of them and not just the first.
+  Err answer = Err::aclCreateErrorNone;
+  for (uint32_t unit = 0; unit < chip_.units(); ++unit) {
+    Err const e = chip_.aclUnitError(unit);
+    std::string const name = unitName(unit);
+    if (e == Err::aclCreateErrorNone) {
+      unitErrorDel(name);
+      publishUnitErrorDel(name);
+      continue;
+    }
+    unitErrorIs(name, e);
+    publishUnitErrorIs(name, true);
+    if (answer == Err::aclCreateErrorNone) answer = e;
+  }
+  if (answer == Err::aclCreateErrorNone) prepared_.insert(data.aclNumber());
+  logged("prepareToCommit " + std::to_string(data.aclNumber()), answer);
+  if (asyncAclConfig()) later([this, key = data.key(), answer] { answerIs(key, answer); });
+  return answer;
+}
+
+Err AclHelper::commitAcl(Vemo::AclData& data) {
+  prepared_.erase(data.aclNumber());
+  committed_.insert(data.aclNumber());
+  return logged("commitAcl " + std::to_string(data.aclNumber()), Err::aclCreateErrorNone);
+}
+
+Err AclHelper::batchCommitAcls() {
+  std::string what = "batchCommitAcls";
+  for (Zol::U32 aclNum : prepared_) what += " " + std::to_string(aclNum);
+  committed_.merge(prepared_);
+  prepared_.clear();
+  return logged(std::move(what), Err::aclCreateErrorNone);
+}
+
+Err AclHelper::addIntfToAcl(Nepo::IntfId const& intf, Vemo::AclData const& data) {
+  Status const s = chip_.aclBind(intf, data.key().direction(), data.aclNumber());
+  return logged("addIntfToAcl " + intf.stringValue() + " " + std::to_string(data.aclNumber()),
+                bindErrorOf(s));
+}
+
+void AclHelper::removeIntfFromAcl(Nepo::IntfId const& intf, Vemo::AclData const& data,
+                                  bool belongsToAnother) {
+  std::string what =
+      "removeIntfFromAcl " + intf.stringValue() + " " + std::to_string(data.aclNumber());
+  Acl::AclDirection const dir = data.key().direction();
+  // The next instance's bind replaces this one without a gap; and a port another instance has
+  // already taken over is left alone.
+  if (belongsToAnother) {
+    what += " belongsToAnother";
+  } else if (chip_.aclBinding(intf, dir) == data.aclNumber()) {
+    chip_.aclUnbind(intf, dir);
+  }
+  note(std::move(what));
+}
+
+void AclHelper::blockIntf(Nepo::IntfId const& intf, bool block, Zol::U32) {
+  note("blockIntf " + intf.stringValue() + (block ? " on" : " off"));
+  chip_.aclBlockIs(intf, block);
+  if (asyncAclConfig()) later([this, intf, block] { blockedAnswerIs(intf, block); });
+}
+
+void AclHelper::removeAcl(Vemo::AclData& data) {
+  note("removeAcl " + std::to_string(data.aclNumber()));
+  chip_.aclDelete(data.aclNumber());
+  countersDel(data.aclNumber());
+  if (asyncAclConfig()) {
+    later([this, key = data.key()] { answerIs(key, Err::aclCreateErrorNone); });
+  }
+}
+
+void AclHelper::destroyAcl(Vemo::AclData& data) {
+  Zol::U32 const aclNum = data.aclNumber();
+  note("destroyAcl " + std::to_string(aclNum));
+  chip_.aclDelete(aclNum);
+  chip_.aclUnbindAll(aclNum, data.key().direction());
+  prepared_.erase(aclNum);
+  committed_.erase(aclNum);
+  countersDel(aclNum);
+}
+
+void AclHelper::aclStatusUpdateCallback(Vemo::AclKey const& key, Err error) {
+  logged("aclStatusUpdateCallback " + key.text(), error);
+}
+
+bool AclHelper::aclCountersAllocated(Vemo::AclData const& data) const {
+  return committed_.contains(data.aclNumber());
+}
+
+Zol::U64 AclHelper::aclRuleCountersSinceLastPoll(Vemo::AclData const& data, Zol::U32 aclRule,
+                                                 Acl::UniqueId) {
+  Zol::U32 const aclNum = data.aclNumber();
+  Zol::U64 total = 0;
+  for (uint32_t unit = 0; unit < chip_.units(); ++unit) {
+    AclTcam const& tcam = chip_.aclTcam(unit, data.key().direction());
+    for (auto it = tcam.lower_bound(AclEntryKey{aclNum, aclRule, 0});
+         it != tcam.end() && it->first.aclNumber == aclNum && it->first.aclRule == aclRule; ++it) {
+      total += it->second.hits;
+    }
+  }
+  Zol::U64& last = lastHits_[{aclNum, aclRule}];
+  // A total below the last one means the entries were written again and counted from zero.
+  Zol::U64 const delta = total >= last ? total - last : total;
+  last = total;
+  return delta;
+}
+
+Zol::U64 AclHelper::aclRuleCounterPerChipSinceLastPoll(Vemo::AclData const& data, Zol::U32 aclRule,
+                                                       Acl::UniqueId uniqueId) {
+  // The chip is the only one there is.
+  return aclRuleCountersSinceLastPoll(data, aclRule, uniqueId);
+}
+
+void AclHelper::countersDel(Zol::U32 aclNum) {
+  auto const first = lastHits_.lower_bound({aclNum, 0});
+  auto last = first;
+  while (last != lastHits_.end() && last->first.first == aclNum) ++last;
+  lastHits_.erase(first, last);
+}
+
+void AclHelper::logAclUnsupportedHardware(Zol::Name const& aclName, Nepo::IntfId const& intf) {
+  note("logAclUnsupportedHardware " + aclName + " " + intf.stringValue());
 }
 
 }  // namespace sim

@@ -1,4 +1,6 @@
 // The chip's ACL TCAMs, range checkers, bindings and the packet classifier.
+#include <array>
+#include <optional>
 #include <string>
 
 #include "Sim/Chip.h"
@@ -9,6 +11,9 @@
 namespace sim {
 
 namespace {
+
+// The VLANs that have a VLAN interface.
+constexpr uint16_t kVlanMax = 4094;
 
 constexpr std::array<std::string_view, kRangeFieldCount> kRangeFieldNames = {"srcPort", "dstPort",
                                                                              "ipLen"};
@@ -234,6 +239,12 @@ std::optional<uint32_t> Chip::aclBinding(Nepo::IntfId const& intf, Acl::AclDirec
   return it->second;
 }
 
+void Chip::aclUnbindAll(uint32_t aclNumber, Acl::AclDirection dir) {
+  std::erase_if(aclBindings_, [&](auto const& binding) {
+    return binding.first.second == dir && binding.second == aclNumber;
+  });
+}
+
 void Chip::aclBlockIs(Nepo::IntfId const& intf, bool blocked) {
   if (blocked) {
     aclBlocked_.insert(intf);
@@ -243,18 +254,29 @@ void Chip::aclBlockIs(Nepo::IntfId const& intf, bool blocked) {
 }
 
 ClassifyResult Chip::classify(Packet const& p) {
-  if (aclBlocked(p.intf)) return ClassifyResult{Acl::AclAction::deny, std::nullopt, true};
-  std::optional<uint32_t> const acl = aclBinding(p.intf, p.direction);
-  if (!acl) return ClassifyResult{};
+  std::optional<Nepo::IntfId> vlan;
+  if (p.vlan >= 1 && p.vlan <= kVlanMax) vlan = Nepo::IntfId(Nepo::IntfKind::Vlan, {p.vlan});
+  if (aclBlocked(p.intf) || (vlan && aclBlocked(*vlan))) {
+    return ClassifyResult{Acl::AclAction::deny, std::nullopt, true};
+  }
   std::optional<PortLocation> const where = location(p.intf);
   AclTcam& tcam = aclTcamOf(where ? where->unit : 0, p.direction);
-  for (auto it = tcam.lower_bound(AclEntryKey{*acl, 0, 0});
-       it != tcam.end() && it->first.aclNumber == *acl; ++it) {
-    if (!it->second.entry.matches(p)) continue;
-    ++it->second.hits;
-    return ClassifyResult{it->second.entry.action, it->first, false};
+  ClassifyResult result;
+  std::array<Nepo::IntfId const*, 2> const intfs{&p.intf, vlan ? &*vlan : nullptr};
+  for (Nepo::IntfId const* intf : intfs) {
+    std::optional<uint32_t> const acl = intf ? aclBinding(*intf, p.direction) : std::nullopt;
+    if (!acl) continue;
+    result = ClassifyResult{Acl::AclAction::deny, std::nullopt, false};
+    for (auto it = tcam.lower_bound(AclEntryKey{*acl, 0, 0});
+         it != tcam.end() && it->first.aclNumber == *acl; ++it) {
+      if (!it->second.entry.matches(p)) continue;
+      ++it->second.hits;
+      result = ClassifyResult{it->second.entry.action, it->first, false};
+      break;
+    }
+    if (result.action == Acl::AclAction::deny) break;
   }
-  return ClassifyResult{Acl::AclAction::deny, std::nullopt, false};
+  return result;
 }
 
 rapidjson::Value Chip::aclJson(rapidjson::Document::AllocatorType& alloc) const {

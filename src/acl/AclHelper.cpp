@@ -47,6 +47,55 @@ bool AclHelper::ipSubruleExists(Vemo::AclData const&, Zol::U32, Zol::U32) const 
   unimplemented("AclHelper::ipSubruleExists");
 }
 
+bool AclHelper::macRuleExists(Vemo::AclData const&, Zol::U32) const {
+  unimplemented("AclHelper::macRuleExists");
+}
+
+Zol::String AclHelper::intfLinecardName(Nepo::IntfId const&) const {
+  unimplemented("AclHelper::intfLinecardName");
+}
+
+Vemo::AclCreateError AclHelper::prepareToCommit(Vemo::AclData&) {
+  unimplemented("AclHelper::prepareToCommit");
+}
+
+Vemo::AclCreateError AclHelper::commitAcl(Vemo::AclData&) { unimplemented("AclHelper::commitAcl"); }
+
+Vemo::AclCreateError AclHelper::batchCommitAcls() { unimplemented("AclHelper::batchCommitAcls"); }
+
+Vemo::AclCreateError AclHelper::addIntfToAcl(Nepo::IntfId const&, Vemo::AclData const&) {
+  unimplemented("AclHelper::addIntfToAcl");
+}
+
+void AclHelper::removeIntfFromAcl(Nepo::IntfId const&, Vemo::AclData const&, bool) {
+  unimplemented("AclHelper::removeIntfFromAcl");
+}
+
+void AclHelper::blockIntf(Nepo::IntfId const&, bool, Zol::U32) {
+  unimplemented("AclHelper::blockIntf");
+}
+
+void AclHelper::removeAcl(Vemo::AclData&) { unimplemented("AclHelper::removeAcl"); }
+
+void AclHelper::destroyAcl(Vemo::AclData&) { unimplemented("AclHelper::destroyAcl"); }
+
+// Optional: most platforms learn nothing from it.
+void AclHelper::aclStatusUpdateCallback(Vemo::AclKey const&, Vemo::AclCreateError) {}
+
+bool AclHelper::aclCountersAllocated(Vemo::AclData const&) const { return false; }
+
+Zol::U64 AclHelper::aclRuleCountersSinceLastPoll(Vemo::AclData const&, Zol::U32, Acl::UniqueId) {
+  unimplemented("AclHelper::aclRuleCountersSinceLastPoll");
+}
+
+Zol::U64 AclHelper::aclRuleCounterPerChipSinceLastPoll(Vemo::AclData const&, Zol::U32,
+                                                       Acl::UniqueId) {
+  unimplemented("AclHelper::aclRuleCounterPerChipSinceLastPoll");
+}
+
+// Optional: the SM raises the syslog message itself.
+void AclHelper::logAclUnsupportedHardware(Zol::Name const&, Nepo::IntfId const&) {}
+
 }  // namespace VemoHelper
 
 namespace Acl {

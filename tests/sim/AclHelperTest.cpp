@@ -73,6 +73,7 @@ struct Bench {
   }
   size_t checkers() const { return chip.aclRangeCheckersUsed(0) + chip.aclRangeCheckersUsed(1); }
 
+  Zol::ActivityLoop loop{Zol::ActivityLoop::TimeMode::simulated};
   sim::Chip chip{sim::Chip::Config{2, 2}};
   Zol::Ptr<sim::AclHelper> helper = Zol::make<sim::AclHelper>("aclHelper", chip);
   Zol::Ptr<Vemo::AclData> data;
@@ -246,6 +247,8 @@ TEST(SimAclHelper, FragmentPermitsFinalRulesAndMacRules) {
   arp.srcMac = Nepo::EthAddr(2, 9, 9, 9, 9, 9);
   arp.vlan = 11;
   EXPECT_EQ(m.decide(arp, permit), "0.0");
+  EXPECT_TRUE(m.helper->macRuleExists(*m.data, 1));
+  EXPECT_FALSE(m.helper->macRuleExists(*m.data, 2));
   arp.vlan = 12;
   EXPECT_EQ(m.decide(arp, deny), "1.0");
   arp.vlan = 10;
@@ -255,6 +258,118 @@ TEST(SimAclHelper, FragmentPermitsFinalRulesAndMacRules) {
   rule.filterIs(mf);
   EXPECT_EQ(m.helper->createMacAclRule(rule, rule.uniqueId(), *m.data, 0),
             Err::aclCreateErrorUnsupportedRule);
+}
+
+TEST(SimAclHelper, InstallSurfacesUnitErrorsAndDestroyLeavesNothingBound) {
+  Bench b;
+  auto& h = *b.helper;
+  auto const bound = [&](std::string_view name, Acl::AclDirection dir = in) {
+    return b.chip.aclBinding(intf(name), dir).value_or(0);
+  };
+  b.chip.aclUnitErrorIs(1, Err::aclCreateErrorTooManyAcls);
+  EXPECT_EQ(h.prepareToCommit(*b.data), Err::aclCreateErrorTooManyAcls);
+  EXPECT_TRUE(h.unitError("unit1") == Err::aclCreateErrorTooManyAcls &&
+              h.publishUnitError("unit1") && !h.unitErrorHas("unit0"));
+  EXPECT_EQ(h.batchCommitAcls(), ok);
+  EXPECT_FALSE(h.aclCountersAllocated(*b.data));
+  b.chip.aclUnitErrorIs(1, ok);
+  EXPECT_EQ(h.prepareToCommit(*b.data), ok);
+  EXPECT_EQ(h.unitErrorSize() + h.publishUnitErrorSize(), 0u);
+  EXPECT_EQ(h.batchCommitAcls(), ok);
+  EXPECT_TRUE(h.aclCountersAllocated(*b.data));
+  EXPECT_EQ(h.intfLinecardName(intf("Ethernet3")), "unit1");
+
+  b.chip.faultIs(Table::acl, Status::full, 1);
+  EXPECT_EQ(h.addIntfToAcl(intf("Ethernet1"), *b.data), Err::aclCreateErrorTcamExhaustion);
+  for (auto name : {"Ethernet1", "Ethernet2", "Vlan10"}) {
+    ASSERT_EQ(h.addIntfToAcl(intf(name), *b.data), ok);
+  }
+  // The replacing instance's bind takes the port over; a port it already took is left to it.
+  h.removeIntfFromAcl(intf("Ethernet1"), *b.data, true);
+  EXPECT_EQ(bound("Ethernet1"), 3u);
+  ASSERT_EQ(b.chip.aclBind(intf("Ethernet1"), in, 9), Status::ok);
+  h.removeIntfFromAcl(intf("Ethernet1"), *b.data, false);
+  h.removeIntfFromAcl(intf("Ethernet2"), *b.data, false);
+  EXPECT_EQ(bound("Ethernet1") + bound("Ethernet2"), 9u);
+  ASSERT_EQ(b.chip.aclBind(intf("Ethernet2"), Acl::AclDirection::out, 3), Status::ok);
+  h.destroyAcl(*b.data);
+  EXPECT_EQ(bound("Ethernet4") + bound("Vlan10"), 0u);
+  EXPECT_EQ(bound("Ethernet1") + bound("Ethernet2", Acl::AclDirection::out), 12u);
+  EXPECT_FALSE(h.aclCountersAllocated(*b.data));
+}
+
+TEST(SimAclHelper, CountersSinceLastPollSumUnitsAndSubrulesAndRestartWithTheEntries) {
+  Bench b;
+  auto& h = *b.helper;
+  Acl::IpRuleConfig const tcp = ipRule(permit, 6);
+  auto const create = [&] {
+    for (uint8_t ecn : {1, 2}) ASSERT_EQ(b.subrule(tcp, 0, ecn, {}, {}, {}, 0, ecn, ecn), ok);
+  };
+  auto const send = [&](std::string_view port, uint8_t ecn) {
+    Packet p = packet(6, 80);
+    p.intf = intf(port);
+    p.ecn = ecn;
+    b.chip.classify(p);
+  };
+  auto const poll = [&] { return h.aclRuleCountersSinceLastPoll(*b.data, 0, tcp.uniqueId()); };
+  create();
+  ASSERT_EQ(b.chip.aclBind(intf("Ethernet1"), in, 3), Status::ok);
+  for (auto port : {"Ethernet1", "Ethernet4"}) {
+    for (uint8_t ecn : {1, 2}) send(port, ecn);
+  }
+  EXPECT_EQ(poll(), 4u);
+  EXPECT_EQ(poll(), 0u);
+  // Entries written again count from zero, whether or not the instance was removed first.
+  create();
+  send("Ethernet4", 1);
+  EXPECT_EQ(poll(), 1u);
+  h.removeAcl(*b.data);
+  EXPECT_FALSE(h.ipSubruleExists(*b.data, 0, 1));
+  EXPECT_EQ(b.chip.aclBinding(intf("Ethernet1"), in), 3u);
+  create();
+  for (int i = 0; i < 3; ++i) send("Ethernet4", 1);
+  EXPECT_EQ(poll(), 3u);
+}
+
+// The answers the helper publishes, in the order the SM sees them.
+struct AnswerWatcher : VemoHelper::AclHelper::NotifieeConst {
+  std::vector<std::string> seen;
+  void onAclHelperCallbackData(Vemo::AclKey const& key) override {
+    seen.emplace_back(Zol::enumName(notifier()->aclHelperCallbackData(key).status()));
+  }
+  void onAclIntfBlockedStatus(Nepo::IntfId const& i) override {
+    seen.push_back(i.stringValue() + (notifier()->aclIntfBlockedStatus(i) ? " on" : " off"));
+  }
+};
+
+TEST(SimAclHelper, AsyncAnswersComeAfterTheDelayInCallOrderEvenWhenRepeated) {
+  Bench b;
+  auto& h = *b.helper;
+  AnswerWatcher w;
+  w.notifierIs(b.helper);
+  h.asyncAclConfigIs(true);
+  b.chip.aclUnitErrorIs(0, Err::aclCreateErrorTcamExhaustion);
+  h.blockIntf(intf("Ethernet4"), true, 3);
+  h.prepareToCommit(*b.data);
+  EXPECT_TRUE(b.chip.aclBlocked(intf("Ethernet4")));  // the chip work is done at once
+  b.loop.advanceBy(0.0005);
+  EXPECT_THAT(w.seen, testing::IsEmpty());
+  b.loop.advanceBy(0.0005);
+  EXPECT_THAT(w.seen, ElementsAre("Ethernet4 on", "aclCreateErrorTcamExhaustion"));
+
+  // Repeated answers are seen too, and none overtakes an earlier one.
+  b.chip.aclUnitErrorIs(0, ok);
+  h.removeAcl(*b.data);
+  b.loop.advanceBy(0.001);
+  h.asyncDelayIs(0.5);
+  h.prepareToCommit(*b.data);
+  h.asyncDelayIs(0.1);
+  h.blockIntf(intf("Ethernet4"), true, 4);
+  b.loop.advanceBy(0.4);
+  EXPECT_EQ(w.seen.size(), 3u);
+  b.loop.advanceBy(0.2);
+  EXPECT_THAT(w.seen, ElementsAre(testing::_, testing::_, "aclCreateErrorNone",
+                                  "aclCreateErrorNone", "Ethernet4 on"));
 }
 
 }  // namespace

@@ -93,6 +93,39 @@ TEST(SimChipAcl, ClassifyTakesTheFirstMatchOfTheBoundInstanceAndCounts) {
   EXPECT_EQ(chip.size(Table::acl), 2u);
 }
 
+TEST(SimChipAcl, APacketOfAVlanAlsoMeetsTheVlanInterface) {
+  Chip chip(Chip::Config{2, 2});
+  AclEntry web = entry(3, 0, 0, permit);
+  web.dstPort = {80, 0xffff};
+  AclEntry net10 = entry(4, 0, 0, deny);
+  net10.dstIp = Nepo::IpPrefix::fromString("10.0.0.0/8");
+  for (uint32_t unit : {0u, 1u}) {
+    for (AclEntry const& e : {web, entry(3, 1, 0, deny), net10, entry(4, 1, 0, permit)}) {
+      ASSERT_EQ(chip.aclEntryAdd(unit, in, e), Status::ok);
+    }
+  }
+  ASSERT_EQ(chip.aclBind(intf("Ethernet3"), in, 3), Status::ok);
+  ASSERT_EQ(chip.aclBind(intf("Vlan10"), in, 4), Status::ok);
+  auto decide = [&](std::string_view port, uint16_t vlan, uint16_t dstPort, std::string_view dst) {
+    Packet p = tcp(port, dstPort, dst);
+    p.vlan = vlan;
+    sim::ClassifyResult const r = chip.classify(p);
+    return std::to_string(r.entry ? r.entry->aclNumber * 10 + r.entry->aclRule : 99) + " " +
+           (r.action == permit ? "permit" : "deny");
+  };
+  // The port's permit still meets the VLAN's deny; a port deny ends the lookup.
+  EXPECT_EQ(decide("Ethernet3", 10, 80, "10.1.1.1"), "40 deny");
+  EXPECT_EQ(decide("Ethernet3", 10, 80, "11.1.1.1"), "41 permit");
+  EXPECT_EQ(decide("Ethernet3", 10, 81, "11.1.1.1"), "31 deny");
+  EXPECT_EQ(chip.aclEntry(1, in, {4, 1, 0})->hits, 1u);
+  EXPECT_EQ(decide("Ethernet3", 20, 80, "10.1.1.1"), "30 permit");
+  // A port without an instance of its own: the VLAN's is looked up in the port's unit.
+  EXPECT_EQ(decide("Ethernet1", 10, 81, "10.1.1.1"), "40 deny");
+  EXPECT_EQ(chip.aclEntry(0, in, {4, 0, 0})->hits, 1u);
+  chip.aclBlockIs(intf("Vlan10"), true);
+  EXPECT_EQ(decide("Ethernet1", 10, 81, "11.1.1.1"), "99 deny");
+}
+
 TEST(SimChipAcl, CheckersAreSharedPerUnitAndTheDumpShowsTheAclPart) {
   Chip chip(Chip::Config{2, 2});
   rapidjson::Document doc;

@@ -132,10 +132,13 @@ class Chip {
   void aclUnitErrorIs(uint32_t unit, Vemo::AclCreateError error);
   Vemo::AclCreateError aclUnitError(uint32_t unit) const;
 
-  // The instance applied to an interface in one direction; a port is looked up in its unit's
-  // TCAM, any other interface in unit 0's (every unit holds the same instances).
+  // The instance applied to an interface in one direction. Packets of a port are looked up in
+  // the port's unit's TCAM, those of any other interface in unit 0's (every unit holds the same
+  // instances).
   Status aclBind(Nepo::IntfId const& intf, Acl::AclDirection dir, uint32_t aclNumber);
   void aclUnbind(Nepo::IntfId const& intf, Acl::AclDirection dir);
+  // Takes the instance off every interface it is applied to in dir.
+  void aclUnbindAll(uint32_t aclNumber, Acl::AclDirection dir);
   std::optional<uint32_t> aclBinding(Nepo::IntfId const& intf, Acl::AclDirection dir) const;
   // A blocked interface drops everything, in both directions.
   void aclBlockIs(Nepo::IntfId const& intf, bool blocked);
@@ -143,7 +146,9 @@ class Chip {
 
   // The fate of one packet: a blocked interface denies it, an interface without an instance
   // permits it, otherwise the instance's first matching entry decides and counts it, and a
-  // packet no entry matches is denied.
+  // packet no entry matches is denied. A packet of VLAN n also meets interface Vlan<n>: its
+  // block, and its instance, looked up after the port's in the same TCAM. A deny from either
+  // instance decides; when both permit, the VLAN interface's entry is the one reported.
   ClassifyResult classify(Packet const& p);
 
   // Everything the chip holds, in key order:
