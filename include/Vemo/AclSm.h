@@ -1,0 +1,505 @@
+// The ACL SMs: configured access lists, and where they apply, become numbered hardware instances
+// (one per ACL, type, direction and VLAN sharing) that the platform's ACL helper programs in apply
+// cycles. A cycle runs its phases in a fixed order (uninstall, prepare, commit, unblock, done) so
+// that an interface whose ACL is replaced is blocked rather than left unfiltered.
+//
+// The tree: AclSm at the root, one AclTypeConfigSm per ACL type with one AclConfigSm per ACL and
+// one AclDirectionTypeConfigSm per direction, one AclSwitchportModeConfigSm per switched
+// interface under each direction. Beside it: AclIntfSm per blocked interface, AclDataSm and
+// AclDataStatusSm per instance, and the counters poller.
+#pragma once
+
+#include <absl/container/btree_map.h>
+#include <absl/container/btree_set.h>
+#include <absl/container/flat_hash_map.h>
+
+#include <array>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "Vemo/AclTypes.h"
+#include "Vemo/VemoCommon.h"
+#include "ZolGen/Bridging.h"
+#include "ZolGen/Errdisable.h"
+#include "ZolGen/Interface.h"
+#include "ZolGen/Lag.h"
+
+namespace Vemo {
+
+class AclSm;
+class AclTypeConfigSm;
+class AclConfigSm;
+class AclDirectionTypeConfigSm;
+class AclDataSm;
+class AclIntfSm;
+class AclCountersPoller;
+class AclSwitchportModeConfigSm;
+
+// The status text of an instance whose installation ended with e; units names where it failed.
+Zol::String aclCreateErrorText(AclCreateError e, Zol::String const& units);
+
+// One hardware instance: its data, what hardware holds of it, and its part of each apply phase.
+class AclDataSm {
+ public:
+  AclDataSm(AclConfigSm* configSm, AclKey const& key);
+  ~AclDataSm();
+
+  AclKey const& key() const { return data_->key(); }
+  Zol::Ptr<AclData> const& data() const { return data_; }
+  Zol::Ptr<AclDataStatus> const& status() const { return status_; }
+  // The last interface left: removed from hardware in the next cycle's uninstall phase.
+  bool deleting() const { return deleting_; }
+  void deletingIs(bool v) { deleting_ = v; }
+  // Rules of the instance are in hardware (installed or failed half-way).
+  bool hwPresent() const { return hwPresent_; }
+  bool installed() const { return data_->aclDataState() == AclDataState::adInstalled; }
+
+  // Phases, called by the root in order.
+  void doUninstall();
+  void doPrepare();
+  void doCommit();
+  // The hardware ports the instance must be applied to: its interfaces, a port-channel by its
+  // configured members.
+  absl::btree_set<Nepo::IntfId> wantedPorts() const;
+  void doUpdatePorts();
+  void doDestroy();
+  // The async answer to prepareToCommit or removeAcl.
+  void handleCallbackData(AclCreateError status);
+  // Status, errdisable and syslog once the cycle is done.
+  void doSettle();
+
+ private:
+  AclSm* root() const;
+  VemoHelper::AclHelper& helper() const;
+  void failed(AclCreateError e);
+  void unbindAll();
+
+  AclConfigSm* configSm_;
+  Zol::Ptr<AclData> data_;
+  Zol::Ptr<AclDataStatus> status_;
+  bool deleting_ = false;
+  bool hwPresent_ = false;
+  // Set when this cycle touched the instance, so that done settles it.
+  bool touched_ = false;
+  // Committed anew: every port is applied again.
+  bool rebind_ = false;
+};
+
+// One configured ACL: its instances, by key.
+class AclConfigSm {
+ public:
+  AclConfigSm(AclTypeConfigSm* typeSm, Zol::Ptr<Acl::AclConfig const> const& config);
+  ~AclConfigSm();
+
+  AclTypeConfigSm* typeSm() const { return typeSm_; }
+  AclSm* root() const;
+  Zol::Ptr<Acl::AclConfig const> const& config() const { return config_; }
+  // The rules in force: those the configuration held when its currCfg last changed. Rules
+  // written since are not installed, counted or verified until the next change.
+  Zol::Ptr<Acl::AclConfig const> rules() const { return rules_; }
+  Zol::Name const& name() const { return config_->aclName(); }
+  absl::btree_map<AclKey, std::unique_ptr<AclDataSm>> const& dataSms() const { return data_; }
+  AclDataSm* dataSm(AclKey const& key) const;
+  // The instance of key, created when missing ("Added first ... instantiating...").
+  AclDataSm* dataSmIs(AclKey const& key, bool vlanIntf);
+  void dataSmDel(AclKey const& key);
+  // The configuration entity of the name was replaced.
+  void configIs(Zol::Ptr<Acl::AclConfig const> const& config);
+  // Deleted from the configuration; kept until its instances have left hardware.
+  bool removed() const { return removed_; }
+  void removedIs(bool v) { removed_ = v; }
+  void markDirty();
+
+  void handleCurrCfg();
+  void handleCounterUpdateRequestTime();
+  void handleTime();
+
+ private:
+  class Reactor;
+  void rulesIs();
+  AclTypeConfigSm* typeSm_;
+  Zol::Ptr<Acl::AclConfig const> config_;
+  Zol::Ptr<Acl::AclConfig> rules_;
+  absl::btree_map<AclKey, std::unique_ptr<AclDataSm>> data_;
+  bool removed_ = false;
+  Zol::Clock clock_;
+  std::unique_ptr<Reactor> reactor_;
+};
+
+// Re-applies the ACL of one switched interface when its switchport mode changes.
+class AclSwitchportModeConfigSm : public Bridging::SwitchIntfConfig::NotifieeConst {
+ public:
+  AclSwitchportModeConfigSm(AclDirectionTypeConfigSm* dirSm,
+                            Zol::Ptr<Bridging::SwitchIntfConfig const> const& config);
+  void onSwitchportModeAndNativeVlan() override { handleSwitchportModeAndNativeVlan(); }
+  void handleSwitchportModeAndNativeVlan();
+
+ private:
+  AclDirectionTypeConfigSm* dirSm_;
+  Bridging::SwitchportMode mode_;
+};
+
+// Where interfaces take their ACLs of one type and direction from.
+class AclDirectionTypeConfigSm {
+ public:
+  AclDirectionTypeConfigSm(AclTypeConfigSm* typeSm, Acl::AclDirection direction,
+                           Zol::U16 aclNumberStart);
+  ~AclDirectionTypeConfigSm();
+
+  AclTypeConfigSm* typeSm() const { return typeSm_; }
+  AclSm* root() const;
+  Acl::AclType type() const;
+  Acl::AclDirection direction() const { return direction_; }
+  Zol::U16 aclNumberStart() const { return aclNumberStart_; }
+  size_t freeAclSize() const { return freeAcl_.size(); }
+
+  // Fills the free number stack; the first pass over the interfaces.
+  void handleInitialized();
+  // Takes a number for the instance unless it has one; aclCreateErrorTooManyAcls when none is
+  // left.
+  AclCreateError allocateAclNumber(AclData& data);
+  void freeAclNumber(AclData& data);
+
+  // The ACL named for intf changed, in some configuration source.
+  void handleIntf(Nepo::IntfId const& intf);
+  // Every interface of one configuration source, which came or went.
+  void handleIntfSource(Acl::AclIntf const* source);
+  // The ACL of that name came or went.
+  void handleAclName(Zol::Name const& name);
+  void handleSwitchIntfConfig(Nepo::IntfId const& intf);
+  // The instance intf is on, if any.
+  std::optional<AclKey> intfKey(Nepo::IntfId const& intf) const;
+  absl::btree_map<Nepo::IntfId, AclKey> const& intfKeys() const { return intfKey_; }
+  // The instance a hardware port belongs to: its own, or its port-channel's.
+  std::optional<AclKey> portKey(Nepo::IntfId const& port) const;
+  // The configured ACL name of intf, empty for none; the command line first, then the other
+  // sources by name.
+  Zol::Name configuredAclName(Nepo::IntfId const& intf) const;
+  void watchSources();
+
+ private:
+  class SourceReactor;
+  class BrReactor;
+  std::optional<AclKey> wantedKey(Nepo::IntfId const& intf, Zol::Name const& name) const;
+  void intfKeyIs(Nepo::IntfId const& intf, std::optional<AclKey> const& key);
+
+  AclTypeConfigSm* typeSm_;
+  Acl::AclDirection direction_;
+  Zol::U16 aclNumberStart_;
+  std::vector<Zol::U16> freeAcl_;
+  absl::btree_map<Nepo::IntfId, AclKey> intfKey_;
+  absl::btree_map<Zol::Name, absl::btree_set<Nepo::IntfId>> intfsByName_;
+  std::vector<std::unique_ptr<SourceReactor>> sources_;
+  absl::btree_map<Nepo::IntfId, std::unique_ptr<AclSwitchportModeConfigSm>> switchport_;
+  std::unique_ptr<BrReactor> brReactor_;
+};
+
+// The ACLs of one type, and their two directions.
+class AclTypeConfigSm {
+ public:
+  AclTypeConfigSm(AclSm* root, Zol::Ptr<Acl::AclTypeConfig const> const& config);
+  ~AclTypeConfigSm();
+
+  AclSm* root() const { return root_; }
+  Acl::AclType type() const { return config_->type(); }
+  Zol::Ptr<Acl::AclTypeConfig const> const& config() const { return config_; }
+  AclConfigSm* configSm(Zol::Name const& name) const;
+  absl::btree_map<Zol::Name, std::unique_ptr<AclConfigSm>> const& configSms() const { return acl_; }
+  AclDirectionTypeConfigSm* directionSm(Acl::AclDirection d) const {
+    return direction_[static_cast<size_t>(d)].get();
+  }
+
+  void handleInitialized();
+  void handleAcl(Zol::Name const& name);
+  // One configuration source's interfaces of this type, in one direction.
+  void handleIntf(Acl::AclDirection direction);
+  // Watches each configuration source's interfaces of this type.
+  void watchSources();
+  // ACLs deleted from the configuration whose last instance has left hardware.
+  void eraseRemovedAcls();
+
+ private:
+  class Reactor;
+  class IntfTypeReactor;
+  AclSm* root_;
+  Zol::Ptr<Acl::AclTypeConfig const> config_;
+  absl::btree_map<Zol::Name, std::unique_ptr<AclConfigSm>> acl_;
+  std::array<std::unique_ptr<AclDirectionTypeConfigSm>, 2> direction_;
+  std::unique_ptr<Reactor> reactor_;
+  std::vector<std::unique_ptr<IntfTypeReactor>> intfTypeReactors_;
+};
+
+// One interface's blocking while its ACL instances are replaced.
+class AclIntfSm {
+ public:
+  AclIntfSm(AclSm* root, Nepo::IntfId const& intf);
+  ~AclIntfSm();
+
+  Nepo::IntfId const& intf() const { return intf_->intf(); }
+  Zol::Ptr<AclIntf> const& aclIntf() const { return intf_; }
+  Zol::Ptr<AclIntfStatus> const& status() const { return status_; }
+  AclIntfState state() const { return status_->aclIntfState(); }
+  void wantToBlockIs(AclKey const& key, bool want);
+  // Blocks when some instance wants it and it is not blocked yet.
+  void handleWantToBlock();
+  // Unblocks once no instance wants it.
+  void doUnblock();
+  bool needsUnblock() const;
+  // Hardware answered.
+  void handleBlocked();
+
+ private:
+  class Reactor;
+  AclSm* root_;
+  Zol::Ptr<AclIntf> intf_;
+  Zol::Ptr<AclIntfStatus> status_;
+  std::unique_ptr<Reactor> reactor_;
+};
+
+// Reads rule counters into the status's hits, a burst of rules at a time.
+class AclCountersPoller {
+ public:
+  static constexpr Zol::Seconds period = 8;
+  static constexpr size_t burstSize = 100;
+
+  explicit AclCountersPoller(AclSm* root);
+  void handleInitialized();
+  // One burst, from the bookmark.
+  void handleTime();
+  // Every rule of one ACL, now.
+  void pollAcl(AclConfigSm& acl);
+  AclCountersPollingBookmark const& bookmark() const { return bookmark_; }
+
+ private:
+  // Polls the instance's rules from seq on; stops after budget rules. Returns the rules polled
+  // and sets *next to the sequence to resume at (none when the instance is done).
+  size_t pollInstance(AclConfigSm& acl, AclDataSm& inst, Zol::U32 seq, size_t budget,
+                      std::optional<Zol::U32>* next);
+
+  AclSm* root_;
+  AclCountersPollingBookmark bookmark_;
+  Zol::Clock clock_;
+};
+
+class AclSm : public VemoBaseSm {
+ public:
+  static constexpr Zol::U16 aclNumbersPerTypeDefault = 8192;
+  // An ACL instance per VLAN interface, beyond the configured limit.
+  static constexpr Zol::U32 aclNumbersPerVlan = 4094;
+
+  AclSm(Zol::Ptr<VemoCommonSmData> const& commonData, Zol::Ptr<Acl::Config const> const& mainConfig,
+        Zol::Ptr<Acl::ParamConfig const> const& aclParamConfig,
+        Zol::Ptr<Acl::IntfConfigDir const> const& intfConfigDir,
+        Zol::Ptr<Acl::IntfConfig const> const& intfConfigCli,
+        Zol::Ptr<Acl::HwConfigDir const> const& hwConfigDir, Zol::Ptr<Acl::StatusDp> const& status,
+        Zol::Ptr<Errdisable::CauseStatus> const& aclCauseStatus,
+        Zol::Ptr<Lag::Input::Config const> const& lagInputConfig,
+        Zol::Ptr<VemoHelper::AclHelper> const& aclHelper, Zol::ActivityLoop& clock,
+        Zol::Ptr<Bridging::Config const> const& brConfig,
+        Zol::Ptr<Interface::SubIntfStatusDir const> const& subIntfStatusDir,
+        Zol::Ptr<Interface::SubIntfConfigDir const> const& subIntfConfigDir);
+  ~AclSm() override;
+  std::string_view fwkType() const override { return "Vemo::AclSm"; }
+
+  // Start: the helper's set-up, stale errdisables cleared, every type's first pass, one apply.
+  void handleInitialized() override;
+
+  // Inputs and outputs.
+  Zol::Ptr<Acl::Config const> const& mainConfig() const { return mainConfig_; }
+  Zol::Ptr<Acl::ParamConfig const> const& aclParamConfig() const { return aclParamConfig_; }
+  Zol::Ptr<Acl::IntfConfigDir const> const& intfConfigDir() const { return intfConfigDir_; }
+  Zol::Ptr<Acl::IntfConfig const> const& intfConfigCli() const { return intfConfigCli_; }
+  Zol::Ptr<Acl::HwConfigDir const> const& hwConfigDir() const { return hwConfigDir_; }
+  Zol::Ptr<Acl::StatusDp> const& status() const { return status_; }
+  Zol::Ptr<Errdisable::CauseStatus> const& aclCauseStatus() const { return aclCauseStatus_; }
+  Zol::Ptr<Lag::Input::Config const> const& lagInputConfig() const { return lagInputConfig_; }
+  Zol::Ptr<VemoHelper::AclHelper> const& aclHelper() const { return aclHelper_; }
+  Zol::ActivityLoop& clock() const { return clock_; }
+  Zol::Ptr<Bridging::Config const> const& brConfig() const { return brConfig_; }
+  Zol::Ptr<Interface::SubIntfStatusDir const> const& subIntfStatusDir() const {
+    return subIntfStatusDir_;
+  }
+  Zol::Ptr<Interface::SubIntfConfigDir const> const& subIntfConfigDir() const {
+    return subIntfConfigDir_;
+  }
+
+  AclTypeConfigSm* typeSm(Acl::AclType type) const;
+  absl::btree_map<Acl::AclType, std::unique_ptr<AclTypeConfigSm>> const& typeSms() const {
+    return types_;
+  }
+  AclDirectionTypeConfigSm* directionSm(Acl::AclType type, Acl::AclDirection d) const;
+
+  // Number ranges: each direction SM gets aclNumbersPerType numbers from aclNumbersUsed on.
+  Zol::U16 aclNumbersUsed() const { return aclNumbersUsed_; }
+  Zol::U16 aclNumbersPerType() const { return aclNumbersPerType_; }
+  // Where a new direction SM's range starts; a direction SM made again gets its old range.
+  Zol::U16 aclNumberRangeStartIs(AclTypeDir const& typeDir);
+  // How many numbers a direction SM hands out.
+  Zol::U32 aclNumberCount(Acl::AclType type) const;
+
+  // The members of a port-channel as configured; empty for any other interface.
+  absl::btree_set<Nepo::IntfId> const& lagMembers(Nepo::IntfId const& lag) const;
+  // The port-channel a port is configured in, if any.
+  std::optional<Nepo::IntfId> lagOf(Nepo::IntfId const& port) const;
+  static bool isVlanIntf(Nepo::IntfId const& intf);
+  static bool isSubIntf(Nepo::IntfId const& intf);
+
+  // Apply cycles.
+  AclApplyPhase applyPhase() const { return applyPhase_; }
+  Zol::U16 dataOpsRequested() const { return dataOpsRequested_; }
+  Zol::U16 dataOpsCompleted() const { return dataOpsCompleted_; }
+  Zol::U32 applyCycles() const { return applyCycles_; }
+  Zol::U32 deferredUpdates() const { return deferredUpdates_; }
+  // Configuration changed: a cycle runs from the timer, at once or, for platforms that defer
+  // operations, a little later so that changes batch up.
+  void scheduleApply();
+  // An instance failed for a reason that passes (the platform was busy): a cycle runs again
+  // after retryDelay, and every failed instance tries again in it.
+  static constexpr Zol::Seconds retryDelay = 1;
+  void retryIs();
+  void doApplyAcls(bool forceRecreateAll);
+  void doApplyAclsPhase(AclApplyPhase phase);
+  void handleAclDataOpsCompleted();
+  // An asynchronous helper operation was requested for key or intf; its answer completes it.
+  void dataOpRequested(AclKey const& key);
+  void blockOpRequested(Nepo::IntfId const& intf);
+  void handleCallbackData(AclKey const& key);
+  void handleIntfBlockedStatus(Nepo::IntfId const& intf);
+  void blockOpCompleted(Nepo::IntfId const& intf);
+  bool unblockAcls() const;
+  void handleTime();
+
+  // Blocking and errdisable.
+  bool permitDuringAclUpdate() const;
+  AclIntfSm* aclIntfSm(Nepo::IntfId const& intf) const;
+  AclIntfSm* aclIntfSmIs(Nepo::IntfId const& intf);
+  absl::btree_map<Nepo::IntfId, std::unique_ptr<AclIntfSm>> const& aclIntfSms() const {
+    return intfSms_;
+  }
+  void doErrdisable(Nepo::IntfId const& intf, bool errdisable);
+  void doRemoveAllErrdisables();
+
+  // Syslog bookkeeping: one FULL until the matching NORMAL.
+  void instanceFailed(AclDataSm const& inst, AclCreateError e);
+  void syslogUnitError(Zol::String const& unit);
+  void syslogResourceNormal();
+
+  void handleConfig(Acl::AclType type);
+  void handleDeepInspSkip();
+  void handleIntf(Nepo::IntfId const& intf);
+  void handleOperationalMode();
+  void handlePhyIntf(Nepo::IntfId const& port);
+  void handleSubIntfInternalVlanId(Nepo::IntfId const& intf);
+  void handleSubIntfCfgVlanId(Nepo::IntfId const& intf);
+  void handleIntfConfigSource(Zol::Name const& source);
+  // Every interface configuration source with an entry for the type, command line first.
+  std::vector<Zol::Ptr<Acl::IntfTypeConfig const>> intfTypeConfigs(Acl::AclType type) const;
+  void handleVerify(Zol::String const& request);
+
+  // The ACL instance on intf, of any type, for the direction: a port-channel through one of its
+  // active members. Null when there is none.
+  AclConfigSm* findAclSmForIntf(Nepo::IntfId const& intf, Acl::AclDirection direction) const;
+  AclCountersPoller& countersPoller() { return *poller_; }
+
+  // Every instance, in key order within ACL and type.
+  template <class F>
+  void forEachInstance(F&& f) const;
+
+ private:
+  class ConfigReactor;
+  class ParamReactor;
+  class CommonReactor;
+  class LagReactor;
+  class SubIntfReactor;
+  class HelperReactor;
+  class VerifyReactor;
+  class SourceDirReactor;
+  class IntfConfigReactor;
+  class SubIntfStatusDirReactor;
+  class SubIntfConfigDirReactor;
+
+  // The interface configuration sources: the command line first, then the others by name.
+  void watchIntfConfigSources();
+  void subIntfWatch(Nepo::IntfId const& intf);
+
+  void verifyInstance(AclConfigSm const& acl, AclDataSm const& inst, VerifyData& report) const;
+  void verifyDirection(AclDirectionTypeConfigSm const& dir, VerifyData& report) const;
+
+  Zol::Ptr<Acl::Config const> mainConfig_;
+  Zol::Ptr<Acl::ParamConfig const> aclParamConfig_;
+  Zol::Ptr<Acl::IntfConfigDir const> intfConfigDir_;
+  Zol::Ptr<Acl::IntfConfig const> intfConfigCli_;
+  Zol::Ptr<Acl::HwConfigDir const> hwConfigDir_;
+  Zol::Ptr<Acl::StatusDp> status_;
+  Zol::Ptr<Errdisable::CauseStatus> aclCauseStatus_;
+  Zol::Ptr<Lag::Input::Config const> lagInputConfig_;
+  Zol::Ptr<VemoHelper::AclHelper> aclHelper_;
+  Zol::ActivityLoop& clock_;
+  Zol::Ptr<Bridging::Config const> brConfig_;
+  Zol::Ptr<Interface::SubIntfStatusDir const> subIntfStatusDir_;
+  Zol::Ptr<Interface::SubIntfConfigDir const> subIntfConfigDir_;
+
+  absl::btree_map<Acl::AclType, std::unique_ptr<AclTypeConfigSm>> types_;
+  absl::flat_hash_map<AclTypeDir, Zol::U16> rangeStart_;
+  Zol::U16 aclNumbersUsed_ = 0;
+  Zol::U16 aclNumbersPerType_ = aclNumbersPerTypeDefault;
+  absl::btree_map<Nepo::IntfId, absl::btree_set<Nepo::IntfId>> lagMembers_;
+  absl::btree_map<Nepo::IntfId, std::unique_ptr<AclIntfSm>> intfSms_;
+
+  AclApplyPhase applyPhase_ = AclApplyPhase::aclApplyPhaseDone;
+  Zol::U16 dataOpsRequested_ = 0;
+  Zol::U16 dataOpsCompleted_ = 0;
+  absl::btree_set<AclKey> pendingData_;
+  absl::btree_set<Nepo::IntfId> pendingBlock_;
+  bool forceRecreatePending_ = false;
+  Zol::U32 applyCycles_ = 0;
+  Zol::U32 deferredUpdates_ = 0;
+  Zol::Seconds applyStart_ = 0;
+  Zol::Clock timer_;
+  Zol::Clock retryTimer_;
+
+  bool resourceFullLogged_ = false;
+  bool computationFailedLogged_ = false;
+  absl::btree_set<Zol::String> unitFullLogged_;
+  Zol::String failedUnits_;
+
+  std::unique_ptr<AclCountersPoller> poller_;
+  std::unique_ptr<ConfigReactor> configReactor_;
+  std::unique_ptr<ParamReactor> paramReactor_;
+  std::unique_ptr<CommonReactor> commonReactor_;
+  std::unique_ptr<LagReactor> lagReactor_;
+  std::unique_ptr<HelperReactor> helperReactor_;
+  std::unique_ptr<VerifyReactor> verifyReactor_;
+  std::unique_ptr<SourceDirReactor> sourceDirReactor_;
+  std::vector<std::unique_ptr<IntfConfigReactor>> intfConfigReactors_;
+  std::unique_ptr<SubIntfStatusDirReactor> subIntfStatusDirReactor_;
+  std::unique_ptr<SubIntfConfigDirReactor> subIntfConfigDirReactor_;
+  absl::flat_hash_map<Nepo::IntfId, std::unique_ptr<SubIntfReactor>> subIntfReactors_;
+};
+
+template <class F>
+void AclSm::forEachInstance(F&& f) const {
+  for (auto const& [type, typeSm] : types_) {
+    for (auto const& [name, acl] : typeSm->configSms()) {
+      for (auto const& [key, inst] : acl->dataSms()) f(*acl, *inst);
+    }
+  }
+}
+
+Zol::Ptr<AclSm> aclSmFactory(Zol::Ptr<VemoCommonSmData> const& commonData,
+                             Zol::Ptr<Acl::Config const> const& mainConfig,
+                             Zol::Ptr<Acl::ParamConfig const> const& aclParamConfig,
+                             Zol::Ptr<Acl::IntfConfigDir const> const& intfConfigDir,
+                             Zol::Ptr<Acl::IntfConfig const> const& intfConfigCli,
+                             Zol::Ptr<Acl::HwConfigDir const> const& hwConfigDir,
+                             Zol::Ptr<Acl::StatusDp> const& status,
+                             Zol::Ptr<Errdisable::CauseStatus> const& aclCauseStatus,
+                             Zol::Ptr<Lag::Input::Config const> const& lagInputConfig,
+                             Zol::Ptr<VemoHelper::AclHelper> const& aclHelper,
+                             Zol::ActivityLoop& clock,
+                             Zol::Ptr<Bridging::Config const> const& brConfig,
+                             Zol::Ptr<Interface::SubIntfStatusDir const> const& subIntfStatusDir,
+                             Zol::Ptr<Interface::SubIntfConfigDir const> const& subIntfConfigDir);
+
+}  // namespace Vemo

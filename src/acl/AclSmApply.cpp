@@ -1,0 +1,296 @@
+// Apply cycles: the phases in order, inline or waiting for an asynchronous platform's answers,
+// and the root's bookkeeping of operations in flight.
+#include "AclSmReactors.h"
+
+ZOL_TRACE_MODULE("AclSm")
+
+namespace Vemo {
+
+namespace {
+
+bool hasWork(AclSm const& sm) {
+  bool work = false;
+  sm.forEachInstance([&](AclConfigSm const&, AclDataSm const& inst) {
+    AclData const& d = *inst.data();
+    work = work || inst.deleting() || d.dirty() || d.needsPortUpdate();
+  });
+  return work;
+}
+
+}  // namespace
+
+void AclSm::doApplyAcls(bool forceRecreateAll) {
+  ZOL_TRACE(5, "AclSm::doApplyAcls( forceRecreateAll=" << forceRecreateAll << " )");
+  ZOL_TRACE(5, "Applying ACLs");
+  aclHelper_->dirtyIs(false);
+  ++applyCycles_;
+  applyStart_ = clock_.now();
+  // Instances that failed try again: the cycle's changes may have freed what they lacked.
+  forEachInstance([forceRecreateAll](AclConfigSm const&, AclDataSm const& inst) {
+    bool const failed = inst.data()->aclDataState() == AclDataState::adFinalRuleStatusFailure;
+    if (!inst.deleting() && (forceRecreateAll || failed)) inst.data()->dirtyIs(true);
+  });
+  doApplyAclsPhase(AclApplyPhase::aclApplyPhaseUninstall);
+}
+
+void AclSm::doApplyAclsPhase(AclApplyPhase phase) {
+  applyPhase_ = phase;
+  ZOL_TRACE(5, "AclSm::"
+                   << "doApplyAclsPhase"
+                   << " phase=" << Zol::enumName(phase));
+  dataOpsRequested_ = 0;
+  dataOpsCompleted_ = 0;
+  bool const async = aclHelper_->asyncAclConfig();
+  switch (phase) {
+    case AclApplyPhase::aclApplyPhaseUninstall: {
+      if (!hasWork(*this)) return doApplyAclsPhase(AclApplyPhase::aclApplyPhaseUnblock);
+      std::vector<std::pair<AclConfigSm*, AclKey>> gone;
+      for (auto const& [type, typeSm] : types_) {
+        for (auto const& [name, acl] : typeSm->configSms()) {
+          for (auto const& [key, inst] : acl->dataSms()) {
+            ZOL_TRACE(8, "AclSm::doAclUninstallPhase " << key.text()
+                                                       << " vlanId=" << key.vlanId().value());
+            inst->doUninstall();
+            if (inst->deleting()) gone.emplace_back(acl.get(), key);
+          }
+        }
+      }
+      for (auto const& [acl, key] : gone) acl->dataSmDel(key);
+      for (auto const& [type, typeSm] : types_) typeSm->eraseRemovedAcls();
+      if (async && dataOpsRequested_ != 0) return;
+      return doApplyAclsPhase(AclApplyPhase::aclApplyPhasePrepare);
+    }
+    case AclApplyPhase::aclApplyPhasePrepare:
+      forEachInstance([](AclConfigSm const&, AclDataSm& inst) {
+        if (inst.data()->dirty()) inst.doPrepare();
+      });
+      if (async && dataOpsRequested_ != 0) return;
+      return doApplyAclsPhase(AclApplyPhase::aclApplyPhaseCommit);
+    case AclApplyPhase::aclApplyPhaseCommit: {
+      bool prepared = false;
+      forEachInstance([&](AclConfigSm const&, AclDataSm& inst) {
+        if (inst.data()->aclDataState() != AclDataState::adFinalRuleStatusDone) return;
+        prepared = true;
+        if (!aclHelper_->aclBatchCommitSupported()) inst.doCommit();
+      });
+      if (prepared && aclHelper_->aclBatchCommitSupported()) {
+        AclCreateError const e = aclHelper_->batchCommitAcls();
+        if (e != AclCreateError::aclCreateErrorNone) {
+          ZOL_TRACE(1, "ACL programming failure on batch commit: " << Zol::enumName(e));
+          forEachInstance([&](AclConfigSm const&, AclDataSm& inst) {
+            if (inst.data()->aclDataState() == AclDataState::adFinalRuleStatusDone) {
+              inst.handleCallbackData(e);
+            }
+          });
+        }
+      }
+      forEachInstance([](AclConfigSm const&, AclDataSm& inst) { inst.doUpdatePorts(); });
+      return doApplyAclsPhase(AclApplyPhase::aclApplyPhaseUnblock);
+    }
+    case AclApplyPhase::aclApplyPhaseUnblock:
+      if (!unblockAcls()) return doApplyAclsPhase(AclApplyPhase::aclApplyPhaseDone);
+      ZOL_TRACE(5, "Unblocking pendings interfaces");
+      for (auto const& [intf, sm] : intfSms_) {
+        if (sm->needsUnblock()) sm->doUnblock();
+      }
+      if (async && dataOpsRequested_ != 0) return;
+      return doApplyAclsPhase(AclApplyPhase::aclApplyPhaseDone);
+    case AclApplyPhase::aclApplyPhaseDone: {
+      if (unblockAcls()) vemoAssert("!unblockAcls()");
+      forEachInstance([](AclConfigSm const&, AclDataSm& inst) { inst.doSettle(); });
+      syslogResourceNormal();
+      aclHelper_->cliWaitingIs(false);
+      // Changes that came while the platform worked get their own cycle.
+      if (aclHelper_->dirty()) {
+        aclHelper_->needsDeferredUpdateIs(true);
+        if (!timer_.armed()) timer_.timeMinIs(clock_.now());
+      }
+      return;
+    }
+  }
+}
+
+void AclSm::dataOpRequested(AclKey const& key) {
+  pendingData_.insert(key);
+  ++dataOpsRequested_;
+}
+
+void AclSm::blockOpRequested(Nepo::IntfId const& intf) {
+  pendingBlock_.insert(intf);
+  ++dataOpsRequested_;
+}
+
+void AclSm::handleCallbackData(AclKey const& key) {
+  if (!aclHelper_->aclHelperCallbackDataHas(key) || !pendingData_.erase(key)) return;
+  AclCreateError const status = aclHelper_->aclHelperCallbackData(key).status();
+  AclConfigSm* const acl = typeSm(key.type()) ? typeSm(key.type())->configSm(key.name()) : nullptr;
+  if (AclDataSm* const inst = acl ? acl->dataSm(key) : nullptr) inst->handleCallbackData(status);
+  ++dataOpsCompleted_;
+  handleAclDataOpsCompleted();
+}
+
+void AclSm::handleIntfBlockedStatus(Nepo::IntfId const& intf) {
+  AclIntfSm* const sm = aclIntfSm(intf);
+  if (!sm) return;
+  sm->status()->blockedIs(aclHelper_->aclIntfBlockedStatus(intf));
+  sm->handleBlocked();
+}
+
+void AclSm::blockOpCompleted(Nepo::IntfId const& intf) {
+  if (!pendingBlock_.erase(intf)) return;
+  ++dataOpsCompleted_;
+  handleAclDataOpsCompleted();
+}
+
+void AclSm::handleAclDataOpsCompleted() {
+  if (!aclHelper_->asyncAclConfig()) vemoAssert("aclHelper()->asyncAclConfig()");
+  if (!(dataOpsRequested() >= dataOpsCompleted())) {
+    vemoAssert("dataOpsRequested() >= dataOpsCompleted()");
+  }
+  ZOL_TRACE(5, "AclSm::handleAclDataOpsCompleted() phase="
+                   << Zol::enumName(applyPhase_) << " opsRequested=" << dataOpsRequested_
+                   << " opsCompleted=" << dataOpsCompleted_);
+  if (dataOpsRequested_ != dataOpsCompleted_) return;
+  switch (applyPhase_) {
+    case AclApplyPhase::aclApplyPhaseUninstall:
+      return doApplyAclsPhase(AclApplyPhase::aclApplyPhasePrepare);
+    case AclApplyPhase::aclApplyPhasePrepare:
+      return doApplyAclsPhase(AclApplyPhase::aclApplyPhaseCommit);
+    case AclApplyPhase::aclApplyPhaseUnblock:
+      return doApplyAclsPhase(AclApplyPhase::aclApplyPhaseDone);
+    default:
+      return;
+  }
+}
+
+bool AclSm::unblockAcls() const {
+  for (auto const& [intf, sm] : intfSms_) {
+    if (sm->needsUnblock()) return true;
+  }
+  return false;
+}
+
+// ---- Blocking ----
+
+bool AclSm::permitDuringAclUpdate() const {
+  bool const permit =
+      !aclHelper_->ignorePermitDuringAclUpdate() &&
+      (aclParamConfig_->permitDuringAclUpdate() || aclHelper_->permitDuringAclUpdate());
+  ZOL_TRACE(8, " permitDuringAclUpdateConfig is " << permit);
+  return permit;
+}
+
+AclIntfSm* AclSm::aclIntfSm(Nepo::IntfId const& intf) const {
+  auto it = intfSms_.find(intf);
+  return it == intfSms_.end() ? nullptr : it->second.get();
+}
+
+AclIntfSm* AclSm::aclIntfSmIs(Nepo::IntfId const& intf) {
+  auto it = intfSms_.find(intf);
+  if (it == intfSms_.end()) {
+    it = intfSms_.emplace(intf, std::make_unique<AclIntfSm>(this, intf)).first;
+  }
+  return it->second.get();
+}
+
+class AclIntfSm::Reactor {
+ public:
+  explicit Reactor(AclIntfSm* sm) : intf_(sm), status_(sm) {}
+  void notifiersIs(Zol::Ptr<AclIntf const> const& i, Zol::Ptr<AclIntfStatus const> const& s) {
+    intf_.notifierIs(i);
+    status_.notifierIs(s);
+  }
+
+ private:
+  class Intf : public AclIntf::NotifieeConst {
+   public:
+    explicit Intf(AclIntfSm* sm) : sm_(sm) {}
+    void onWantToBlock(AclKey const&) override { sm_->handleWantToBlock(); }
+
+   private:
+    AclIntfSm* sm_;
+  };
+  class Status : public AclIntfStatus::NotifieeConst {
+   public:
+    explicit Status(AclIntfSm* sm) : sm_(sm) {}
+    void onBlocked() override { sm_->handleBlocked(); }
+
+   private:
+    AclIntfSm* sm_;
+  };
+  Intf intf_;
+  Status status_;
+};
+
+AclIntfSm::AclIntfSm(AclSm* root, Nepo::IntfId const& intf)
+    : root_(root),
+      intf_(Zol::make<AclIntf>(intf.stringValue(), intf)),
+      status_(Zol::make<AclIntfStatus>(intf.stringValue(), intf)),
+      reactor_(std::make_unique<Reactor>(this)) {
+  reactor_->notifiersIs(intf_, status_);
+}
+
+AclIntfSm::~AclIntfSm() = default;
+
+void AclIntfSm::wantToBlockIs(AclKey const& key, bool want) {
+  if (want) {
+    intf_->wantToBlockIs(key, true);
+    handleWantToBlock();
+  } else {
+    intf_->wantToBlockDel(key);
+  }
+}
+
+void AclIntfSm::handleWantToBlock() {
+  if (intf_->wantToBlockSize() == 0) return;
+  AclIntfState const s = state();
+  if (s != AclIntfState::aclIntfUnblocked && s != AclIntfState::aclIntfWaitingToUnblock) return;
+  VemoHelper::AclHelper& helper = *root_->aclHelper();
+  AclKey const& key = intf_->wantToBlockAll().begin()->first;
+  AclDirectionTypeConfigSm* const dir = root_->directionSm(key.type(), key.direction());
+  AclConfigSm* const acl = dir ? dir->typeSm()->configSm(key.name()) : nullptr;
+  AclDataSm* const inst = acl ? acl->dataSm(key) : nullptr;
+  Zol::U32 const aclNum = inst ? inst->data()->aclNumber() : AclData::aclNumberInvalid;
+  ZOL_TRACE(5, "AclIntfSm blocking " << intf() << " for " << key.text());
+  helper.blockIntf(intf(), true, aclNum);
+  if (helper.asyncAclConfig()) {
+    status_->aclIntfStateIs(AclIntfState::aclIntfWaitingToBlock);
+    root_->blockOpRequested(intf());
+  } else {
+    status_->blockedIs(true);
+    status_->aclIntfStateIs(AclIntfState::aclIntfBlocked);
+  }
+}
+
+bool AclIntfSm::needsUnblock() const {
+  AclIntfState const s = state();
+  return intf_->wantToBlockSize() == 0 &&
+         (s == AclIntfState::aclIntfBlocked || s == AclIntfState::aclIntfWaitingToBlock);
+}
+
+void AclIntfSm::doUnblock() {
+  VemoHelper::AclHelper& helper = *root_->aclHelper();
+  ZOL_TRACE(5, "AclIntfSm unblocking " << intf());
+  helper.blockIntf(intf(), false, AclData::aclNumberInvalid);
+  if (helper.asyncAclConfig()) {
+    status_->aclIntfStateIs(AclIntfState::aclIntfWaitingToUnblock);
+    root_->blockOpRequested(intf());
+  } else {
+    status_->blockedIs(false);
+    status_->aclIntfStateIs(AclIntfState::aclIntfUnblocked);
+  }
+}
+
+void AclIntfSm::handleBlocked() {
+  AclIntfState const s = state();
+  if (s == AclIntfState::aclIntfWaitingToBlock && status_->blocked()) {
+    status_->aclIntfStateIs(AclIntfState::aclIntfBlocked);
+  } else if (s == AclIntfState::aclIntfWaitingToUnblock && !status_->blocked()) {
+    status_->aclIntfStateIs(AclIntfState::aclIntfUnblocked);
+  } else {
+    return;
+  }
+  root_->blockOpCompleted(intf());
+}
+
+}  // namespace Vemo
