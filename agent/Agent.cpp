@@ -98,6 +98,22 @@ Agent::Agent(bool json) : json_(json) {
     return showVxlan(*platform_->tunnelGroups(), *platform_->vxlanConfig(),
                      *platform_->remoteMacInfo(), asJson);
   };
+  static constexpr std::pair<char const*, Acl::AclType> aclViews[] = {
+      {"ip access-lists", Acl::AclType::ip},
+      {"ipv6 access-lists", Acl::AclType::ipv6},
+      {"mac access-lists", Acl::AclType::mac}};
+  for (auto const& [name, type] : aclViews) {
+    views_[name] = [this, type](bool asJson) {
+      return showAccessLists(type, *platform_->aclConfig(), *platform_->aclIntfConfigCli(),
+                             *platform_->aclIntfConfigDir(), *platform_->aclStatus(), asJson);
+    };
+  }
+  views_["hardware acl"] = [this](bool asJson) {
+    return showHardwareAcl(platform_->chip(), *platform_->aclStatus(), asJson);
+  };
+  views_["errdisable"] = [this](bool asJson) {
+    return showErrdisable({platform_->aclCauseStatus().ptr()}, asJson);
+  };
   platformIs(PlatformConfig());
 }
 
@@ -106,7 +122,7 @@ void Agent::platformIs(PlatformConfig const& config) {
     for (auto const& [path, entity] : platform_->mounts()) mounts_.erase(path);
     platform_.reset();
   }
-  platform_ = std::make_unique<Platform>(config, commonData_);
+  platform_ = std::make_unique<Platform>(config, commonData_, loop_);
   for (auto const& [path, entity] : platform_->mounts()) mounts_[path] = entity;
   loop_.runUntilIdle();
 }
@@ -165,6 +181,16 @@ void Agent::validateStep(Step const& s) const {
   using Kind = Zol::AttrDesc::Kind;
   std::string const where = s.label();
   if (s.kind == Step::Kind::advance) return;
+  if (s.kind == Step::Kind::packet) {
+    // Packets go through ports: a port-channel's or VLAN's traffic arrives on member ports.
+    sim::Chip const& chip = platform_->chip();
+    if (!chip.hasPort(s.packet.intf)) {
+      throw ScenarioError(where + ": " + s.packet.intf.stringValue() +
+                          " is not a port of the chip (Ethernet1 to Ethernet" +
+                          std::to_string(chip.units() * chip.portsPerUnit()) + ")");
+    }
+    return;
+  }
   if (s.kind == Step::Kind::fault) {
     if (!sim::tableFromName(s.table))
       throw ScenarioError(where + ": no chip table '" + s.table + "'");
@@ -263,6 +289,8 @@ bool Agent::applyStep(Step const& s, std::ostream& out, std::ostream& err) {
     case Step::Kind::fault:
       applyFault(s);
       return true;
+    case Step::Kind::packet:
+      return applyPacket(s, out, err);
     default:
       break;
   }
@@ -318,6 +346,48 @@ void Agent::applyFault(Step const& s) {
   } else {
     platform_->chip().faultIs(table, *sim::statusFromText(s.answer), s.count);
   }
+}
+
+bool Agent::applyPacket(Step const& s, std::ostream& out, std::ostream& err) {
+  sim::Packet const& p = s.packet;
+  // An errdisabled port, or a member of an errdisabled port-channel, is down: nothing reaches
+  // the chip's ACLs.
+  Errdisable::CauseStatus const& errdisabled = *platform_->aclCauseStatus();
+  Lag::Input::Config const& lags = *platform_->lagInputConfig();
+  bool const down = errdisabled.intfStatusHas(p.intf) ||
+                    (lags.phyIntfHas(p.intf) && errdisabled.intfStatusHas(lags.phyIntf(p.intf)));
+  std::string verdict = "errdisabled";
+  std::string reason = "errdisabled";
+  if (!down) {
+    sim::ClassifyResult const r = platform_->chip().classify(p);
+    if (r.blocked) {
+      verdict = reason = "blocked";
+    } else {
+      verdict = Zol::enumName(r.action);
+      reason = r.entry ? "acl " + std::to_string(r.entry->aclNumber) + " rule " +
+                             std::to_string(r.entry->aclRule) + "." +
+                             std::to_string(r.entry->subRuleNum)
+               : r.action == Acl::AclAction::permit ? "no acl"
+                                                    : "no match";
+    }
+  }
+  std::string const action = verdict == "permit" ? "permit" : "deny";
+  std::string const result = action + " (" + reason + ")";
+  if (json_) {
+    rapidjson::Document doc(rapidjson::kObjectType);
+    auto& alloc = doc.GetAllocator();
+    doc.AddMember("packet", Zol::toJson(packetText(p), alloc), alloc);
+    doc.AddMember("action", Zol::toJson(action, alloc), alloc);
+    doc.AddMember("reason", Zol::toJson(reason, alloc), alloc);
+    out << prettyJson(doc);
+  } else {
+    out << "packet " << packetText(p) << ": " << result << "\n";
+  }
+  // "deny" is any drop; "blocked" and "errdisabled" say which.
+  bool const held =
+      s.verdict.empty() || s.verdict == verdict || (s.verdict == "deny" && action == "deny");
+  if (!held) err << s.label() << ": expected " << s.verdict << ", found " << result << "\n";
+  return held;
 }
 
 bool Agent::expectHardware(Step const& s, std::ostream& err) const {

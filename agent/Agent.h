@@ -54,6 +54,8 @@ class Agent {
   // Returns false when an expectation failed.
   bool applyStep(Step const& s, std::ostream& out, std::ostream& err);
   void applyFault(Step const& s);
+  // Sends the step's packet through the chip; false when its fate is not the expected one.
+  bool applyPacket(Step const& s, std::ostream& out, std::ostream& err);
   // An expect step on the chip ("hw/lag/Port-Channel1", attr "members").
   bool expectHardware(Step const& s, std::ostream& err) const;
   void mount(std::string const& path, Zol::Entity* e);

@@ -41,6 +41,9 @@ PlatformConfig PlatformConfig::parse(rapidjson::Value const& platform) {
     } else if (name == "managedByChip") {
       if (!m.value.IsBool()) throw ScenarioError("platform: 'managedByChip' must be true or false");
       c.managedByChip = m.value.GetBool();
+    } else if (name == "aclAsync") {
+      if (!m.value.IsBool()) throw ScenarioError("platform: 'aclAsync' must be true or false");
+      c.aclAsync = m.value.GetBool();
     } else if (name == "capacity") {
       if (!m.value.IsObject()) throw ScenarioError("platform: 'capacity' must be an object");
       for (auto const& t : m.value.GetObject()) {
@@ -51,13 +54,14 @@ PlatformConfig PlatformConfig::parse(rapidjson::Value const& platform) {
       }
     } else {
       throw ScenarioError("platform: unexpected member '" + name +
-                          "' (units, portsPerUnit, capacity, managedByChip)");
+                          "' (units, portsPerUnit, capacity, managedByChip, aclAsync)");
     }
   }
   return c;
 }
 
-Platform::Platform(PlatformConfig const& config, Zol::Ptr<Vemo::VemoCommonSmData> const& commonData)
+Platform::Platform(PlatformConfig const& config, Zol::Ptr<Vemo::VemoCommonSmData> const& commonData,
+                   Zol::ActivityLoop& loop)
     : chip_(config.chip),
       lagStatusDir_(Zol::make<Interface::EthLagIntfStatusDir>("ethLagIntfStatusDir")),
       lagDeviceNameDir_(Zol::make<Lag::Input::IntfDeviceNameDir>("intfDeviceNameDir")),
@@ -65,7 +69,18 @@ Platform::Platform(PlatformConfig const& config, Zol::Ptr<Vemo::VemoCommonSmData
       vxlanConfig_(Zol::make<Vxlan::VxlanConfigDir>("vxlanConfigDir")),
       remoteMacInfo_(Zol::make<Vemo::VXLAN::RemoteMacInfoDir>("remoteMacInfoDir")),
       vtepConfig_(Zol::make<Vemo::VXLAN::VtepConfigDir>("vtepConfigDir")),
-      vtepGroupConfig_(Zol::make<Vemo::VXLAN::VtepGroupConfigDir>("vtepGroupConfigDir")) {
+      vtepGroupConfig_(Zol::make<Vemo::VXLAN::VtepGroupConfigDir>("vtepGroupConfigDir")),
+      aclConfig_(Zol::make<Acl::Config>("aclConfig")),
+      aclParam_(Zol::make<Acl::ParamConfig>("aclParamConfig")),
+      aclIntfConfigDir_(Zol::make<Acl::IntfConfigDir>("aclIntfConfigDir")),
+      aclIntfConfigCli_(Zol::make<Acl::IntfConfig>("aclIntfConfigCli")),
+      aclHwConfigDir_(Zol::make<Acl::HwConfigDir>("aclHwConfigDir")),
+      aclStatus_(Zol::make<Acl::StatusDp>("aclStatus")),
+      aclCauseStatus_(Zol::make<Errdisable::CauseStatus>("aclCauseStatus", "acl")),
+      lagInputConfig_(Zol::make<Lag::Input::Config>("lagInputConfig")),
+      brConfig_(Zol::make<Bridging::Config>("bridgingConfig")),
+      subIntfStatusDir_(Zol::make<Interface::SubIntfStatusDir>("subIntfStatusDir")),
+      subIntfConfigDir_(Zol::make<Interface::SubIntfConfigDir>("subIntfConfigDir")) {
   for (auto const& [table, capacity] : config.capacity) chip_.capacityIs(table, capacity);
   lagHelper_ = Zol::make<sim::LagHelper>("lagHelper", chip_, commonData);
   lagHelper_->managedCheckOverrideIs(config.managedByChip);
@@ -75,10 +90,33 @@ Platform::Platform(PlatformConfig const& config, Zol::Ptr<Vemo::VemoCommonSmData
   tunnelGroupManager_ = Vemo::swTunnelGroupIdManagerFactory(commonData);
   vxlanFrontEnd_ = std::make_unique<VxlanFrontEnd>(vxlanConfig_, tunnelGroupManager_, vtepConfig_,
                                                    vtepGroupConfig_);
+
+  aclHelper_ = Zol::make<sim::AclHelper>("aclHelper", chip_);
+  // What the simulated chip can do, set here rather than taken from the helper's defaults so
+  // that scenarios keep meaning the same. Every list type, ECN, IP length and counters are in
+  // hardware. Established sessions are not matched by the chip itself: the SM writes
+  // "established" as one entry for ACK and one for RST, and packets exercise both. IPv6 lists
+  // let neighbour discovery through ahead of their final deny, or an IPv6 list on a port would
+  // cut the port off its neighbours.
+  aclHelper_->aclCountersSupportedIs(true);
+  aclHelper_->macAclSupportedIs(true);
+  aclHelper_->ip6AclSupportedIs(true);
+  aclHelper_->aclEcnSupportedIs(true);
+  aclHelper_->aclIpLenMatchSupportedIs(true);
+  aclHelper_->establishedSupportedIs(false);
+  aclHelper_->installImplicitIcmp6RulesIs(true);
+  aclHelper_->asyncAclConfigIs(config.aclAsync);
+  aclSm_ =
+      Vemo::aclSmFactory(commonData, aclConfig_, aclParam_, aclIntfConfigDir_, aclIntfConfigCli_,
+                         aclHwConfigDir_, aclStatus_, aclCauseStatus_, lagInputConfig_, aclHelper_,
+                         loop, brConfig_, subIntfStatusDir_, subIntfConfigDir_);
+  aclSm_->initializedIs(true);
 }
 
 // The SMs go before the chip their helpers program.
 Platform::~Platform() {
+  aclSm_ = nullptr;
+  aclHelper_ = nullptr;
   vxlanFrontEnd_.reset();
   tunnelGroupManager_ = nullptr;
   lagSm_ = nullptr;
@@ -93,7 +131,18 @@ std::map<std::string, Zol::Ptr<Zol::Entity>> Platform::mounts() const {
           {"vxlan/remoteMacInfo", remoteMacInfo_},
           {"vxlan/vtepConfig", vtepConfig_},
           {"vxlan/vtepGroupConfig", vtepGroupConfig_},
-          {"vemo/tunnelGroups", tunnelGroupManager_->data()}};
+          {"vemo/tunnelGroups", tunnelGroupManager_->data()},
+          {"acl/config", aclConfig_},
+          {"acl/param", aclParam_},
+          {"acl/intfConfigDir", aclIntfConfigDir_},
+          {"acl/intfConfig", aclIntfConfigCli_},
+          {"acl/hwConfig", aclHwConfigDir_},
+          {"acl/status", aclStatus_},
+          {"errdisable/acl", aclCauseStatus_},
+          {"lag/inputConfig", lagInputConfig_},
+          {"bridging/config", brConfig_},
+          {"interface/subIntfStatus", subIntfStatusDir_},
+          {"interface/subIntfConfig", subIntfConfigDir_}};
 }
 
 }  // namespace vemo::agent

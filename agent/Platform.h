@@ -9,8 +9,10 @@
 #include <memory>
 #include <string>
 
+#include "Sim/AclHelper.h"
 #include "Sim/Chip.h"
 #include "Sim/LagHelper.h"
+#include "Vemo/AclSm.h"
 #include "Vemo/LagSm.h"
 #include "Vemo/SwTunnelGroupIdManager.h"
 #include "VxlanFrontEnd.h"
@@ -23,15 +25,20 @@ struct PlatformConfig {
   // The chip decides which interfaces the agent programs (its own ports); when false, the common
   // data's interface list does.
   bool managedByChip = true;
+  // The ACL helper answers installs and interface blocking later, as a platform with a separate
+  // driver process does.
+  bool aclAsync = false;
 
-  // {"units": 2, "portsPerUnit": 48, "capacity": {"lag": 64}, "managedByChip": true}; throws
-  // ScenarioError naming the member that is wrong.
+  // {"units": 2, "portsPerUnit": 48, "capacity": {"lag": 64, "acl": 16, "rangeChecker": 4},
+  // "managedByChip": true, "aclAsync": false}; throws ScenarioError naming the member that is
+  // wrong.
   static PlatformConfig parse(rapidjson::Value const& platform);
 };
 
 class Platform {
  public:
-  Platform(PlatformConfig const& config, Zol::Ptr<Vemo::VemoCommonSmData> const& commonData);
+  Platform(PlatformConfig const& config, Zol::Ptr<Vemo::VemoCommonSmData> const& commonData,
+           Zol::ActivityLoop& loop);
   ~Platform();
 
   sim::Chip& chip() { return chip_; }
@@ -52,6 +59,12 @@ class Platform {
   Zol::Ptr<Vemo::SwTunnelGroupIdData> const& tunnelGroups() const {
     return tunnelGroupManager_->data();
   }
+  Zol::Ptr<Acl::Config> const& aclConfig() const { return aclConfig_; }
+  Zol::Ptr<Acl::IntfConfig> const& aclIntfConfigCli() const { return aclIntfConfigCli_; }
+  Zol::Ptr<Acl::IntfConfigDir> const& aclIntfConfigDir() const { return aclIntfConfigDir_; }
+  Zol::Ptr<Acl::StatusDp> const& aclStatus() const { return aclStatus_; }
+  Zol::Ptr<Errdisable::CauseStatus> const& aclCauseStatus() const { return aclCauseStatus_; }
+  Zol::Ptr<Lag::Input::Config> const& lagInputConfig() const { return lagInputConfig_; }
 
  private:
   sim::Chip chip_;
@@ -66,6 +79,19 @@ class Platform {
   Zol::Ptr<Vemo::VXLAN::VtepGroupConfigDir> vtepGroupConfig_;
   Zol::Ptr<Vemo::SwTunnelGroupIdManager> tunnelGroupManager_;
   std::unique_ptr<VxlanFrontEnd> vxlanFrontEnd_;
+  Zol::Ptr<Acl::Config> aclConfig_;
+  Zol::Ptr<Acl::ParamConfig> aclParam_;
+  Zol::Ptr<Acl::IntfConfigDir> aclIntfConfigDir_;
+  Zol::Ptr<Acl::IntfConfig> aclIntfConfigCli_;
+  Zol::Ptr<Acl::HwConfigDir> aclHwConfigDir_;
+  Zol::Ptr<Acl::StatusDp> aclStatus_;
+  Zol::Ptr<Errdisable::CauseStatus> aclCauseStatus_;
+  Zol::Ptr<Lag::Input::Config> lagInputConfig_;
+  Zol::Ptr<Bridging::Config> brConfig_;
+  Zol::Ptr<Interface::SubIntfStatusDir> subIntfStatusDir_;
+  Zol::Ptr<Interface::SubIntfConfigDir> subIntfConfigDir_;
+  Zol::Ptr<sim::AclHelper> aclHelper_;
+  Zol::Ptr<Vemo::AclSm> aclSm_;
 };
 
 }  // namespace vemo::agent

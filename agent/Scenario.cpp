@@ -2,6 +2,8 @@
 
 #include <rapidjson/error/en.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <fstream>
 #include <set>
 #include <sstream>
@@ -26,6 +28,8 @@ char const* kindName(Step::Kind k) {
       return "expect";
     case Step::Kind::fault:
       return "fault";
+    case Step::Kind::packet:
+      return "packet";
   }
   return "?";
 }
@@ -34,16 +38,188 @@ std::string str(rapidjson::Value const& v) {
   return std::string(v.GetString(), v.GetStringLength());
 }
 
+constexpr char const* kTcpFlagNames[] = {"fin", "syn", "rst", "psh", "ack",
+                                         "urg", "ece", "cwr", "ns"};
+constexpr uint16_t kEtherTypeIp = 0x0800;
+constexpr uint16_t kEtherTypeIp6 = 0x86dd;
+
+std::string protocolName(uint8_t protocol) {
+  switch (protocol) {
+    case 0:
+      return "ip";
+    case 1:
+      return "icmp";
+    case 6:
+      return "tcp";
+    case 17:
+      return "udp";
+    case 58:
+      return "icmpv6";
+    default:
+      return "protocol " + std::to_string(protocol);
+  }
+}
+
+// {"intf": "Ethernet1", "direction": "in", "protocol": "tcp", "dstPort": 80, ...}. Fields left
+// out are zero. Any IP field makes an IP packet, whose Ethernet type follows its addresses; an
+// address left out is the zero address of the other one's family.
+sim::Packet parsePacket(rapidjson::Value const& v, Step& step) {
+  if (!v.IsObject()) {
+    throw ScenarioError(step.label() + ": 'packet' must be an object, found " + Zol::jsonText(v));
+  }
+  auto bad = [&](std::string const& member, std::string const& what, rapidjson::Value const& j) {
+    return ScenarioError(step.label() + ": packet '" + member + "' must be " + what + ", found " +
+                         Zol::jsonText(j));
+  };
+  sim::Packet p;
+  auto intf = v.FindMember("intf");
+  if (intf == v.MemberEnd()) {
+    throw ScenarioError(step.label() + ": a packet needs 'intf', the port it goes through");
+  }
+  try {
+    if (!intf->value.IsString()) throw Zol::ParseError("not a string");
+    p.intf = Nepo::IntfId::fromString(str(intf->value));
+  } catch (std::exception const&) {
+    throw bad("intf", "an interface name", intf->value);
+  }
+  step.path = p.intf.stringValue();
+  bool ip = false;
+  std::optional<uint16_t> etherType;
+  std::optional<Nepo::IpAddr> src, dst;
+  for (auto const& m : v.GetObject()) {
+    std::string const name = str(m.name);
+    auto number = [&](unsigned max) {
+      if (!m.value.IsUint() || m.value.GetUint() > max) {
+        throw bad(name, "a number from 0 to " + std::to_string(max), m.value);
+      }
+      return m.value.GetUint();
+    };
+    // Addresses in their usual text forms.
+    auto parsed = [&](auto parse, char const* what) {
+      try {
+        if (!m.value.IsString()) throw Zol::ParseError("not a string");
+        return parse(str(m.value));
+      } catch (std::exception const&) {
+        throw bad(name, what, m.value);
+      }
+    };
+    bool const isIpField = name != "intf" && name != "direction" && name != "vlan" &&
+                           name != "srcMac" && name != "dstMac" && name != "etherType";
+    if (name == "intf") {
+      continue;
+    } else if (name == "direction") {
+      std::string const d = m.value.IsString() ? str(m.value) : "";
+      if (d != "in" && d != "out") throw bad(name, "in or out", m.value);
+      p.direction = d == "in" ? Acl::AclDirection::in : Acl::AclDirection::out;
+    } else if (name == "vlan") {
+      p.vlan = static_cast<uint16_t>(number(4095));
+    } else if (name == "srcMac" || name == "dstMac") {
+      (name == "srcMac" ? p.srcMac : p.dstMac) = parsed(
+          [](std::string const& t) { return Nepo::EthAddr::fromString(t); }, "a MAC address");
+    } else if (name == "etherType") {
+      if (m.value.IsString()) {
+        // "0x0806", as Ethernet types are written.
+        std::string const t = str(m.value);
+        size_t end = 0;
+        unsigned long value = 0;
+        try {
+          value = t.rfind("0x", 0) == 0 ? std::stoul(t.substr(2), &end, 16) : 0;
+        } catch (std::exception const&) {
+        }
+        if (end == 0 || end + 2 != t.size() || value > 0xffff) {
+          throw bad(name, "a number or hexadecimal text (\"0x0806\")", m.value);
+        }
+        etherType = static_cast<uint16_t>(value);
+      } else {
+        etherType = static_cast<uint16_t>(number(0xffff));
+      }
+    } else if (name == "srcIp" || name == "dstIp") {
+      (name == "srcIp" ? src : dst) =
+          parsed([](std::string const& t) { return Nepo::IpAddr::fromString(t); }, "an IP address");
+    } else if (name == "protocol") {
+      static constexpr std::pair<char const*, uint8_t> names[] = {
+          {"icmp", 1}, {"tcp", 6}, {"udp", 17}, {"icmpv6", 58}};
+      if (m.value.IsString()) {
+        auto const* it = std::find_if(std::begin(names), std::end(names),
+                                      [&](auto const& n) { return str(m.value) == n.first; });
+        if (it == std::end(names)) throw bad(name, "a number or tcp, udp, icmp, icmpv6", m.value);
+        p.protocol = it->second;
+      } else {
+        p.protocol = static_cast<uint8_t>(number(255));
+      }
+    } else if (name == "srcPort" || name == "dstPort") {
+      (name == "srcPort" ? p.srcPort : p.dstPort) = static_cast<uint16_t>(number(65535));
+    } else if (name == "tcpFlags") {
+      if (m.value.IsArray()) {
+        for (auto const& f : m.value.GetArray()) {
+          auto const* it = std::find_if(std::begin(kTcpFlagNames), std::end(kTcpFlagNames),
+                                        [&](char const* n) { return f.IsString() && str(f) == n; });
+          if (it == std::end(kTcpFlagNames)) {
+            throw bad(name, "a number or a list of fin, syn, rst, psh, ack, urg, ece, cwr, ns",
+                      m.value);
+          }
+          p.tcpFlags |= static_cast<uint16_t>(1u << (it - std::begin(kTcpFlagNames)));
+        }
+      } else {
+        p.tcpFlags = static_cast<uint16_t>(number(0x1ff));
+      }
+    } else if (name == "ecn") {
+      p.ecn = static_cast<uint8_t>(number(3));
+    } else if (name == "dscp") {
+      p.dscp = static_cast<uint8_t>(number(63));
+    } else if (name == "ipLen") {
+      p.ipLen = static_cast<uint16_t>(number(65535));
+    } else if (name == "ttl") {
+      p.ttl = static_cast<uint8_t>(number(255));
+    } else if (name == "icmpType" || name == "icmpCode") {
+      (name == "icmpType" ? p.icmpType : p.icmpCode) = static_cast<uint8_t>(number(255));
+    } else if (name == "fragment") {
+      if (!m.value.IsBool()) throw bad(name, "true or false", m.value);
+      p.fragment = m.value.GetBool();
+    } else {
+      throw ScenarioError(step.label() + ": a packet has no member '" + name +
+                          "' (intf, direction, vlan, srcMac, dstMac, etherType, srcIp, dstIp, "
+                          "protocol, srcPort, dstPort, tcpFlags, ecn, dscp, ipLen, ttl, icmpType, "
+                          "icmpCode, fragment)");
+    }
+    ip = ip || isIpField;
+  }
+  if (etherType == kEtherTypeIp || etherType == kEtherTypeIp6) ip = true;
+  if (ip) {
+    if (src && dst && src->isV6() != dst->isV6()) {
+      throw ScenarioError(step.label() + ": packet 'srcIp' and 'dstIp' must be of one family");
+    }
+    bool const v6 = src ? src->isV6() : dst ? dst->isV6() : etherType == kEtherTypeIp6;
+    Nepo::IpAddr const zero = v6 ? Nepo::IpAddr::fromString("::") : Nepo::IpAddr();
+    p.isIp = true;
+    p.srcIp = src.value_or(zero);
+    p.dstIp = dst.value_or(zero);
+    uint16_t const type = v6 ? kEtherTypeIp6 : kEtherTypeIp;
+    if (etherType && *etherType != type) {
+      throw ScenarioError(step.label() + ": an IP packet's 'etherType' follows its addresses (" +
+                          (v6 ? "0x86dd" : "0x0800") + ")");
+    }
+    p.etherType = type;
+  } else {
+    p.etherType = etherType.value_or(0);
+  }
+  return p;
+}
+
 // Reads one step object; every member must be one that the step's kind takes.
 Step parseStep(rapidjson::Value const& s, size_t number) {
   std::string const where = "step " + std::to_string(number);
   if (!s.IsObject())
     throw ScenarioError(where + ": a step is an object, found " + Zol::jsonText(s));
   static constexpr std::pair<char const*, Step::Kind> kinds[] = {
-      {"set", Step::Kind::set},   {"del", Step::Kind::del},       {"advance", Step::Kind::advance},
-      {"show", Step::Kind::show}, {"expect", Step::Kind::expect}, {"fault", Step::Kind::fault}};
+      {"set", Step::Kind::set},         {"del", Step::Kind::del},
+      {"advance", Step::Kind::advance}, {"show", Step::Kind::show},
+      {"expect", Step::Kind::expect},   {"fault", Step::Kind::fault},
+      {"packet", Step::Kind::packet}};
   std::optional<Step::Kind> kind;
   for (auto const& [name, k] : kinds) {
+    // A packet step's "expect" is the packet's fate, not a step of its own.
+    if (k == Step::Kind::expect && s.HasMember("packet")) continue;
     if (s.HasMember(name)) {
       if (kind)
         throw ScenarioError(where + ": a step does one thing; found both '" + kindName(*kind) +
@@ -52,7 +228,8 @@ Step parseStep(rapidjson::Value const& s, size_t number) {
     }
   }
   if (!kind) {
-    throw ScenarioError(where + ": expected one of set, del, advance, show, expect, fault in " +
+    throw ScenarioError(where +
+                        ": expected one of set, del, advance, show, expect, fault, packet in " +
                         Zol::jsonText(s));
   }
   Step step;
@@ -125,6 +302,23 @@ Step parseStep(rapidjson::Value const& s, size_t number) {
       }
       break;
     }
+    case Step::Kind::packet: {
+      // {"packet": {...}, "expect": "permit"|"deny"|"blocked"|"errdisabled"}
+      step.packet = parsePacket(s["packet"], step);
+      allowed.insert("expect");
+      if (auto it = s.FindMember("expect"); it != s.MemberEnd()) {
+        static constexpr char const* verdicts[] = {"permit", "deny", "blocked", "errdisabled"};
+        if (!it->value.IsString() ||
+            std::none_of(std::begin(verdicts), std::end(verdicts),
+                         [&](char const* v) { return str(it->value) == v; })) {
+          throw ScenarioError(step.label() +
+                              ": 'expect' must be permit, deny, blocked or errdisabled, found " +
+                              Zol::jsonText(it->value));
+        }
+        step.verdict = str(it->value);
+      }
+      break;
+    }
   }
   for (auto const& m : s.GetObject()) {
     if (!allowed.count(str(m.name))) {
@@ -135,6 +329,40 @@ Step parseStep(rapidjson::Value const& s, size_t number) {
 }
 
 }  // namespace
+
+std::string packetText(sim::Packet const& p) {
+  std::string out = p.intf.stringValue() + (p.direction == Acl::AclDirection::in ? " in" : " out");
+  if (p.vlan != 0) out += " vlan " + std::to_string(p.vlan);
+  if (!p.isIp) {
+    char type[8];
+    std::snprintf(type, sizeof type, "0x%04x", p.etherType);
+    return out + " " + p.srcMac.stringValue() + " > " + p.dstMac.stringValue() + " " + type;
+  }
+  bool const ports = p.protocol == 6 || p.protocol == 17 || p.srcPort != 0 || p.dstPort != 0;
+  auto endpoint = [&](Nepo::IpAddr const& a, uint16_t port) {
+    std::string const addr = a.isV6() ? "[" + a.stringValue() + "]" : a.stringValue();
+    return ports ? addr + ":" + std::to_string(port) : a.stringValue();
+  };
+  out += " " + protocolName(p.protocol) + " " + endpoint(p.srcIp, p.srcPort) + " > " +
+         endpoint(p.dstIp, p.dstPort);
+  if (p.tcpFlags != 0) {
+    std::string flags;
+    for (unsigned bit = 0; bit < 9; ++bit) {
+      if (p.tcpFlags & (1u << bit))
+        flags += (flags.empty() ? "" : " ") + std::string(kTcpFlagNames[bit]);
+    }
+    out += " [" + flags + "]";
+  }
+  if (p.protocol == 1 || p.protocol == 58 || p.icmpType != 0 || p.icmpCode != 0) {
+    out += " type " + std::to_string(p.icmpType) + " code " + std::to_string(p.icmpCode);
+  }
+  if (p.dscp != 0) out += " dscp " + std::to_string(p.dscp);
+  if (p.ecn != 0) out += " ecn " + std::to_string(p.ecn);
+  if (p.ipLen != 0) out += " length " + std::to_string(p.ipLen);
+  if (p.ttl != 0) out += " ttl " + std::to_string(p.ttl);
+  if (p.fragment) out += " fragment";
+  return out;
+}
 
 std::string Step::label() const {
   std::string l = "step " + std::to_string(number) + " (" + kindName(kind);

@@ -12,6 +12,8 @@
 #include <string_view>
 #include <vector>
 
+#include "Sim/ChipAcl.h"
+
 namespace vemo::agent {
 
 // A malformed scenario or bad usage; the text names the step, the path and what is wrong.
@@ -21,7 +23,7 @@ class ScenarioError : public std::runtime_error {
 };
 
 struct Step {
-  enum class Kind { set, del, advance, show, expect, fault };
+  enum class Kind { set, del, advance, show, expect, fault, packet };
   Kind kind = Kind::show;
   size_t number = 0;  // 1-based, as people count steps
   std::string path;
@@ -35,10 +37,17 @@ struct Step {
   std::string answer;
   uint32_t count = 0;
   std::optional<uint64_t> capacity;
+  // packet: what is sent, and what must become of it (permit, deny, blocked, errdisabled; empty
+  // when anything goes). path holds the packet's interface, for the label.
+  sim::Packet packet;
+  std::string verdict;
 
   // "step 3 (expect vemo/common intf)": how messages name the step.
   std::string label() const;
 };
+
+// One line of a packet: "Ethernet1 in tcp 10.0.0.1:1024 > 10.0.0.2:80 [syn]".
+std::string packetText(sim::Packet const& p);
 
 class Scenario {
  public:

@@ -4,9 +4,12 @@
 #include <rapidjson/document.h>
 
 #include <string>
+#include <vector>
 
 #include "Sim/Chip.h"
 #include "Vemo/VemoCommon.h"
+#include "ZolGen/Acl.h"
+#include "ZolGen/Errdisable.h"
 #include "ZolGen/Lag.h"
 #include "ZolGen/VemoL3.h"
 #include "ZolGen/VemoVxlan.h"
@@ -27,5 +30,22 @@ std::string showHardwarePortChannel(sim::Chip const& chip, bool json);
 // lists and the group each names; the remote MACs of the host table and the VTEPs behind them.
 std::string showVxlan(Vemo::SwTunnelGroupIdData const& groups, Vxlan::VxlanConfigDir const& config,
                       Vemo::VXLAN::RemoteMacInfoDir const& remoteMacs, bool json);
+
+// One rule as an engineer writes it, without its sequence number: "permit tcp any any eq 80",
+// "deny any host 02:00:00:00:00:01 0x0806".
+std::string ipRuleText(Acl::AclType type, Acl::IpRuleConfig const& rule);
+std::string macRuleText(Acl::MacRuleConfig const& rule);
+// Every ACL of the type: its rules by sequence number with the packets each matched, the
+// interfaces it is applied to and the status of each of its hardware instances.
+std::string showAccessLists(Acl::AclType type, Acl::Config const& config,
+                            Acl::IntfConfig const& intfConfigCli,
+                            Acl::IntfConfigDir const& intfConfigDir, Acl::StatusDp const& status,
+                            bool json);
+// The chip's ACL tables: per unit and direction the TCAM's use and its instances, range
+// checkers, bindings, blocked interfaces, unit errors and refused operations; and the status of
+// every instance.
+std::string showHardwareAcl(sim::Chip const& chip, Acl::StatusDp const& status, bool json);
+// The interfaces each cause keeps error-disabled, with the time they went down.
+std::string showErrdisable(std::vector<Errdisable::CauseStatus const*> const& causes, bool json);
 
 }  // namespace vemo::agent
