@@ -53,19 +53,19 @@ std::string prefixText(Nepo::IpPrefix const& p) {
 }
 
 // " eq 80 443", " range 1000 1999"; nothing for a field the rule leaves open.
-std::string portSpecText(Acl::PortSpec const& spec) {
+std::string portSpecText(Acl::PortSpec const& ports) {
   static constexpr std::pair<Acl::PortOper, char const*> opers[] = {
       {Acl::PortOper::portEq, "eq"},
       {Acl::PortOper::portNeq, "neq"},
       {Acl::PortOper::portLt, "lt"},
       {Acl::PortOper::portGt, "gt"},
       {Acl::PortOper::portRange, "range"}};
-  if (spec.oper() == Acl::PortOper::portAny) return "";
+  if (ports.oper() == Acl::PortOper::portAny) return "";
   std::string out;
   for (auto const& [oper, word] : opers) {
-    if (oper == spec.oper()) out = std::string(" ") + word;
+    if (oper == ports.oper()) out = std::string(" ") + word;
   }
-  for (uint8_t i = 0; i < spec.count(); ++i) out += " " + std::to_string(spec.value(i));
+  for (uint8_t i = 0; i < ports.count(); ++i) out += " " + std::to_string(ports.value(i));
   return out;
 }
 

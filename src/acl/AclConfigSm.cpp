@@ -154,7 +154,8 @@ void AclConfigSm::rulesIs() {
   // A copy nobody watches: the configuration may be rewritten rule by rule before the next
   // currCfg, and no cycle in between may install half of it.
   rules_ = Zol::make<Acl::AclConfig>(config_->aclName(), config_->aclName());
-  for (auto const& [seq, rule] : config_->ipRuleBySequenceAll()) rules_->ipRuleBySequenceIs(seq, rule);
+  for (auto const& [seq, rule] : config_->ipRuleBySequenceAll())
+    rules_->ipRuleBySequenceIs(seq, rule);
   for (auto const& [seq, rule] : config_->macRuleBySequenceAll()) {
     rules_->macRuleBySequenceIs(seq, rule);
   }
