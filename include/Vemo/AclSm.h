@@ -39,7 +39,26 @@ class AclSwitchportModeConfigSm;
 // The status text of an instance whose installation ended with e; units names where it failed.
 Zol::String aclCreateErrorText(AclCreateError e, Zol::String const& units);
 
-// One hardware instance: its data, what hardware holds of it, and its part of each apply phase.
+class AclDataSm;
+
+// The platform's side of one instance: what hardware holds of it (the ports it is applied to and
+// those it keeps blocked), the platform's answers, and the status the end of a cycle writes.
+class AclDataStatusSm {
+ public:
+  AclDataStatusSm(AclDataSm* dataSm, AclKey const& key);
+
+  Zol::Ptr<AclDataStatus> const& status() const { return status_; }
+  // The answer to prepareToCommit (or a batch commit); answers to removeAcl carry nothing.
+  void handleCallbackData(AclCreateError status);
+  // Status text, errdisable and syslog, once a cycle that touched the instance is done.
+  void doSettle();
+
+ private:
+  AclDataSm* dataSm_;
+  Zol::Ptr<AclDataStatus> status_;
+};
+
+// One hardware instance: its data and its part of each apply phase.
 class AclDataSm {
  public:
   AclDataSm(AclConfigSm* configSm, AclKey const& key);
@@ -47,7 +66,8 @@ class AclDataSm {
 
   AclKey const& key() const { return data_->key(); }
   Zol::Ptr<AclData> const& data() const { return data_; }
-  Zol::Ptr<AclDataStatus> const& status() const { return status_; }
+  Zol::Ptr<AclDataStatus> const& status() const { return statusSm_.status(); }
+  AclDataStatusSm& statusSm() { return statusSm_; }
   // The last interface left: removed from hardware in the next cycle's uninstall phase.
   bool deleting() const { return deleting_; }
   void deletingIs(bool v) { deleting_ = v; }
@@ -64,20 +84,20 @@ class AclDataSm {
   absl::btree_set<Nepo::IntfId> wantedPorts() const;
   void doUpdatePorts();
   void doDestroy();
-  // The async answer to prepareToCommit or removeAcl.
-  void handleCallbackData(AclCreateError status);
-  // Status, errdisable and syslog once the cycle is done.
-  void doSettle();
-
- private:
+  // Out of hardware with error e; it tries again in the next cycle.
+  void failed(AclCreateError e);
+  // This cycle touched the instance: done settles it.
+  bool touched() const { return touched_; }
+  void touchedIs(bool v) { touched_ = v; }
   AclSm* root() const;
   VemoHelper::AclHelper& helper() const;
-  void failed(AclCreateError e);
+
+ private:
   void unbindAll();
 
   AclConfigSm* configSm_;
   Zol::Ptr<AclData> data_;
-  Zol::Ptr<AclDataStatus> status_;
+  AclDataStatusSm statusSm_;
   bool deleting_ = false;
   bool hwPresent_ = false;
   // Set when this cycle touched the instance, so that done settles it.

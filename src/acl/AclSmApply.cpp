@@ -79,7 +79,7 @@ void AclSm::doApplyAclsPhase(AclApplyPhase phase) {
           ZOL_TRACE(1, "ACL programming failure on batch commit: " << Zol::enumName(e));
           forEachInstance([&](AclConfigSm const&, AclDataSm& inst) {
             if (inst.data()->aclDataState() == AclDataState::adFinalRuleStatusDone) {
-              inst.handleCallbackData(e);
+              inst.statusSm().handleCallbackData(e);
             }
           });
         }
@@ -97,7 +97,7 @@ void AclSm::doApplyAclsPhase(AclApplyPhase phase) {
       return doApplyAclsPhase(AclApplyPhase::aclApplyPhaseDone);
     case AclApplyPhase::aclApplyPhaseDone: {
       if (unblockAcls()) vemoAssert("!unblockAcls()");
-      forEachInstance([](AclConfigSm const&, AclDataSm& inst) { inst.doSettle(); });
+      forEachInstance([](AclConfigSm const&, AclDataSm& inst) { inst.statusSm().doSettle(); });
       syslogResourceNormal();
       aclHelper_->cliWaitingIs(false);
       // Changes that came while the platform worked get their own cycle.
@@ -124,7 +124,8 @@ void AclSm::handleCallbackData(AclKey const& key) {
   if (!aclHelper_->aclHelperCallbackDataHas(key) || !pendingData_.erase(key)) return;
   AclCreateError const status = aclHelper_->aclHelperCallbackData(key).status();
   AclConfigSm* const acl = typeSm(key.type()) ? typeSm(key.type())->configSm(key.name()) : nullptr;
-  if (AclDataSm* const inst = acl ? acl->dataSm(key) : nullptr) inst->handleCallbackData(status);
+  if (AclDataSm* const inst = acl ? acl->dataSm(key) : nullptr)
+    inst->statusSm().handleCallbackData(status);
   ++dataOpsCompleted_;
   handleAclDataOpsCompleted();
 }
