@@ -374,7 +374,7 @@ Err AclHelper::batchCommitAcls() {
 }
 
 Err AclHelper::addIntfToAcl(Nepo::IntfId const& intf, Vemo::AclData const& data) {
-  Status const s = chip_.aclBind(intf, data.key().direction(), data.aclNumber());
+  Status const s = chip_.aclBind(intf, data.key().direction(), data.aclNumber(), data.key().type());
   return logged("addIntfToAcl " + intf.stringValue() + " " + std::to_string(data.aclNumber()),
                 bindErrorOf(s));
 }
@@ -388,8 +388,8 @@ void AclHelper::removeIntfFromAcl(Nepo::IntfId const& intf, Vemo::AclData const&
   // already taken over is left alone.
   if (belongsToAnother) {
     what += " belongsToAnother";
-  } else if (chip_.aclBinding(intf, dir) == data.aclNumber()) {
-    chip_.aclUnbind(intf, dir);
+  } else if (chip_.aclBinding(intf, dir, data.key().type()) == data.aclNumber()) {
+    chip_.aclUnbind(intf, dir, data.key().type());
   }
   note(std::move(what));
 }

@@ -218,30 +218,32 @@ Vemo::AclCreateError Chip::aclUnitError(uint32_t unit) const {
   return aclUnits_[unit].error;
 }
 
-Status Chip::aclBind(Nepo::IntfId const& intf, Acl::AclDirection dir, uint32_t aclNumber) {
+Status Chip::aclBind(Nepo::IntfId const& intf, Acl::AclDirection dir, uint32_t aclNumber,
+                     Acl::AclType type) {
   if (Status s = admit(Table::acl, false); s != Status::ok) {
     return refuse(Table::acl,
                   "bind " + intf.stringValue() + " " + std::string(dirName(dir)) + " " +
                       std::to_string(aclNumber),
                   s);
   }
-  aclBindings_[{intf, dir}] = aclNumber;
+  aclBindings_[{intf, dir, type}] = aclNumber;
   return Status::ok;
 }
 
-void Chip::aclUnbind(Nepo::IntfId const& intf, Acl::AclDirection dir) {
-  aclBindings_.erase({intf, dir});
+void Chip::aclUnbind(Nepo::IntfId const& intf, Acl::AclDirection dir, Acl::AclType type) {
+  aclBindings_.erase({intf, dir, type});
 }
 
-std::optional<uint32_t> Chip::aclBinding(Nepo::IntfId const& intf, Acl::AclDirection dir) const {
-  auto const it = aclBindings_.find({intf, dir});
+std::optional<uint32_t> Chip::aclBinding(Nepo::IntfId const& intf, Acl::AclDirection dir,
+                                         Acl::AclType type) const {
+  auto const it = aclBindings_.find({intf, dir, type});
   if (it == aclBindings_.end()) return std::nullopt;
   return it->second;
 }
 
 void Chip::aclUnbindAll(uint32_t aclNumber, Acl::AclDirection dir) {
   std::erase_if(aclBindings_, [&](auto const& binding) {
-    return binding.first.second == dir && binding.second == aclNumber;
+    return std::get<Acl::AclDirection>(binding.first) == dir && binding.second == aclNumber;
   });
 }
 
@@ -262,9 +264,12 @@ ClassifyResult Chip::classify(Packet const& p) {
   std::optional<PortLocation> const where = location(p.intf);
   AclTcam& tcam = aclTcamOf(where ? where->unit : 0, p.direction);
   ClassifyResult result;
+  Acl::AclType const type = !p.isIp          ? Acl::AclType::mac
+                            : p.srcIp.isV6() ? Acl::AclType::ipv6
+                                             : Acl::AclType::ip;
   std::array<Nepo::IntfId const*, 2> const intfs{&p.intf, vlan ? &*vlan : nullptr};
   for (Nepo::IntfId const* intf : intfs) {
-    std::optional<uint32_t> const acl = intf ? aclBinding(*intf, p.direction) : std::nullopt;
+    std::optional<uint32_t> const acl = intf ? aclBinding(*intf, p.direction, type) : std::nullopt;
     if (!acl) continue;
     result = ClassifyResult{Acl::AclAction::deny, std::nullopt, false};
     for (auto it = tcam.lower_bound(AclEntryKey{*acl, 0, 0});
@@ -320,11 +325,14 @@ rapidjson::Value Chip::aclJson(rapidjson::Document::AllocatorType& alloc) const 
   }
   rapidjson::Value bindings(rapidjson::kObjectType);
   for (auto it = aclBindings_.begin(); it != aclBindings_.end();) {
-    Nepo::IntfId const intf = it->first.first;
+    Nepo::IntfId const intf = std::get<Nepo::IntfId>(it->first);
     rapidjson::Value dirs(rapidjson::kObjectType);
-    for (; it != aclBindings_.end() && it->first.first == intf; ++it) {
-      dirs.AddMember(Zol::toJson(std::string(dirName(it->first.second)), alloc),
-                     rapidjson::Value(it->second), alloc);
+    for (; it != aclBindings_.end() && std::get<Nepo::IntfId>(it->first) == intf; ++it) {
+      // "in" for the IPv4 list, "ipv6 in" and "mac in" for the others.
+      auto const [port, dir, type] = it->first;
+      std::string name(dirName(dir));
+      if (type != Acl::AclType::ip) name = std::string(Zol::enumName(type)) + " " + name;
+      dirs.AddMember(Zol::toJson(name, alloc), rapidjson::Value(it->second), alloc);
     }
     bindings.AddMember(Zol::toJson(intf.stringValue(), alloc), dirs, alloc);
   }

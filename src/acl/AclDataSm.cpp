@@ -71,6 +71,13 @@ void AclDataSm::doPrepare() {
     data_->fragMapDelAll();
   }
   hwPresent_ = true;
+  if (k.type() == Acl::AclType::ipv6) {
+    // The platform lets neighbour discovery through ahead of the final rule, or an IPv6 list
+    // would cut the interface off its neighbours.
+    data_->ip6DefaultIcmp6StateIs(helper().installImplicitIcmp6Rules()
+                                      ? Ip6DefaultIcmp6State::Ip6DefaultIcmp6MultipleRules
+                                      : Ip6DefaultIcmp6State::Ip6DefaultIcmp6RulesNotNeeded);
+  }
   e = createAclRules(helper(), *data_, *configSm_->rules());
   if (e != Err::aclCreateErrorNone) return failed(e);
   data_->aclDataStateIs(AclDataState::adCreateAclRulesDone);

@@ -169,6 +169,28 @@ TEST(AclSm, PacketsFollowTheRulesInForceThroughChangesAndRemoval) {
   EXPECT_EQ(w.verifyMismatches(), 0u);
 }
 
+TEST(AclSm, Ipv6ListsLetNeighbourDiscoveryThroughAheadOfTheirFinalDeny) {
+  World w;
+  w.helper->installImplicitIcmp6RulesIs(true);
+  auto const a = w.acl("v6", AclType::ipv6);
+  a->ipRuleBySequenceIs(10, tcpTo(AclAction::permit, 443, 1));
+  a->currCfgIs(1);
+  w.attach("Ethernet1", "v6", AclType::ipv6);
+  w.settle();
+  EXPECT_EQ(w.statusOf("v6", 0, AclType::ipv6), "Succeeded install on unit0");
+  Packet p = tcp("Ethernet1", 443);
+  p.etherType = 0x86dd;
+  p.srcIp = Nepo::IpAddr::fromString("2001:db8::1");
+  p.dstIp = Nepo::IpAddr::fromString("2001:db8::2");
+  EXPECT_EQ(w.action(p), AclAction::permit);
+  p.dstPort = 22;
+  EXPECT_EQ(w.action(p), AclAction::deny);
+  p.protocol = 58;
+  p.icmpType = 135;  // neighbour solicitation
+  EXPECT_EQ(w.action(p), AclAction::permit);
+  EXPECT_EQ(w.action(tcp("Ethernet1", 22)), AclAction::permit) << "IPv4 is not the list's to judge";
+}
+
 TEST(AclSm, NumbersAreHandedOutHighestFirstUntilTheLimitThenFreedOnes) {
   World w;
   // The direction ranges of the three types follow each other, 8192 apart.

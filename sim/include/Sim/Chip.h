@@ -13,6 +13,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
 #include "Nepo/IntfId.h"
@@ -132,14 +133,18 @@ class Chip {
   void aclUnitErrorIs(uint32_t unit, Vemo::AclCreateError error);
   Vemo::AclCreateError aclUnitError(uint32_t unit) const;
 
-  // The instance applied to an interface in one direction. Packets of a port are looked up in
-  // the port's unit's TCAM, those of any other interface in unit 0's (every unit holds the same
-  // instances).
-  Status aclBind(Nepo::IntfId const& intf, Acl::AclDirection dir, uint32_t aclNumber);
-  void aclUnbind(Nepo::IntfId const& intf, Acl::AclDirection dir);
+  // The instance applied to an interface in one direction, one per list type: an IPv4 packet is
+  // judged by the interface's IPv4 list, an IPv6 packet by its IPv6 list and any other packet by
+  // its MAC list. Packets of a port are looked up in the port's unit's TCAM, those of any other
+  // interface in unit 0's (every unit holds the same instances).
+  Status aclBind(Nepo::IntfId const& intf, Acl::AclDirection dir, uint32_t aclNumber,
+                 Acl::AclType type = Acl::AclType::ip);
+  void aclUnbind(Nepo::IntfId const& intf, Acl::AclDirection dir,
+                 Acl::AclType type = Acl::AclType::ip);
   // Takes the instance off every interface it is applied to in dir.
   void aclUnbindAll(uint32_t aclNumber, Acl::AclDirection dir);
-  std::optional<uint32_t> aclBinding(Nepo::IntfId const& intf, Acl::AclDirection dir) const;
+  std::optional<uint32_t> aclBinding(Nepo::IntfId const& intf, Acl::AclDirection dir,
+                                     Acl::AclType type = Acl::AclType::ip) const;
   // A blocked interface drops everything, in both directions.
   void aclBlockIs(Nepo::IntfId const& intf, bool blocked);
   bool aclBlocked(Nepo::IntfId const& intf) const { return aclBlocked_.contains(intf); }
@@ -209,7 +214,7 @@ class Chip {
   std::set<uint32_t> lagFreeHwIds_;
   uint32_t lagNextHwId_ = 1;
   std::vector<AclUnit> aclUnits_;
-  std::map<std::pair<Nepo::IntfId, Acl::AclDirection>, uint32_t> aclBindings_;
+  std::map<std::tuple<Nepo::IntfId, Acl::AclDirection, Acl::AclType>, uint32_t> aclBindings_;
   std::set<Nepo::IntfId> aclBlocked_;
 };
 
