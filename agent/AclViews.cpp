@@ -206,7 +206,8 @@ std::string showAccessLists(Acl::AclType type, Acl::Config const& config,
   };
   auto rulesOf = [&](Acl::AclConfig const& acl) {
     std::vector<Rule> rules;
-    auto const hits = status.ruleHits(acl.aclName());
+    auto const typeHits = status.ruleHits(type);
+    auto const hits = typeHits ? typeHits->acl(acl.aclName()) : nullptr;
     auto hitsOf = [&](Acl::UniqueId id) -> uint64_t { return hits ? hits->hits(id) : 0; };
     if (type == AclType::mac) {
       for (auto const& [seq, r] : acl.macRuleBySequenceAll()) {

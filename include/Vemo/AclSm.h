@@ -75,7 +75,13 @@ class AclDataSm {
   bool hwPresent() const { return hwPresent_; }
   bool installed() const { return data_->aclDataState() == AclDataState::adInstalled; }
 
-  // Phases, called by the root in order.
+  // The rules in hardware: those in force when the instance was last created, null while it has
+  // none. Counters and verification read these, not a newer configuration.
+  Zol::Ptr<Acl::AclConfig const> const& installedRules() const { return installedRules_; }
+
+  // Phases, called by the root in order. Before uninstall: ports that another instance holds in
+  // hardware and this one takes over are blocked until this one is applied to them.
+  void doBlockTakeovers();
   void doUninstall();
   void doPrepare();
   void doCommit();
@@ -84,7 +90,8 @@ class AclDataSm {
   absl::btree_set<Nepo::IntfId> wantedPorts() const;
   void doUpdatePorts();
   void doDestroy();
-  // Out of hardware with error e; it tries again in the next cycle.
+  // Out of hardware with error e; it tries again in the next cycle. Ports it was filtering stay
+  // blocked until it (or what replaces it) is applied again, and stay bound where e passes.
   void failed(AclCreateError e);
   // This cycle touched the instance: done settles it.
   bool touched() const { return touched_; }
@@ -93,10 +100,18 @@ class AclDataSm {
   VemoHelper::AclHelper& helper() const;
 
  private:
-  void unbindAll();
+  // Takes the instance off every port; with release, the blocks it holds go too.
+  void unbindAll(bool release);
+  void bindingIs(Nepo::IntfId const& port, bool bound);
+  void wantToBlockIs(Nepo::IntfId const& port);
+  void releaseBlocks();
+  // The rules left hardware.
+  void outOfHardware();
+  AclDirectionTypeConfigSm* dirSm() const;
 
   AclConfigSm* configSm_;
   Zol::Ptr<AclData> data_;
+  Zol::Ptr<Acl::AclConfig const> installedRules_;
   AclDataStatusSm statusSm_;
   bool deleting_ = false;
   bool hwPresent_ = false;
@@ -128,7 +143,7 @@ class AclConfigSm {
   void configIs(Zol::Ptr<Acl::AclConfig const> const& config);
   // Deleted from the configuration; kept until its instances have left hardware.
   bool removed() const { return removed_; }
-  void removedIs(bool v) { removed_ = v; }
+  void removedIs(bool v);
   void markDirty();
 
   void handleCurrCfg();
@@ -138,6 +153,7 @@ class AclConfigSm {
  private:
   class Reactor;
   void rulesIs();
+  void ruleHitsDel();
   AclTypeConfigSm* typeSm_;
   Zol::Ptr<Acl::AclConfig const> config_;
   Zol::Ptr<Acl::AclConfig> rules_;
@@ -191,8 +207,15 @@ class AclDirectionTypeConfigSm {
   // The instance intf is on, if any.
   std::optional<AclKey> intfKey(Nepo::IntfId const& intf) const;
   absl::btree_map<Nepo::IntfId, AclKey> const& intfKeys() const { return intfKey_; }
-  // The instance a hardware port belongs to: its own, or its port-channel's.
+  // The instance that filters a hardware port: its port-channel's while it is a member of one
+  // with an ACL, else its own. One owner per port.
   std::optional<AclKey> portKey(Nepo::IntfId const& port) const;
+  // The instance a port is bound to in hardware, as the instances recorded their bindings.
+  std::optional<AclKey> boundKey(Nepo::IntfId const& port) const;
+  void boundKeyIs(Nepo::IntfId const& port, AclKey const& key, bool bound);
+  // The owner of intf's ports may have changed: the instances involved apply their ports again.
+  // True when some instance was marked.
+  bool portOwnerChanged(Nepo::IntfId const& intf);
   // The configured ACL name of intf, empty for none; the command line first, then the other
   // sources by name.
   Zol::Name configuredAclName(Nepo::IntfId const& intf) const;
@@ -209,6 +232,7 @@ class AclDirectionTypeConfigSm {
   Zol::U16 aclNumberStart_;
   std::vector<Zol::U16> freeAcl_;
   absl::btree_map<Nepo::IntfId, AclKey> intfKey_;
+  absl::flat_hash_map<Nepo::IntfId, AclKey> boundKey_;
   absl::btree_map<Zol::Name, absl::btree_set<Nepo::IntfId>> intfsByName_;
   std::vector<std::unique_ptr<SourceReactor>> sources_;
   absl::btree_map<Nepo::IntfId, std::unique_ptr<AclSwitchportModeConfigSm>> switchport_;
@@ -289,6 +313,8 @@ class AclCountersPoller {
   void handleTime();
   // Every rule of one ACL, now.
   void pollAcl(AclConfigSm& acl);
+  // The hits of an instance whose rules are about to leave hardware, so that none are lost.
+  void pollBeforeRemoval(AclConfigSm& acl, AclDataSm& inst);
   AclCountersPollingBookmark const& bookmark() const { return bookmark_; }
 
  private:
@@ -324,6 +350,11 @@ class AclSm : public VemoBaseSm {
 
   // Start: the helper's set-up, stale errdisables cleared, every type's first pass, one apply.
   void handleInitialized() override;
+
+  // Set before the SM is destroyed for an agent restart: hardware, errdisables and counters are
+  // left as they are for the next run.
+  bool disableCleanupOnRestart() const { return disableCleanupOnRestart_; }
+  void disableCleanupOnRestartIs(bool v) { disableCleanupOnRestart_ = v; }
 
   // Inputs and outputs.
   Zol::Ptr<Acl::Config const> const& mainConfig() const { return mainConfig_; }
@@ -398,6 +429,8 @@ class AclSm : public VemoBaseSm {
     return intfSms_;
   }
   void doErrdisable(Nepo::IntfId const& intf, bool errdisable);
+  // Lifts intf's errdisable unless a failed instance other than except still names it.
+  void releaseErrdisable(Nepo::IntfId const& intf, AclDataSm const* except);
   void doRemoveAllErrdisables();
 
   // Syslog bookkeeping: one FULL until the matching NORMAL.
@@ -445,6 +478,10 @@ class AclSm : public VemoBaseSm {
 
   void verifyInstance(AclConfigSm const& acl, AclDataSm const& inst, VerifyData& report) const;
   void verifyDirection(AclDirectionTypeConfigSm const& dir, VerifyData& report) const;
+  // The instance is applied to exactly its ports, in the SM's record and in hardware.
+  void verifyPorts(AclDataSm const& inst, VerifyData& report) const;
+  // Every subrule of every rule in force, and the final rule, are in hardware.
+  void verifyRules(AclDataSm const& inst, VerifyData& report) const;
 
   Zol::Ptr<Acl::Config const> mainConfig_;
   Zol::Ptr<Acl::ParamConfig const> aclParamConfig_;
@@ -459,6 +496,10 @@ class AclSm : public VemoBaseSm {
   Zol::Ptr<Bridging::Config const> brConfig_;
   Zol::Ptr<Interface::SubIntfStatusDir const> subIntfStatusDir_;
   Zol::Ptr<Interface::SubIntfConfigDir const> subIntfConfigDir_;
+  // A simulation host (SIMULATION_VMID set when the SM was created) applies a changed
+  // operational mode at once.
+  bool const simulation_;
+  bool disableCleanupOnRestart_ = false;
 
   absl::btree_map<Acl::AclType, std::unique_ptr<AclTypeConfigSm>> types_;
   absl::flat_hash_map<AclTypeDir, Zol::U16> rangeStart_;

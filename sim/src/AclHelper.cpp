@@ -291,6 +291,21 @@ void AclHelper::deleteAcl(Zol::U32 aclNum) {
   countersDel(aclNum);
 }
 
+bool AclHelper::verifyDropAllRule(Vemo::AclData const& data) const {
+  bool const icmp6 = data.key().type() == Acl::AclType::ipv6 && installImplicitIcmp6Rules();
+  Zol::U32 const sub = icmp6 ? kIcmp6NdLast - kIcmp6NdFirst + 1 : 0;
+  for (uint32_t unit = 0; unit < chip_.units(); ++unit) {
+    AclTcamEntry const* const e = chip_.aclEntry(
+        unit, data.key().direction(), AclEntryKey{data.aclNumber(), data.numRules(), sub});
+    if (!e || e->entry.action != Acl::AclAction::deny) return false;
+  }
+  return true;
+}
+
+bool AclHelper::verifyAclGeneral(Vemo::AclData const& data, Nepo::IntfId const& intf) const {
+  return chip_.aclBinding(intf, data.key().direction(), data.key().type()) == data.aclNumber();
+}
+
 bool AclHelper::ipSubruleExists(Vemo::AclData const& data, Zol::U32 aclRule,
                                 Zol::U32 subRuleNum) const {
   // Every unit holds the same entries.

@@ -138,6 +138,21 @@ AclConfigSm::AclConfigSm(AclTypeConfigSm* typeSm, Zol::Ptr<Acl::AclConfig const>
 AclConfigSm::~AclConfigSm() {
   reactor_.reset();
   data_.clear();
+  if (!root()->disableCleanupOnRestart()) ruleHitsDel();
+}
+
+void AclConfigSm::ruleHitsDel() {
+  Acl::StatusDp& status = *root()->status();
+  Zol::Ptr<Acl::AclTypeRuleHits> const hits = status.ruleHits(typeSm_->type());
+  if (!hits) return;
+  hits->aclDel(name());
+  if (hits->aclSize() == 0) status.ruleHitsDel(typeSm_->type());
+}
+
+void AclConfigSm::removedIs(bool v) {
+  removed_ = v;
+  // A deleted list's counts are gone: a list made again under its name starts from zero.
+  if (v) ruleHitsDel();
 }
 
 AclSm* AclConfigSm::root() const { return typeSm_->root(); }
@@ -357,7 +372,8 @@ void AclDirectionTypeConfigSm::intfKeyIs(Nepo::IntfId const& intf,
   if (old) {
     intfKey_.erase(intf);
     AclConfigSm* const acl = typeSm_->configSm(old->name());
-    if (AclDataSm* const inst = acl ? acl->dataSm(*old) : nullptr) {
+    AclDataSm* const inst = acl ? acl->dataSm(*old) : nullptr;
+    if (inst) {
       inst->data()->activeIntfDel(intf);
       inst->data()->needsPortUpdateIs(true);
       if (inst->data()->activeIntfSize() == 0) {
@@ -366,7 +382,7 @@ void AclDirectionTypeConfigSm::intfKeyIs(Nepo::IntfId const& intf,
         inst->deletingIs(true);
       }
     }
-    if (!key) root()->doErrdisable(intf, false);
+    if (!key) root()->releaseErrdisable(intf, inst);
   }
   if (key) {
     intfKey_.insert_or_assign(intf, *key);
@@ -374,7 +390,42 @@ void AclDirectionTypeConfigSm::intfKeyIs(Nepo::IntfId const& intf,
     inst->data()->activeIntfIs(intf, true);
     inst->data()->needsPortUpdateIs(true);
   }
+  // A port-channel's ACL takes its members over from their own, or gives them back.
+  if (intf.isPortChannel()) portOwnerChanged(intf);
   root()->scheduleApply();
+}
+
+bool AclDirectionTypeConfigSm::portOwnerChanged(Nepo::IntfId const& intf) {
+  bool marked = false;
+  auto const mark = [&](Nepo::IntfId const& i) {
+    std::optional<AclKey> const key = intfKey(i);
+    AclConfigSm* const acl = key ? typeSm_->configSm(key->name()) : nullptr;
+    if (AclDataSm* const inst = acl ? acl->dataSm(*key) : nullptr) {
+      inst->data()->needsPortUpdateIs(true);
+      marked = true;
+    }
+  };
+  mark(intf);
+  if (intf.isPortChannel()) {
+    for (Nepo::IntfId const& member : root()->lagMembers(intf)) mark(member);
+  } else if (std::optional<Nepo::IntfId> const lag = root()->lagOf(intf)) {
+    mark(*lag);
+  }
+  return marked;
+}
+
+std::optional<AclKey> AclDirectionTypeConfigSm::boundKey(Nepo::IntfId const& port) const {
+  auto it = boundKey_.find(port);
+  if (it == boundKey_.end()) return std::nullopt;
+  return it->second;
+}
+
+void AclDirectionTypeConfigSm::boundKeyIs(Nepo::IntfId const& port, AclKey const& key, bool bound) {
+  if (bound) {
+    boundKey_.insert_or_assign(port, key);
+  } else if (auto it = boundKey_.find(port); it != boundKey_.end() && it->second == key) {
+    boundKey_.erase(it);
+  }
 }
 
 std::optional<AclKey> AclDirectionTypeConfigSm::intfKey(Nepo::IntfId const& intf) const {
@@ -384,9 +435,10 @@ std::optional<AclKey> AclDirectionTypeConfigSm::intfKey(Nepo::IntfId const& intf
 }
 
 std::optional<AclKey> AclDirectionTypeConfigSm::portKey(Nepo::IntfId const& port) const {
-  if (auto key = intfKey(port)) return key;
-  if (std::optional<Nepo::IntfId> const lag = root()->lagOf(port)) return intfKey(*lag);
-  return std::nullopt;
+  if (std::optional<Nepo::IntfId> const lag = root()->lagOf(port)) {
+    if (auto key = intfKey(*lag)) return key;
+  }
+  return intfKey(port);
 }
 
 void AclDirectionTypeConfigSm::handleSwitchIntfConfig(Nepo::IntfId const& intf) {

@@ -59,6 +59,13 @@ void AclCountersPoller::handleTime() {
   clock_.timeMinIs(root_->clock().now() + period);
 }
 
+void AclCountersPoller::pollBeforeRemoval(AclConfigSm& acl, AclDataSm& inst) {
+  // A deleted list's counts went with it.
+  if (acl.removed() || !root_->aclHelper()->aclCountersSupported() || !counted(acl, inst)) return;
+  std::optional<Zol::U32> next;
+  pollInstance(acl, inst, 0, SIZE_MAX, &next);
+}
+
 void AclCountersPoller::pollAcl(AclConfigSm& acl) {
   if (!root_->aclHelper()->aclCountersSupported()) return;
   for (auto const& [key, inst] : acl.dataSms()) {
@@ -89,14 +96,17 @@ size_t AclCountersPoller::pollInstance(AclConfigSm& acl, AclDataSm& inst, Zol::U
                                  : helper.aclRuleCountersSinceLastPoll(data, aclRule, id);
       ++polled;
       if (delta == 0) continue;
-      if (!hits) hits = root_->status()->ruleHitsIs(acl.name());
+      if (!hits) hits = root_->status()->ruleHitsIs(data.key().type())->aclIs(acl.name());
       hits->hitsIs(id, hits->hits(id) + delta);
     }
   };
+  // The rules the instance was created with: a newer configuration numbers them differently.
+  Zol::Ptr<Acl::AclConfig const> const rules = inst.installedRules();
+  if (!rules) return polled;
   if (data.key().type() == Acl::AclType::mac) {
-    poll(acl.rules()->macRuleBySequenceAll());
+    poll(rules->macRuleBySequenceAll());
   } else {
-    poll(acl.rules()->ipRuleBySequenceAll());
+    poll(rules->ipRuleBySequenceAll());
   }
   return polled;
 }

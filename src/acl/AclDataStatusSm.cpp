@@ -141,6 +141,19 @@ void AclSm::doErrdisable(Nepo::IntfId const& intf, bool errdisable) {
   }
 }
 
+void AclSm::releaseErrdisable(Nepo::IntfId const& intf, AclDataSm const* except) {
+  if (!aclCauseStatus_->intfStatusHas(intf)) return;
+  bool stillFailing = false;
+  forEachInstance([&](AclConfigSm const&, AclDataSm const& inst) {
+    stillFailing =
+        stillFailing ||
+        (&inst != except && inst.data()->activeIntfHas(intf) &&
+         inst.data()->aclDataState() == AclDataState::adFinalRuleStatusFailure &&
+         inst.data()->aclCreateStatus() != AclCreateError::aclCreateErrorInsufficientResource);
+  });
+  if (!stillFailing) doErrdisable(intf, false);
+}
+
 void AclSm::doRemoveAllErrdisables() {
   if (aclCauseStatus_->intfStatusSize() == 0) return;
   ZOL_TRACE(5, "Removing all errdisables");

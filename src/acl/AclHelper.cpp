@@ -51,6 +51,14 @@ bool AclHelper::macRuleExists(Vemo::AclData const&, Zol::U32) const {
   unimplemented("AclHelper::macRuleExists");
 }
 
+bool AclHelper::verifyDropAllRule(Vemo::AclData const&) const {
+  unimplemented("AclHelper::verifyDropAllRule");
+}
+
+bool AclHelper::verifyAclGeneral(Vemo::AclData const&, Nepo::IntfId const&) const {
+  unimplemented("AclHelper::verifyAclGeneral");
+}
+
 Zol::String AclHelper::intfLinecardName(Nepo::IntfId const&) const {
   unimplemented("AclHelper::intfLinecardName");
 }

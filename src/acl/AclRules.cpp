@@ -180,6 +180,8 @@ Err createIpAclRule(VemoHelper::AclHelper& helper, AclData& data, Acl::IpRuleCon
   }
   IpRuleCreator creator(helper, data, rule, aclRule, d);
   if (Err const e = creator.create(); e != Err::aclCreateErrorNone) return e;
+  // Verification looks for every one of them.
+  data.subruleCountIs(aclRule, creator.subrules());
   return checkIpFragRule(helper, data, rule, aclRule, creator.subrules(), d.l4Rule);
 }
 

@@ -36,6 +36,7 @@ AclSm::AclSm(Zol::Ptr<VemoCommonSmData> const& commonData,
       brConfig_(brConfig),
       subIntfStatusDir_(subIntfStatusDir),
       subIntfConfigDir_(subIntfConfigDir),
+      simulation_(std::getenv("SIMULATION_VMID") != nullptr),
       timer_([this] { handleTime(); }, clock),
       retryTimer_([this] { scheduleApply(); }, clock),
       poller_(std::make_unique<AclCountersPoller>(this)),
@@ -235,19 +236,13 @@ void AclSm::handlePhyIntf(Nepo::IntfId const& port) {
     touched.insert(*lag);
   }
   ZOL_TRACE(8, "AclSm::handlePhyIntf " << port << " lags " << touched.size());
+  // The port's own instance too: it filters the port again once no port-channel's does.
+  touched.insert(port);
   bool changed = false;
   for (auto const& [type, typeSm] : types_) {
     for (auto const d : {Acl::AclDirection::in, Acl::AclDirection::out}) {
-      AclDirectionTypeConfigSm* const dir = typeSm->directionSm(d);
-      for (Nepo::IntfId const& lag : touched) {
-        std::optional<AclKey> const key = dir->intfKey(lag);
-        if (!key) continue;
-        if (AclConfigSm* acl = typeSm->configSm(key->name())) {
-          if (AclDataSm* inst = acl->dataSm(*key)) {
-            inst->data()->needsPortUpdateIs(true);
-            changed = true;
-          }
-        }
+      for (Nepo::IntfId const& intf : touched) {
+        changed = typeSm->directionSm(d)->portOwnerChanged(intf) || changed;
       }
     }
   }
@@ -292,11 +287,12 @@ void AclSm::handleOperationalMode() {
   ZOL_TRACE(5, "AclSm::handleOperationalMode tapAggMode " << tapAgg);
   aclHelper_->tapAggModeIs(tapAgg);
   if (!initialized()) return;
-  // A simulation host runs the whole cycle at once rather than waiting for the updater.
-  if (std::getenv("SIMULATION_VMID") != nullptr) {
-    doApplyAcls(true);
+  forceRecreatePending_ = true;
+  // A simulation host runs the whole cycle at once rather than waiting for the updater; a cycle
+  // still waiting for the platform finishes first, and its end starts this one.
+  if (simulation_ && applyPhase_ == AclApplyPhase::aclApplyPhaseDone) {
+    doApplyAcls(std::exchange(forceRecreatePending_, false));
   } else {
-    forceRecreatePending_ = true;
     scheduleApply();
   }
 }

@@ -44,6 +44,9 @@ void AclSm::doApplyAclsPhase(AclApplyPhase phase) {
   switch (phase) {
     case AclApplyPhase::aclApplyPhaseUninstall: {
       if (!hasWork(*this)) return doApplyAclsPhase(AclApplyPhase::aclApplyPhaseUnblock);
+      // Blocks first: a port moving between instances is blocked before the one it leaves lets
+      // go of it.
+      forEachInstance([](AclConfigSm const&, AclDataSm& inst) { inst.doBlockTakeovers(); });
       std::vector<std::pair<AclConfigSm*, AclKey>> gone;
       for (auto const& [type, typeSm] : types_) {
         for (auto const& [name, acl] : typeSm->configSms()) {
@@ -231,7 +234,12 @@ AclIntfSm::AclIntfSm(AclSm* root, Nepo::IntfId const& intf)
   reactor_->notifiersIs(intf_, status_);
 }
 
-AclIntfSm::~AclIntfSm() = default;
+AclIntfSm::~AclIntfSm() {
+  // An SM that cleans up leaves no port blocked behind it.
+  if (!root_->disableCleanupOnRestart() && state() != AclIntfState::aclIntfUnblocked) {
+    root_->aclHelper()->blockIntf(intf(), false, AclData::aclNumberInvalid);
+  }
+}
 
 void AclIntfSm::wantToBlockIs(AclKey const& key, bool want) {
   if (want) {

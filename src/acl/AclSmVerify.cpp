@@ -37,8 +37,16 @@ void AclSm::handleVerify(Zol::String const& request) {
                                             static_cast<int>(type)));
       continue;
     }
-    verifyDirection(*typeSm->directionSm(Acl::AclDirection::in), report);
-    verifyDirection(*typeSm->directionSm(Acl::AclDirection::out), report);
+    for (auto const d : {Acl::AclDirection::in, Acl::AclDirection::out}) {
+      AclDirectionTypeConfigSm const* const dir = typeSm->directionSm(d);
+      if (!dir || dir->direction() != d) {
+        report.reportMismatch("AclSm",
+                              format("ACL Direction State machine doesn't recognize direction %d",
+                                     static_cast<int>(d)));
+        continue;
+      }
+      verifyDirection(*dir, report);
+    }
   }
   forEachInstance(
       [&](AclConfigSm const& acl, AclDataSm const& inst) { verifyInstance(acl, inst, report); });
@@ -53,8 +61,10 @@ void AclSm::handleVerify(Zol::String const& request) {
 
 void AclSm::verifyDirection(AclDirectionTypeConfigSm const& dir, VerifyData& report) const {
   AclTypeConfigSm const& typeSm = *dir.typeSm();
+  absl::btree_map<Zol::Name, absl::btree_set<AclKey>> portInstances;
   for (auto const& [intf, key] : dir.intfKeys()) {
     Zol::String const intfName = intf.stringValue();
+    if (!key.vlanId().isRacl()) portInstances[key.name()].insert(key);
     AclConfigSm const* const acl = typeSm.configSm(key.name());
     AclDataSm const* const inst = acl ? acl->dataSm(key) : nullptr;
     if (!inst) {
@@ -72,6 +82,81 @@ void AclSm::verifyDirection(AclDirectionTypeConfigSm const& dir, VerifyData& rep
                                    key.name().c_str(), intfName.c_str(), configured.c_str()));
     }
   }
+  // The ports of one ACL in one direction share one instance.
+  for (auto const& [name, keys] : portInstances) {
+    if (keys.size() > 1) {
+      report.reportMismatch("AclSm", format("Should be one aclData for ACL %s", name.c_str()));
+    }
+  }
+}
+
+void AclSm::verifyPorts(AclDataSm const& inst, VerifyData& report) const {
+  AclData const& data = *inst.data();
+  char const* const name = data.key().name().c_str();
+  VemoHelper::AclHelper const& helper = *aclHelper_;
+  absl::btree_set<Nepo::IntfId> const wanted = inst.wantedPorts();
+  for (Nepo::IntfId const& port : wanted) {
+    if (inst.status()->intfStateHas(port) && helper.verifyAclGeneral(data, port)) continue;
+    report.reportMismatch(
+        "AclSm", port.isVlan() ? format("ACL %s on VLAN %d is missing intf", name, port.number(0))
+                               : format("Intf %s belongs to ACL %s but the port is not active.",
+                                        port.stringValue().c_str(), name));
+  }
+  for (auto const& [port, bound] : inst.status()->intfStateAll()) {
+    if (wanted.contains(port)) continue;
+    report.reportMismatch(
+        "AclSm",
+        port.isVlan()
+            ? format("ACL %s on VLAN %d should not be active", name, port.number(0))
+            : format("Intf %s is active and belongs to ACL %s but the port should not be active.",
+                     port.stringValue().c_str(), name));
+  }
+  // A member's own ACL yields to its port-channel's: hardware must not filter it by both.
+  for (auto const& [intf, active] : data.activeIntfAll()) {
+    std::optional<Nepo::IntfId> const lag = lagOf(intf);
+    if (!lag || wanted.contains(intf) || !helper.verifyAclGeneral(data, intf)) continue;
+    report.reportMismatch("AclSm",
+                          format("ACL %s has data for LAG %s", name, lag->stringValue().c_str()));
+  }
+}
+
+void AclSm::verifyRules(AclDataSm const& inst, VerifyData& report) const {
+  AclData const& data = *inst.data();
+  char const* const name = data.key().name().c_str();
+  VemoHelper::AclHelper const& helper = *aclHelper_;
+  Zol::Ptr<Acl::AclConfig const> const rules = inst.installedRules();
+  if (!rules) return;
+  Zol::U32 aclRule = 0;
+  auto const missingRule = [&](Zol::U32 seq) {
+    report.reportMismatch("AclSm",
+                          format("ACL %s sequence %u rule %u doesn't exist", name, seq, aclRule));
+  };
+  if (data.key().type() == Acl::AclType::mac) {
+    for (auto const& [seq, rule] : rules->macRuleBySequenceAll()) {
+      if (!helper.macRuleExists(data, aclRule)) missingRule(seq);
+      ++aclRule;
+    }
+  } else {
+    AclIpRuleCreateData scratch;
+    for (auto const& [seq, rule] : rules->ipRuleBySequenceAll()) {
+      if (!data.subruleCountHas(aclRule)) {
+        // A rule no packet can match was given no entries.
+        if (createIpAclRuleData(rule.filter(), scratch, helper.aclEcnSupported(),
+                                helper.establishedSupported())) {
+          missingRule(seq);
+        }
+      }
+      Zol::U32 const subrules = data.subruleCountHas(aclRule) ? data.subruleCount(aclRule) : 0;
+      for (Zol::U32 sub = 0; sub < subrules; ++sub) {
+        if (helper.ipSubruleExists(data, aclRule, sub)) continue;
+        report.reportMismatch("AclSm", format("ACL %s sequence %u rule %u subrule %u doesn't exist",
+                                              name, seq, aclRule, sub));
+      }
+      ++aclRule;
+    }
+  }
+  // The final rule has no sequence of its own: it is reported as sequence 0.
+  if (!helper.verifyDropAllRule(data)) missingRule(0);
 }
 
 void AclSm::verifyInstance(AclConfigSm const& acl, AclDataSm const& inst,
@@ -92,47 +177,13 @@ void AclSm::verifyInstance(AclConfigSm const& acl, AclDataSm const& inst,
     return;
   }
   if (!inst.installed()) return;
-  absl::btree_set<Nepo::IntfId> const wanted = inst.wantedPorts();
-  for (Nepo::IntfId const& port : wanted) {
-    if (inst.status()->intfStateHas(port)) continue;
-    report.reportMismatch("AclSm", format("Intf %s belongs to ACL %s but the port is not active.",
-                                          port.stringValue().c_str(), name.c_str()));
-  }
-  for (auto const& [port, bound] : inst.status()->intfStateAll()) {
-    if (wanted.contains(port)) continue;
-    report.reportMismatch(
-        "AclSm",
-        format("Intf %s is active and belongs to ACL %s but the port should not be active.",
-               port.stringValue().c_str(), name.c_str()));
-  }
+  verifyPorts(inst, report);
   if (data.key().vlanId().isRacl() && data.key().vlanId() != AclVlanIdOrNone::sharing() &&
       data.activeIntfSize() > 1) {
     report.reportMismatch("AclSm", format("ACL %s on VLAN %d has multipleactive intfs.",
                                           name.c_str(), data.key().vlanId().value()));
   }
-  VemoHelper::AclHelper const& helper = *aclHelper_;
-  Zol::U32 aclRule = 0;
-  if (data.key().type() == Acl::AclType::mac) {
-    for (auto const& [seq, rule] : acl.rules()->macRuleBySequenceAll()) {
-      if (!helper.macRuleExists(data, aclRule)) {
-        report.reportMismatch("AclSm", format("ACL %s sequence %u rule %u doesn't exist",
-                                              name.c_str(), seq, aclRule));
-      }
-      ++aclRule;
-    }
-    return;
-  }
-  AclIpRuleCreateData scratch;
-  for (auto const& [seq, rule] : acl.rules()->ipRuleBySequenceAll()) {
-    // A rule no packet can match has no entries to look for.
-    bool const expected = createIpAclRuleData(rule.filter(), scratch, helper.aclEcnSupported(),
-                                              helper.establishedSupported());
-    if (expected && !helper.ipSubruleExists(data, aclRule, 0)) {
-      report.reportMismatch("AclSm", format("ACL %s sequence %u rule %u subrule %d doesn't exist",
-                                            name.c_str(), seq, aclRule, 0));
-    }
-    ++aclRule;
-  }
+  verifyRules(inst, report);
 }
 
 AclConfigSm* AclSm::findAclSmForIntf(Nepo::IntfId const& intf, Acl::AclDirection direction) const {

@@ -355,7 +355,7 @@ TEST(AclSm, CountersAddEachPollsHitsAndVerificationSeesMissingRules) {
   for (int i = 0; i < 3; ++i) w.action(tcp("Ethernet1", 80));
   w.action(tcp("Ethernet1", 22));
   w.loop.advanceBy(Vemo::AclCountersPoller::period);
-  auto const hits = w.status->ruleHits("web");
+  auto const hits = w.status->ruleHits(AclType::ip)->acl("web");
   ASSERT_TRUE(hits);
   EXPECT_EQ(hits->hits(Acl::UniqueId(7)), 3u);
   EXPECT_EQ(hits->hits(Acl::UniqueId(8)), 1u);
@@ -366,12 +366,203 @@ TEST(AclSm, CountersAddEachPollsHitsAndVerificationSeesMissingRules) {
   EXPECT_EQ(hits->hits(Acl::UniqueId(7)), 4u) << "only what came since the last poll is added";
   EXPECT_EQ(hits->hits(Acl::UniqueId(9)), 0u);
 
-  // Entries lost behind the SM's back are reported by rule.
+  // Entries lost behind the SM's back are reported by rule, the final rule too.
   Vemo::AclKey const key("web", AclType::ip, in, false, {}, "default");
   w.chip.aclDelete(w.status->aclStatus(key.text()).aclNumber());
   w.cd->verifyData()->requestVerify("lost");
   w.loop.runUntilIdle();
-  EXPECT_EQ(w.cd->verifyData()->mismatchesOf("lost"), 2u);
+  EXPECT_EQ(w.cd->verifyData()->mismatchesOf("lost"), 3u);
+}
+
+}  // namespace
+
+namespace {
+
+// A packet's fate while an ACL changes: blocked (dropped) or filtered by a list in hardware,
+// never passed by nothing.
+bool filtered(World& w, Packet const& p) {
+  sim::ClassifyResult const r = w.chip.classify(p);
+  return r.blocked || r.entry.has_value();
+}
+
+TEST(AclSm, NoPacketPassesUnfilteredWhileAListIsReplacedOrMoved) {
+  for (bool async : {false, true}) {
+    SCOPED_TRACE(async ? "async" : "inline");
+    World w(async);
+    w.ipRules("a", {tcpTo(AclAction::permit, 80, 1)});
+    w.ipRules("b", {tcpTo(AclAction::permit, 81, 2)});
+    w.attach("Ethernet1", "a");
+    w.settle();
+
+    // A busy chip refuses the new rules: the port stays blocked until they are in.
+    w.chip.faultIs(sim::Table::acl, sim::Status::busy, 1);
+    w.ipRules("a", {tcpTo(AclAction::permit, 82, 1)});
+    w.loop.runUntilIdle();
+    w.loop.advanceBy(0.5);
+    EXPECT_EQ(w.statusOf("a"), "Insufficient HW resources on unit0");
+    EXPECT_TRUE(w.chip.classify(tcp("Ethernet1", 82)).blocked);
+    EXPECT_FALSE(w.cause->intfStatusHas(intf("Ethernet1")));
+    w.loop.advanceBy(Vemo::AclSm::retryDelay + 1);
+    EXPECT_EQ(w.action(tcp("Ethernet1", 82)), AclAction::permit);
+    EXPECT_EQ(w.verifyMismatches(), 0u);
+
+    // Moving to another list: blocked from the first change until b is applied.
+    w.attach("Ethernet1", "b");
+    w.loop.runUntilIdle();
+    EXPECT_TRUE(filtered(w, tcp("Ethernet1", 81)));
+    w.settle();
+    EXPECT_EQ(w.action(tcp("Ethernet1", 81)), AclAction::permit);
+    EXPECT_EQ(w.action(tcp("Ethernet1", 82)), AclAction::deny);
+    EXPECT_FALSE(w.chip.classify(tcp("Ethernet1", 81)).blocked);
+    EXPECT_EQ(w.verifyMismatches(), 0u);
+
+    // The one exception, permit during update: traffic passes unfiltered instead of meeting a
+    // half-emptied list, and the status does not claim the list is in hardware meanwhile.
+    w.param->permitDuringAclUpdateIs(true);
+    w.ipRules("b", {tcpTo(AclAction::permit, 83, 2)});
+    w.loop.runUntilIdle();
+    if (async) {
+      sim::ClassifyResult const r = w.chip.classify(tcp("Ethernet1", 83));
+      EXPECT_EQ(r.action, AclAction::permit);
+      EXPECT_FALSE(r.blocked);
+      Vemo::AclKey const key("b", AclType::ip, in, false, {}, "default");
+      EXPECT_FALSE(w.status->aclStatus(key.text()).installed());
+    }
+    w.settle();
+    EXPECT_EQ(w.action(tcp("Ethernet1", 83)), AclAction::permit);
+    EXPECT_EQ(w.action(tcp("Ethernet1", 81)), AclAction::deny);
+    EXPECT_EQ(w.verifyMismatches(), 0u);
+  }
+}
+
+TEST(AclSm, APortChannelMemberIsFilteredByOneListAtATime) {
+  for (bool async : {false, true}) {
+    SCOPED_TRACE(async ? "async" : "inline");
+    World w(async);
+    w.ipRules("po", {tcpTo(AclAction::permit, 80, 1)});
+    w.ipRules("own", {tcpTo(AclAction::permit, 81, 2)});
+    w.lag->phyIntfIs(intf("Ethernet1"), intf("Port-Channel1"));
+    w.attach("Port-Channel1", "po");
+    w.attach("Ethernet1", "own");
+    w.settle();
+    EXPECT_EQ(w.action(tcp("Ethernet1", 80)), AclAction::permit) << "the port-channel's list";
+    EXPECT_EQ(w.action(tcp("Ethernet1", 81)), AclAction::deny);
+    EXPECT_EQ(w.verifyMismatches(), 0u);
+
+    // Its own list goes: the port-channel's still filters it.
+    w.detach("Ethernet1");
+    w.settle();
+    EXPECT_EQ(w.action(tcp("Ethernet1", 81)), AclAction::deny);
+    EXPECT_EQ(w.verifyMismatches(), 0u);
+
+    // It leaves the port-channel: its own list applies again, and back.
+    w.attach("Ethernet1", "own");
+    w.lag->phyIntfDel(intf("Ethernet1"));
+    w.loop.runUntilIdle();
+    EXPECT_TRUE(filtered(w, tcp("Ethernet1", 81)));
+    w.settle();
+    EXPECT_EQ(w.action(tcp("Ethernet1", 81)), AclAction::permit);
+    EXPECT_EQ(w.verifyMismatches(), 0u);
+    w.lag->phyIntfIs(intf("Ethernet1"), intf("Port-Channel1"));
+    w.settle();
+    EXPECT_EQ(w.action(tcp("Ethernet1", 80)), AclAction::permit);
+    EXPECT_EQ(w.verifyMismatches(), 0u);
+
+    // The port-channel's list goes: the member's own takes over.
+    w.detach("Port-Channel1");
+    w.settle();
+    EXPECT_EQ(w.action(tcp("Ethernet1", 81)), AclAction::permit);
+    EXPECT_EQ(w.action(tcp("Ethernet1", 80)), AclAction::deny);
+    EXPECT_EQ(w.verifyMismatches(), 0u);
+
+    // Verification sees a port the chip lost, and a member bound to its own list.
+    w.attach("Port-Channel1", "po");
+    w.settle();
+    Vemo::AclKey const own("own", AclType::ip, in, false, {}, "default");
+    w.chip.aclBind(intf("Ethernet1"), in, w.status->aclStatus(own.text()).aclNumber(), AclType::ip);
+    EXPECT_EQ(w.verifyMismatches(), 2u) << "has data for LAG; port not active";
+    w.chip.aclUnbind(intf("Ethernet1"), in, AclType::ip);
+    EXPECT_EQ(w.verifyMismatches(), 1u);
+  }
+}
+
+TEST(AclSm, HitsCountPerTypeAndListAndOutliveChangesButNotTheList) {
+  World w;
+  w.ipRules("web", {tcpTo(AclAction::permit, 80, 7)});
+  auto const mac = w.acl("web", AclType::mac);
+  mac->countersEnabledIs(true);
+  mac->macRuleBySequenceIs(10, anyMac(AclAction::permit, 7));
+  mac->currCfgIs(1);
+  w.attach("Ethernet1", "web");
+  w.attach("Ethernet1", "web", AclType::mac);
+  w.settle();
+  Packet l2;
+  l2.intf = intf("Ethernet1");
+  l2.direction = in;
+  l2.etherType = 0x88b5;
+  w.action(tcp("Ethernet1", 80));
+  w.action(tcp("Ethernet1", 80));
+  w.action(l2);
+  // Changed before the poll: the hits of the rules it replaces are read first.
+  w.ipRules("web", {tcpTo(AclAction::permit, 80, 7), anyIp(AclAction::deny, 8)});
+  w.loop.advanceBy(Vemo::AclCountersPoller::period + 1);
+  EXPECT_EQ(w.status->ruleHits(AclType::ip)->acl("web")->hits(Acl::UniqueId(7)), 2u);
+  EXPECT_EQ(w.status->ruleHits(AclType::mac)->acl("web")->hits(Acl::UniqueId(7)), 1u);
+
+  // A deleted list's hits go with it and do not come back with a new list of its name.
+  w.config->configIs(AclType::ip)->aclDel("web");
+  w.settle();
+  EXPECT_FALSE(w.status->ruleHits(AclType::ip));
+  w.ipRules("web", {tcpTo(AclAction::permit, 80, 7)});
+  w.loop.advanceBy(Vemo::AclCountersPoller::period + 1);
+  auto const hits = w.status->ruleHits(AclType::ip);
+  EXPECT_TRUE(!hits || !hits->acl("web") || hits->acl("web")->hits(Acl::UniqueId(7)) == 0u);
+}
+
+TEST(AclSm, ErrdisableGoesWithItsCauseButSurvivesARestart) {
+  for (int how : {0, 1, 2}) {
+    bool const restart = how == 2;
+    SCOPED_TRACE(how == 0 ? "type deleted" : how == 1 ? "destroyed" : "restart");
+    World w;
+    w.chip.capacityIs(sim::Table::acl, 1);
+    w.ipRules("big", {tcpTo(AclAction::permit, 80, 1), anyIp(AclAction::deny, 2)});
+    w.attach("Ethernet1", "big");
+    w.settle();
+    ASSERT_TRUE(w.cause->intfStatusHas(intf("Ethernet1")));
+    if (how != 0) {
+      w.sm->disableCleanupOnRestartIs(restart);
+      w.sm = nullptr;
+      EXPECT_EQ(w.cause->intfStatusHas(intf("Ethernet1")), restart);
+    } else {
+      w.config->configDel(AclType::ip);
+      w.settle();
+      EXPECT_FALSE(w.cause->intfStatusHas(intf("Ethernet1")));
+    }
+  }
+}
+
+TEST(AclSm, AnOperationalModeChangeMidCycleWaitsForTheCycleOnASimulationHost) {
+  ::setenv("SIMULATION_VMID", "1", 1);
+  World w(true);
+  ::unsetenv("SIMULATION_VMID");
+  w.ipRules("web", {tcpTo(AclAction::permit, 80, 1)});
+  w.attach("Ethernet1", "web");
+  w.settle();
+  w.ipRules("web", {tcpTo(AclAction::permit, 81, 1)});
+  w.loop.runUntilIdle();
+  ASSERT_NE(w.sm->applyPhase(), Vemo::AclApplyPhase::aclApplyPhaseDone);
+  w.helper->logDelAll();
+  w.cd->operationalModeIs(Vemo::HwOperationalMode::modeTapAgg);
+  w.loop.runUntilIdle();
+  w.settle();
+  w.settle();
+  EXPECT_EQ(w.sm->applyPhase(), Vemo::AclApplyPhase::aclApplyPhaseDone);
+  EXPECT_GE(std::count_if(w.helper->log().begin(), w.helper->log().end(),
+                          [](std::string const& l) { return l.starts_with("removeAcl"); }),
+            1)
+      << "the forced re-creation ran after the cycle";
+  EXPECT_EQ(w.action(tcp("Ethernet1", 81)), AclAction::permit);
+  EXPECT_EQ(w.verifyMismatches(), 0u);
 }
 
 }  // namespace

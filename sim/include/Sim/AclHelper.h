@@ -48,6 +48,9 @@ class AclHelper : public VemoHelper::AclHelper {
   bool ipSubruleExists(Vemo::AclData const& data, Zol::U32 aclRule,
                        Zol::U32 subRuleNum) const override;
   bool macRuleExists(Vemo::AclData const& data, Zol::U32 aclRule) const override;
+  // On every unit: the final deny, and the binding of the instance's type and direction.
+  bool verifyDropAllRule(Vemo::AclData const& data) const override;
+  bool verifyAclGeneral(Vemo::AclData const& data, Nepo::IntfId const& intf) const override;
   Zol::String intfLinecardName(Nepo::IntfId const& intf) const override;
 
   // Install. Entries are live from the moment they are written, so preparing only checks the
