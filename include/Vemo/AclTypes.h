@@ -71,6 +71,8 @@ struct AclRuleRanges {
 // field and an ECN rule becomes one subrule.
 struct AclIpRuleCreateData {
   static constexpr size_t maxTcpFlags = 2;
+  // The filter's flags (NS in bit 8 included), with the ACK or RST that established sessions
+  // add. The helper is given the low eight bits; it reads NS and the mask from the rule.
   std::array<Zol::U32, maxTcpFlags> tcpFlags{};
   // The filter's flag mask; 0 beside the flags value 255 when hardware matches established
   // sessions itself.

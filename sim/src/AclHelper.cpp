@@ -104,6 +104,23 @@ bool fieldIs(AclEntry& e, RangeField field, Nepo::ValueMask<uint16_t>& vm,
   return true;
 }
 
+// The nine flags of a subrule. tcpFlags has room for eight: the rule's own and the ACK or RST
+// that established sessions add. NS and the mask come from the rule; the added flags are
+// required set even where the rule's mask would have them clear.
+void tcpFlagsIs(AclEntry& e, Acl::IpFilter const& f, Zol::U8 tcpFlags, bool establishedSupported) {
+  uint16_t const own = f.tcpFlags().value();
+  uint16_t const mask = f.tcpFlagsMask().value();
+  // 255 on a rule with no flags of its own is the SM's request for established sessions, which
+  // only arrives when the hardware says it matches them.
+  if (tcpFlags == 255 && own == 0 && mask == 0 && establishedSupported && f.established() &&
+      f.protocol() == Acl::IpFilter::protocolTcp) {
+    e.tcpEstablished = true;
+    return;
+  }
+  auto const added = static_cast<uint16_t>(tcpFlags & ~own);
+  e.tcpFlags = masked<uint16_t>(own | added, own | mask | added);
+}
+
 // A bind the chip refuses: full names the lack of room, anything else a resource that was not
 // there this time.
 Err bindErrorOf(Status s) {
@@ -212,14 +229,7 @@ Err AclHelper::createIpAclSubrule(Acl::AclType aclType, Acl::IpRuleConfig const&
     e.fragment = FragmentMatch::notFragment;
   }
   e.ecn = masked(ecnData, ecnMask);
-  // 255 with no flags of the rule's own is the SM's request for established sessions, which
-  // only arrives when the hardware says it matches them.
-  if (tcpFlags == 255 && establishedSupported() && f.established()) {
-    e.tcpEstablished = true;
-  } else {
-    uint16_t const mask = f.tcpFlagsMask().value() != 0 ? f.tcpFlagsMask().value() : tcpFlags;
-    e.tcpFlags = masked<uint16_t>(tcpFlags, mask);
-  }
+  tcpFlagsIs(e, f, tcpFlags, establishedSupported());
   bool const valid =
       fieldIs(e, RangeField::srcPort, e.srcPort, f.srcPort(), srcL4Port, srcL4PortMask, srcPortLow,
               srcPortHigh) &&

@@ -62,13 +62,16 @@ AclEcnInfo createAclEcnInfo(Acl::EcnMatch selector, bool ecnSupported) {
 namespace {
 
 // Established sessions are those with ACK or RST set. Without hardware support, a rule is
-// created once with ACK and, unless its own flags hold RST, once more with RST.
-void addEstablishedFlags(Acl::TcpFlag flags, AclIpRuleCreateData& data, bool establishedSupported) {
+// created once with ACK and, unless its own flags hold RST, once more with RST. A rule whose mask
+// asks for flags clear has flags of its own too: the hardware's established match cannot carry
+// them, so it takes the ACK and RST entries like any other.
+void addEstablishedFlags(Acl::TcpFlag flags, Acl::TcpFlag mask, AclIpRuleCreateData& data,
+                         bool establishedSupported) {
   ZOL_TRACE(8, "\tEstablished: Yes");
   constexpr Zol::U32 ack = Acl::TcpFlag::ack;
   constexpr Zol::U32 rst = Acl::TcpFlag::rst;
   Zol::U32 const own = flags.value();
-  if (establishedSupported && own == 0) {
+  if (establishedSupported && own == 0 && mask.value() == 0) {
     data.tcpFlags[0] = 255;
     data.tcpFlagsMask = 0;
     ZOL_TRACE(8, "\t establishedSupported");
@@ -121,15 +124,16 @@ bool createIpAclRuleData(Acl::IpFilter const& filter, AclIpRuleCreateData& data,
   data.tcpFlagsMask = filter.tcpFlagsMask().value();
   data.tcpFlagsCount = 1;
   if (filter.protocol() == Acl::IpFilter::protocolTcp && filter.established()) {
-    addEstablishedFlags(filter.tcpFlags(), data, establishedSupported);
+    addEstablishedFlags(filter.tcpFlags(), filter.tcpFlagsMask(), data, establishedSupported);
   }
   if (!copyRanges(filter.srcPort(), data.srcPort) || !copyRanges(filter.dstPort(), data.dstPort) ||
       !copyRanges(filter.ipLen(), data.ipLen)) {
     return false;
   }
   if (data.srcPort.count == 0) {
-    data.l4Rule =
-        data.dstPort.count != 0 || filter.icmp() != Acl::IpFilter::icmpAny || data.tcpFlags[0] != 0;
+    // A mask alone ("!syn") matches on the flags as much as flags do.
+    data.l4Rule = data.dstPort.count != 0 || filter.icmp() != Acl::IpFilter::icmpAny ||
+                  data.tcpFlags[0] != 0 || data.tcpFlagsMask != 0;
   } else {
     data.l4Rule = true;
   }

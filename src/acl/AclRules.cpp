@@ -66,6 +66,7 @@ class IpRuleCreator {
   Err create() {
     for (auto const& [ecnValue, ecnMask] : d_.ecnInfo.ecnRulesAll()) {
       for (Zol::U8 f = 0; f < d_.tcpFlagsCount; ++f) {
+        // The helper's flags argument has eight bits; NS and the mask it takes from the rule.
         Zol::U8 const flags = static_cast<Zol::U8>(d_.tcpFlags[f]);
         for (size_t s = 0; s < d_.srcPort.count; ++s) {
           for (size_t t = 0; t < d_.dstPort.count; ++t) {

@@ -136,11 +136,12 @@ TEST(AclL4Masks, CoverExactlyTheRangeWithAlignedEntries) {
 }
 
 TEST(AclIpRuleData, EstablishedSessionsAddAckAndRstWithTheirAsymmetry) {
-  auto flagsFor = [](Zol::U16 own, bool nativeSupport) {
+  auto flagsFor = [](Zol::U16 own, bool nativeSupport, Zol::U16 mask = 0) {
     Acl::IpFilter f;
     f.protocolIs(Acl::IpFilter::protocolTcp);
     f.establishedIs(true);
     f.tcpFlagsIs(Acl::TcpFlag(own));
+    f.tcpFlagsMaskIs(Acl::TcpFlag(mask));
     AclIpRuleCreateData d;
     EXPECT_TRUE(createIpAclRuleData(f, d, true, nativeSupport));
     std::vector<Zol::U32> out(d.tcpFlags.begin(), d.tcpFlags.begin() + d.tcpFlagsCount);
@@ -159,6 +160,11 @@ TEST(AclIpRuleData, EstablishedSessionsAddAckAndRstWithTheirAsymmetry) {
   // Hardware that matches established sessions itself gets the marker value.
   EXPECT_EQ(flagsFor(0, true), (std::vector<Zol::U32>{255, 0}));
   EXPECT_EQ(flagsFor(syn, true), (std::vector<Zol::U32>{syn | ack, syn | rst, 0}));
+  // A mask alone is flags of the rule's own, which the marker would lose.
+  EXPECT_EQ(flagsFor(0, true, syn), (std::vector<Zol::U32>{ack, rst, syn}));
+  // NS stays in the entries.
+  constexpr Zol::U16 ns = Acl::TcpFlag::ns;
+  EXPECT_EQ(flagsFor(ns, true, ns | syn), (std::vector<Zol::U32>{ns | ack, ns | rst, ns | syn}));
 
   // Established only means something for TCP.
   Acl::IpFilter udp;
@@ -187,6 +193,13 @@ TEST(AclIpRuleData, L4RuleRangesAndEcn) {
   EXPECT_FALSE(d.srcPort.enabled);
   EXPECT_EQ(d.dstPort.count, 2);
   EXPECT_EQ(d.dstPort.range[1], MatchRange(23, 65535));
+
+  // Flags asked to be clear are an L4 match as much as flags asked to be set.
+  Acl::IpFilter notSyn;
+  notSyn.protocolIs(Acl::IpFilter::protocolTcp);
+  notSyn.tcpFlagsMaskIs(Acl::TcpFlag(Acl::TcpFlag::syn));
+  ASSERT_TRUE(createIpAclRuleData(notSyn, d, true, false));
+  EXPECT_TRUE(d.l4Rule);
 
   Acl::IpFilter icmp;
   icmp.icmpTypeIs(8);
