@@ -258,6 +258,59 @@ void parseExpect(rapidjson::Value const& s, Step& step, std::set<std::string>& a
   }
 }
 
+// {"fault": TABLE, "answer": "busy"|"full"|"failed"|"ok", "count": N} or
+// {"fault": TABLE, "capacity": N}
+void parseFault(rapidjson::Value const& s, Step& step, std::set<std::string>& allowed) {
+  auto requireString = [&](char const* member) {
+    auto it = s.FindMember(member);
+    if (it == s.MemberEnd() || !it->value.IsString() || it->value.GetStringLength() == 0) {
+      throw ScenarioError(step.label() + ": '" + member + "' must be a non-empty string");
+    }
+    return str(it->value);
+  };
+  step.table = requireString("fault");
+  allowed.insert({"answer", "count", "capacity"});
+  auto count = [&](char const* member) -> std::optional<uint64_t> {
+    auto it = s.FindMember(member);
+    if (it == s.MemberEnd()) return std::nullopt;
+    if (!it->value.IsUint64()) {
+      throw ScenarioError(step.label() + ": '" + member + "' must be a number >= 0, found " +
+                          Zol::jsonText(it->value));
+    }
+    return it->value.GetUint64();
+  };
+  step.capacity = count("capacity");
+  if (s.HasMember("answer")) {
+    if (step.capacity) {
+      throw ScenarioError(step.label() + ": a fault sets either 'answer' or 'capacity'");
+    }
+    step.answer = requireString("answer");
+    step.count = static_cast<uint32_t>(count("count").value_or(1));
+  } else if (!step.capacity) {
+    throw ScenarioError(step.label() + ": a fault needs 'answer' (with 'count') or 'capacity'");
+  } else if (s.HasMember("count")) {
+    throw ScenarioError(step.label() + ": 'count' goes with 'answer'");
+  }
+}
+
+// {"expectLog": KEY, "count": N}: N defaults to 1.
+void parseExpectLog(rapidjson::Value const& s, Step& step, std::set<std::string>& allowed) {
+  rapidjson::Value const& key = s["expectLog"];
+  if (!key.IsString() || key.GetStringLength() == 0) {
+    throw ScenarioError(step.label() + ": 'expectLog' must be a non-empty string");
+  }
+  step.text = str(key);
+  allowed.insert("count");
+  step.count = 1;
+  if (auto it = s.FindMember("count"); it != s.MemberEnd()) {
+    if (!it->value.IsUint()) {
+      throw ScenarioError(step.label() + ": 'count' must be a number >= 0, found " +
+                          Zol::jsonText(it->value));
+    }
+    step.count = it->value.GetUint();
+  }
+}
+
 // Reads one step object; every member must be one that the step's kind takes.
 Step parseStep(rapidjson::Value const& s, size_t number) {
   std::string const where = "step " + std::to_string(number);
@@ -322,20 +375,9 @@ Step parseStep(rapidjson::Value const& s, size_t number) {
       }
       step.text = str(s["comment"]);
       break;
-    case Step::Kind::expectLog: {
-      // {"expectLog": KEY, "count": N}: N defaults to 1.
-      step.text = requireString("expectLog");
-      allowed.insert("count");
-      step.count = 1;
-      if (auto it = s.FindMember("count"); it != s.MemberEnd()) {
-        if (!it->value.IsUint()) {
-          throw ScenarioError(step.label() + ": 'count' must be a number >= 0, found " +
-                              Zol::jsonText(it->value));
-        }
-        step.count = it->value.GetUint();
-      }
+    case Step::Kind::expectLog:
+      parseExpectLog(s, step, allowed);
       break;
-    }
     case Step::Kind::restart:
       step.text = requireString("restart");
       if (step.text != "hitless") {
@@ -355,34 +397,9 @@ Step parseStep(rapidjson::Value const& s, size_t number) {
     case Step::Kind::show:
       step.view = requireString("show");
       break;
-    case Step::Kind::fault: {
-      // {"fault": TABLE, "answer": "busy"|"full"|"failed"|"ok", "count": N} or
-      // {"fault": TABLE, "capacity": N}
-      step.table = requireString("fault");
-      allowed.insert({"answer", "count", "capacity"});
-      auto count = [&](char const* member) -> std::optional<uint64_t> {
-        auto it = s.FindMember(member);
-        if (it == s.MemberEnd()) return std::nullopt;
-        if (!it->value.IsUint64()) {
-          throw ScenarioError(step.label() + ": '" + member + "' must be a number >= 0, found " +
-                              Zol::jsonText(it->value));
-        }
-        return it->value.GetUint64();
-      };
-      step.capacity = count("capacity");
-      if (s.HasMember("answer")) {
-        if (step.capacity) {
-          throw ScenarioError(step.label() + ": a fault sets either 'answer' or 'capacity'");
-        }
-        step.answer = requireString("answer");
-        step.count = static_cast<uint32_t>(count("count").value_or(1));
-      } else if (!step.capacity) {
-        throw ScenarioError(step.label() + ": a fault needs 'answer' (with 'count') or 'capacity'");
-      } else if (s.HasMember("count")) {
-        throw ScenarioError(step.label() + ": 'count' goes with 'answer'");
-      }
+    case Step::Kind::fault:
+      parseFault(s, step, allowed);
       break;
-    }
     case Step::Kind::packet: {
       // {"packet": {...}, "expect": "permit"|"deny"|"blocked"|"errdisabled"}
       step.packet = parsePacket(s["packet"], step);
