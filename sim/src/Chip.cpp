@@ -268,7 +268,8 @@ bool Chip::validPath(std::vector<std::string> const& path, std::string* problem)
         std::string known;
         if (shape->IsObject()) {
           for (auto const& m : shape->GetObject()) {
-            known += (known.empty() ? "" : ", ") + std::string(m.name.GetString());
+            std::string const n = m.name.GetString();
+            known += (known.empty() ? "" : ", ") + (n == "*" ? "<key>" : n);
           }
         }
         *problem =
