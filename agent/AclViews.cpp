@@ -293,8 +293,9 @@ std::string showAccessLists(Acl::AclType type, Acl::Config const& config,
 std::string showHardwareAcl(sim::Chip const& chip, Acl::StatusDp const& status, bool json) {
   rapidjson::Document doc(rapidjson::kObjectType);
   auto& alloc = doc.GetAllocator();
-  rapidjson::Value hw =
-      chip.lookup({"acl"}, alloc).value_or(rapidjson::Value(rapidjson::kObjectType));
+  // The tables as the chip dumps them, without the counters that scenarios read beside them.
+  rapidjson::Value dump = chip.toJson(alloc);
+  rapidjson::Value hw = std::move(dump["acl"]);
   std::vector<std::string> refused;
   for (std::string const& e : chip.errors()) {
     if (e.rfind("acl ", 0) == 0 || e.rfind("rangeChecker ", 0) == 0) refused.push_back(e);

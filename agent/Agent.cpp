@@ -5,6 +5,7 @@
 #include <rapidjson/prettywriter.h>
 #include <rapidjson/stringbuffer.h>
 
+#include <algorithm>
 #include <sstream>
 
 namespace vemo::agent {
@@ -136,7 +137,8 @@ void Agent::mount(std::string const& path, Zol::Entity* e) {
   mounts_[path] = Zol::Ptr<Zol::Entity>(e);
 }
 
-Agent::Target Agent::resolve(std::string const& path, bool live, std::string const& where) const {
+Agent::Target Agent::resolve(std::string const& path, bool live, std::string const& where,
+                             bool missingOk) const {
   // The longest mount that prefixes the path, then attribute/key segments below it.
   std::string mountPath;
   for (auto const& [p, e] : mounts_) {
@@ -169,9 +171,11 @@ Agent::Target Agent::resolve(std::string const& path, bool live, std::string con
       });
     }
     t.type = a->childType();
-    if (live) {
+    if (live && t.entity) {
       t.entity = a->child(*t.entity, key);
-      if (!t.entity) throw ScenarioError(where + ": path '" + path + "' does not exist (yet)");
+      if (!t.entity && !missingOk) {
+        throw ScenarioError(where + ": path '" + path + "' does not exist (yet)");
+      }
     }
   }
   return t;
@@ -180,7 +184,10 @@ Agent::Target Agent::resolve(std::string const& path, bool live, std::string con
 void Agent::validateStep(Step const& s) const {
   using Kind = Zol::AttrDesc::Kind;
   std::string const where = s.label();
-  if (s.kind == Step::Kind::advance) return;
+  if (s.kind == Step::Kind::advance || s.kind == Step::Kind::comment ||
+      s.kind == Step::Kind::expectLog || s.kind == Step::Kind::restart) {
+    return;
+  }
   if (s.kind == Step::Kind::packet) {
     // Packets go through ports: a port-channel's or VLAN's traffic arrives on member ports.
     sim::Chip const& chip = platform_->chip();
@@ -201,10 +208,7 @@ void Agent::validateStep(Step const& s) const {
     return;
   }
   if (isHardwarePath(s.path)) {
-    // The chip's tables are read by path at run time; only expectations reach them.
-    if (s.kind != Step::Kind::expect) {
-      throw ScenarioError(where + ": the chip is read-only to scenarios; use 'fault' steps");
-    }
+    validateHardware(s);
     return;
   }
   if (s.kind == Step::Kind::show) {
@@ -216,6 +220,10 @@ void Agent::validateStep(Step const& s) const {
     return;
   }
   Target const t = resolve(s.path, false, where);
+  if (s.kind == Step::Kind::expect) {
+    validateExpect(s, t);
+    return;
+  }
   Zol::AttrDesc const* a = t.type->attr(s.attr);
   if (!a) throw ScenarioError(where + ": " + t.type->name + " has no attribute '" + s.attr + "'");
   bool const keyed = a->kind == Kind::collection || a->kind == Kind::childCollection;
@@ -246,25 +254,6 @@ void Agent::validateStep(Step const& s) const {
     case Step::Kind::del:
       if (!a->del) throw ScenarioError(where + ": '" + s.attr + "' has no entries to delete");
       return;
-    case Step::Kind::expect:
-      if (!a->get) throw ScenarioError(where + ": '" + s.attr + "' cannot be compared");
-      if (s.value->IsNull()) return;
-      if (a->kind == Kind::collection && !s.key) {
-        if (!s.value->IsObject()) {
-          throw ScenarioError(where + ": a whole collection is expected as an object");
-        }
-        for (auto const& m : s.value->GetObject()) {
-          checked(where + ": key '" + std::string(m.name.GetString()) + "'", [&] {
-            a->checkKey(m.name);
-            return a->normalize(m.value, scratch.GetAllocator());
-          });
-        }
-        return;
-      }
-      if (a->normalize) {
-        checked(where + ": value", [&] { return a->normalize(*s.value, scratch.GetAllocator()); });
-      }
-      return;
     default:
       return;
   }
@@ -291,10 +280,20 @@ bool Agent::applyStep(Step const& s, std::ostream& out, std::ostream& err) {
       return true;
     case Step::Kind::packet:
       return applyPacket(s, out, err);
+    case Step::Kind::comment:
+      if (!json_) out << "\n! " << s.text << "\n";
+      return true;
+    case Step::Kind::expectLog:
+      return expectLog(s, err);
+    case Step::Kind::restart:
+      if (!json_) out << "\n! agent restart, " << s.text << "\n";
+      restartHitless();
+      return true;
+    case Step::Kind::expect:
+      return isHardwarePath(s.path) ? expectHardware(s, err) : expectEntity(s, err);
     default:
       break;
   }
-  if (isHardwarePath(s.path)) return expectHardware(s, err);
   Target const t = resolve(s.path, true, where);
   Zol::AttrDesc const* a = t.type->attr(s.attr);
   if (s.kind == Step::Kind::set) {
@@ -308,35 +307,11 @@ bool Agent::applyStep(Step const& s, std::ostream& out, std::ostream& err) {
     });
     return true;
   }
-  if (s.kind == Step::Kind::del) {
-    checked(where, [&] {
-      a->del(*t.entity, *s.key);
-      return 0;
-    });
-    return true;
-  }
-  // expect: compare the normalized JSON forms of both sides.
-  rapidjson::Document doc;
-  auto& alloc = doc.GetAllocator();
-  rapidjson::Value actual = a->get(*t.entity, s.key, alloc);
-  rapidjson::Value expected;
-  if (s.value->IsNull()) {
-    expected.SetNull();
-  } else if (a->kind == Kind::collection && !s.key) {
-    expected.SetObject();
-    for (auto const& m : s.value->GetObject()) {
-      rapidjson::Value k(m.name, alloc);
-      expected.AddMember(k, a->normalize(m.value, alloc), alloc);
-    }
-  } else if (a->normalize) {
-    expected = a->normalize(*s.value, alloc);
-  } else {
-    expected.CopyFrom(*s.value, alloc);
-  }
-  if (actual == expected) return true;
-  err << where << ": expected " << Zol::jsonText(expected) << ", found " << Zol::jsonText(actual)
-      << "\n";
-  return false;
+  checked(where, [&] {
+    a->del(*t.entity, *s.key);
+    return 0;
+  });
+  return true;
 }
 
 void Agent::applyFault(Step const& s) {
@@ -390,17 +365,204 @@ bool Agent::applyPacket(Step const& s, std::ostream& out, std::ostream& err) {
   return held;
 }
 
+void Agent::restartHitless() {
+  for (auto const& [path, entity] : platform_->mounts()) mounts_.erase(path);
+  // The common data is the process's: the new one starts empty, as after a real restart.
+  commonData_ = Vemo::vemoCommonSmDataFactory("vemo");
+  mount("vemo/common", commonData_.ptr());
+  platform_->restartHitless(commonData_);
+  for (auto const& [path, entity] : platform_->mounts()) mounts_[path] = entity;
+}
+
+void Agent::validateHardware(Step const& s) const {
+  std::string const where = s.label();
+  // The chip's tables are read by path at run time; only expectations reach them.
+  if (s.kind != Step::Kind::expect) {
+    throw ScenarioError(where + ": the chip is read-only to scenarios; use 'fault' steps");
+  }
+  std::vector<std::string> path = split(s.path);
+  path.erase(path.begin());
+  if (!s.attr.empty()) path.push_back(s.attr);
+  if (s.key) path.push_back(s.key->IsString() ? s.key->GetString() : Zol::jsonText(*s.key));
+  std::string problem;
+  if (!platform_->chip().validPath(path, &problem)) {
+    throw ScenarioError(where + ": " + problem + " (see vemo-agent --paths)");
+  }
+  if (s.fields) {
+    for (auto const& m : s.fields->GetObject()) {
+      path.push_back(m.name.GetString());
+      if (!platform_->chip().validPath(path, &problem)) throw ScenarioError(where + ": " + problem);
+      path.pop_back();
+    }
+  }
+}
+
+void Agent::validateExpect(Step const& s, Target const& t) const {
+  using Kind = Zol::AttrDesc::Kind;
+  std::string const where = s.label();
+  // "present" alone is about the entity.
+  if (s.attr.empty()) return;
+  Zol::AttrDesc const* a = t.type->attr(s.attr);
+  if (!a) throw ScenarioError(where + ": " + t.type->name + " has no attribute '" + s.attr + "'");
+  bool const collection = a->kind == Kind::collection;
+  if (s.key && !collection) throw ScenarioError(where + ": '" + s.attr + "' is not a collection");
+  if (!a->get) throw ScenarioError(where + ": '" + s.attr + "' cannot be compared");
+  rapidjson::Document scratch;
+  if (s.key) {
+    checked(where + ": key", [&] {
+      a->checkKey(*s.key);
+      return 0;
+    });
+  }
+  if (s.fields) {
+    if (collection && !s.key) {
+      throw ScenarioError(where + ": 'fields' compares one entry; give its 'key'");
+    }
+    expectedFields(*a, s, scratch.GetAllocator());
+    return;
+  }
+  if (!s.value || s.value->IsNull()) return;
+  if (collection && !s.key) {
+    if (!s.value->IsObject()) {
+      throw ScenarioError(where + ": a whole collection is expected as an object");
+    }
+    for (auto const& m : s.value->GetObject()) {
+      checked(where + ": key '" + std::string(m.name.GetString()) + "'", [&] {
+        a->checkKey(m.name);
+        return a->normalize(m.value, scratch.GetAllocator());
+      });
+    }
+    return;
+  }
+  if (a->normalize) {
+    checked(where + ": value", [&] { return a->normalize(*s.value, scratch.GetAllocator()); });
+  }
+}
+
+rapidjson::Value Agent::expectedFields(Zol::AttrDesc const& a, Step const& s,
+                                       rapidjson::Document::AllocatorType& alloc) {
+  // The named fields are read as the value type reads them, the others left at their defaults;
+  // only the named ones are kept.
+  std::string const where = s.label() + ": fields";
+  rapidjson::Value const whole = checked(where, [&] { return a.normalize(*s.fields, alloc); });
+  if (!whole.IsObject()) {
+    throw ScenarioError(s.label() + ": '" + s.attr + "' is not a value with fields");
+  }
+  rapidjson::Value picked(rapidjson::kObjectType);
+  for (auto const& m : s.fields->GetObject()) {
+    auto const it = whole.FindMember(m.name);
+    if (it == whole.MemberEnd()) {
+      throw ScenarioError(where + ": '" + s.attr + "' has no field '" + m.name.GetString() + "'");
+    }
+    picked.AddMember(rapidjson::Value(m.name, alloc), rapidjson::Value(it->value, alloc), alloc);
+  }
+  return picked;
+}
+
+namespace {
+
+// Compares what was found with the step's value, fields or presence; says what differed.
+bool judge(Step const& s, rapidjson::Value const& actual, rapidjson::Value const* expected,
+           std::ostream& err) {
+  if (s.present) {
+    bool const there = !actual.IsNull();
+    if (there == *s.present) return true;
+    err << s.label() << ": expected " << (*s.present ? "present" : "absent") << ", found "
+        << (there ? Zol::jsonText(actual) : "absent") << "\n";
+    return false;
+  }
+  if (s.fields) {
+    bool held = actual.IsObject();
+    for (auto const& m : expected->GetObject()) {
+      if (!held) break;
+      auto const it = actual.FindMember(m.name);
+      held = it != actual.MemberEnd() && it->value == m.value;
+    }
+    if (held) return true;
+    err << s.label() << ": expected fields " << Zol::jsonText(*expected) << ", found "
+        << Zol::jsonText(actual) << "\n";
+    return false;
+  }
+  if (actual == *expected) return true;
+  err << s.label() << ": expected " << Zol::jsonText(*expected) << ", found "
+      << Zol::jsonText(actual) << "\n";
+  return false;
+}
+
+}  // namespace
+
+bool Agent::expectEntity(Step const& s, std::ostream& err) const {
+  using Kind = Zol::AttrDesc::Kind;
+  Target const t = resolve(s.path, true, s.label(), true);
+  rapidjson::Document doc;
+  auto& alloc = doc.GetAllocator();
+  if (s.attr.empty()) {
+    rapidjson::Value const there = t.entity ? rapidjson::Value(true) : rapidjson::Value();
+    return judge(s, there, nullptr, err);
+  }
+  Zol::AttrDesc const* a = t.type->attr(s.attr);
+  // An entity that does not exist has no values.
+  rapidjson::Value const actual = t.entity ? a->get(*t.entity, s.key, alloc) : rapidjson::Value();
+  rapidjson::Value expected;
+  if (s.fields) {
+    expected = expectedFields(*a, s, alloc);
+  } else if (!s.value || s.value->IsNull()) {
+    expected.SetNull();
+  } else if (a->kind == Kind::collection && !s.key) {
+    expected.SetObject();
+    for (auto const& m : s.value->GetObject()) {
+      rapidjson::Value k(m.name, alloc);
+      expected.AddMember(k, a->normalize(m.value, alloc), alloc);
+    }
+  } else if (a->normalize) {
+    expected = a->normalize(*s.value, alloc);
+  } else {
+    expected.CopyFrom(*s.value, alloc);
+  }
+  return judge(s, actual, &expected, err);
+}
+
 bool Agent::expectHardware(Step const& s, std::ostream& err) const {
   std::vector<std::string> path = split(s.path);
   path.erase(path.begin());
-  path.push_back(s.attr);
+  if (!s.attr.empty()) path.push_back(s.attr);
   if (s.key) path.push_back(s.key->IsString() ? s.key->GetString() : Zol::jsonText(*s.key));
   rapidjson::Document doc;
   std::optional<rapidjson::Value> actual = platform_->chip().lookup(path, doc.GetAllocator());
   if (!actual) actual.emplace();
-  if (*actual == *s.value) return true;
-  err << s.label() << ": expected " << Zol::jsonText(*s.value) << ", found "
-      << Zol::jsonText(*actual) << "\n";
+  return judge(s, *actual, s.fields ? s.fields : s.value, err);
+}
+
+std::string syslogLine(Zol::SyslogRecord const& r) {
+  std::string const facility = r.key.substr(0, r.key.find('_'));
+  return "%" + facility + "-" + std::to_string(r.severity) + "-" + r.key + ": " + r.text;
+}
+
+void Agent::printLog(std::ostream& out) {
+  auto const& records = log_.records();
+  for (; logPrinted_ < records.size(); ++logPrinted_) {
+    std::string const line = syslogLine(records[logPrinted_]);
+    if (json_) {
+      rapidjson::Document doc(rapidjson::kObjectType);
+      doc.AddMember("syslog", Zol::toJson(line, doc.GetAllocator()), doc.GetAllocator());
+      out << prettyJson(doc);
+    } else {
+      out << line << "\n";
+    }
+  }
+}
+
+bool Agent::expectLog(Step const& s, std::ostream& err) {
+  // Counted since the last expectLog of the key, or since the scenario started.
+  auto const& records = log_.records();
+  size_t& from = logCounted_[s.text];
+  size_t const seen = static_cast<size_t>(
+      std::count_if(records.begin() + static_cast<std::ptrdiff_t>(std::min(from, records.size())),
+                    records.end(), [&](Zol::SyslogRecord const& r) { return r.key == s.text; }));
+  from = records.size();
+  if (seen == s.count) return true;
+  err << s.label() << ": expected " << s.count << " message" << (s.count == 1 ? "" : "s")
+      << ", found " << seen << "\n";
   return false;
 }
 
@@ -413,6 +575,7 @@ int Agent::run(Scenario const& sc, std::ostream& out, std::ostream& err) {
     return 2;
   }
   loop_.runUntilIdle();
+  printLog(out);
   for (Step const& s : sc.steps()) {
     try {
       if (!applyStep(s, out, err)) return 1;
@@ -421,6 +584,7 @@ int Agent::run(Scenario const& sc, std::ostream& out, std::ostream& err) {
       return 1;
     }
     loop_.runUntilIdle();
+    printLog(out);
   }
   return 0;
 }
@@ -445,6 +609,32 @@ std::vector<std::string> Agent::paths() const {
   // Children come in attribute order and a mount may sit inside another's subtree.
   std::sort(out.begin(), out.end());
   out.erase(std::unique(out.begin(), out.end()), out.end());
+  return out;
+}
+
+std::vector<std::string> Agent::pathListing() const {
+  using Kind = Zol::AttrDesc::Kind;
+  std::vector<std::string> out;
+  for (std::string const& path : paths()) {
+    out.push_back(path);
+    // The entity's type, from the mount or the parent's attribute it hangs from.
+    Zol::EntityType const* type = resolve(path, false, "--paths").type;
+    for (Zol::AttrDesc const* a : type->allAttrs()) {
+      if (a->kind == Kind::child) continue;
+      std::string line = path + " " + a->name;
+      if (a->kind == Kind::collection || a->kind == Kind::childCollection) {
+        line += "[" + std::string(a->keyType ? a->keyType : "") + "]";
+      }
+      line += a->kind == Kind::childCollection ? ": child " : ": ";
+      out.push_back(line + (a->valueType ? a->valueType : ""));
+    }
+  }
+  for (std::string const& t : sim::Chip::pathTemplates()) {
+    size_t const slash = t.rfind('/');
+    out.push_back(slash == std::string::npos
+                      ? "hw " + t
+                      : "hw/" + t.substr(0, slash) + " " + t.substr(slash + 1));
+  }
   return out;
 }
 

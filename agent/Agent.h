@@ -15,6 +15,7 @@
 #include "Vemo/VemoCommon.h"
 #include "Zol/Activity.h"
 #include "Zol/Binding.h"
+#include "Zol/Syslog.h"
 
 namespace vemo::agent {
 
@@ -32,6 +33,9 @@ class Agent {
 
   // Every entity path of the tree, in order.
   std::vector<std::string> paths() const;
+  // What --paths prints: each entity path followed by its attributes ("vemo/common
+  // intf[Nepo::IntfId]: bool"), then what hw/ paths read ("hw/lag/<key> hwId").
+  std::vector<std::string> pathListing() const;
   std::vector<std::string> viewNames() const;
   // Throws ScenarioError for an unknown view.
   std::string view(std::string const& name) const;
@@ -48,8 +52,23 @@ class Agent {
     Zol::Entity* entity = nullptr;
     Zol::EntityType const* type = nullptr;
   };
-  // Walks a path through mounts and child entities; at type level when `live` is false.
-  Target resolve(std::string const& path, bool live, std::string const& where) const;
+  // Walks a path through mounts and child entities; at type level when `live` is false. Live, a
+  // missing entity throws unless missingOk, when the target's entity is null.
+  Target resolve(std::string const& path, bool live, std::string const& where,
+                 bool missingOk = false) const;
+  void validateExpect(Step const& s, Target const& t) const;
+  // The step's fields read as the attribute's value type reads them; throws ScenarioError for
+  // fields the type does not have.
+  static rapidjson::Value expectedFields(Zol::AttrDesc const& a, Step const& s,
+                                         rapidjson::Document::AllocatorType& alloc);
+  void validateHardware(Step const& s) const;
+  // An expect step on an entity; an entity that does not exist reads as absent.
+  bool expectEntity(Step const& s, std::ostream& err) const;
+  // Whether the key was raised count times since its last expectLog (or the start).
+  bool expectLog(Step const& s, std::ostream& err);
+  // Prints the syslog messages raised since the last call, as the switch logs them.
+  void printLog(std::ostream& out);
+  void restartHitless();
   void validateStep(Step const& s) const;
   // Returns false when an expectation failed.
   bool applyStep(Step const& s, std::ostream& out, std::ostream& err);
@@ -61,6 +80,11 @@ class Agent {
   void mount(std::string const& path, Zol::Entity* e);
 
   bool json_;
+  // Before the platform, whose SMs log while they go.
+  Zol::Syslog::Capture log_;
+  size_t logPrinted_ = 0;
+  // Per key, where the last expectLog of it stopped counting.
+  std::map<std::string, size_t> logCounted_;
   Zol::ActivityLoop loop_{Zol::ActivityLoop::TimeMode::simulated};
   Zol::Ptr<Vemo::VemoCommonSmData> commonData_;
   std::map<std::string, Zol::Ptr<Zol::Entity>> mounts_;
@@ -70,6 +94,10 @@ class Agent {
 
 // Renders a JSON object as indented "name: value" lines, collections one entry a line.
 std::string jsonAsText(rapidjson::Value const& v, int indent = 0);
+
+// A syslog message as the switch logs it: "%ACL-3-ACL_HW_RESOURCE_FULL: Hardware ...", the
+// facility being the key up to its first underscore and the number the severity.
+std::string syslogLine(Zol::SyslogRecord const& r);
 
 // The scenario run when none is given.
 extern char const* const kDefaultScenario;

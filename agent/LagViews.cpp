@@ -72,7 +72,8 @@ std::string showHardwarePortChannel(sim::Chip const& chip, bool json) {
     doc.AddMember("lacpEnabled", chip.lacpEnabled(), alloc);
     doc.AddMember("entries", static_cast<uint64_t>(chip.size(sim::Table::lag)), alloc);
     doc.AddMember("capacity", static_cast<uint64_t>(chip.capacity(sim::Table::lag)), alloc);
-    rapidjson::Value lags = chip.lookup({"lag"}, alloc).value_or(rapidjson::Value());
+    rapidjson::Value dump = chip.toJson(alloc);
+    rapidjson::Value lags = std::move(dump["lag"]);
     doc.AddMember("lag", lags, alloc);
     rapidjson::Value errors(rapidjson::kArrayType);
     for (std::string const& e : chip.errors()) {

@@ -62,9 +62,10 @@ PlatformConfig PlatformConfig::parse(rapidjson::Value const& platform) {
 
 Platform::Platform(PlatformConfig const& config, Zol::Ptr<Vemo::VemoCommonSmData> const& commonData,
                    Zol::ActivityLoop& loop)
-    : chip_(config.chip),
+    : config_(config),
+      loop_(loop),
+      chip_(config.chip),
       lagStatusDir_(Zol::make<Interface::EthLagIntfStatusDir>("ethLagIntfStatusDir")),
-      lagDeviceNameDir_(Zol::make<Lag::Input::IntfDeviceNameDir>("intfDeviceNameDir")),
       mlagStatus_(Zol::make<Mlag::Status>("mlagStatus")),
       vxlanConfig_(Zol::make<Vxlan::VxlanConfigDir>("vxlanConfigDir")),
       remoteMacInfo_(Zol::make<Vemo::VXLAN::RemoteMacInfoDir>("remoteMacInfoDir")),
@@ -75,15 +76,20 @@ Platform::Platform(PlatformConfig const& config, Zol::Ptr<Vemo::VemoCommonSmData
       aclIntfConfigDir_(Zol::make<Acl::IntfConfigDir>("aclIntfConfigDir")),
       aclIntfConfigCli_(Zol::make<Acl::IntfConfig>("aclIntfConfigCli")),
       aclHwConfigDir_(Zol::make<Acl::HwConfigDir>("aclHwConfigDir")),
-      aclStatus_(Zol::make<Acl::StatusDp>("aclStatus")),
-      aclCauseStatus_(Zol::make<Errdisable::CauseStatus>("aclCauseStatus", "acl")),
       lagInputConfig_(Zol::make<Lag::Input::Config>("lagInputConfig")),
       brConfig_(Zol::make<Bridging::Config>("bridgingConfig")),
       subIntfStatusDir_(Zol::make<Interface::SubIntfStatusDir>("subIntfStatusDir")),
       subIntfConfigDir_(Zol::make<Interface::SubIntfConfigDir>("subIntfConfigDir")) {
   for (auto const& [table, capacity] : config.capacity) chip_.capacityIs(table, capacity);
+  start(commonData);
+}
+
+void Platform::start(Zol::Ptr<Vemo::VemoCommonSmData> const& commonData) {
+  lagDeviceNameDir_ = Zol::make<Lag::Input::IntfDeviceNameDir>("intfDeviceNameDir");
+  aclStatus_ = Zol::make<Acl::StatusDp>("aclStatus");
+  aclCauseStatus_ = Zol::make<Errdisable::CauseStatus>("aclCauseStatus", "acl");
   lagHelper_ = Zol::make<sim::LagHelper>("lagHelper", chip_, commonData);
-  lagHelper_->managedCheckOverrideIs(config.managedByChip);
+  lagHelper_->managedCheckOverrideIs(config_.managedByChip);
   lagSm_ = Vemo::lagSmFactory(commonData, lagStatusDir_, lagDeviceNameDir_, lagHelper_);
   lagSm_->lagMounterIs(Zol::make<AgentLagMounter>("lagMounter", mlagStatus_));
   lagSm_->initializedIs(true);
@@ -105,22 +111,34 @@ Platform::Platform(PlatformConfig const& config, Zol::Ptr<Vemo::VemoCommonSmData
   aclHelper_->aclIpLenMatchSupportedIs(true);
   aclHelper_->establishedSupportedIs(false);
   aclHelper_->installImplicitIcmp6RulesIs(true);
-  aclHelper_->asyncAclConfigIs(config.aclAsync);
+  aclHelper_->asyncAclConfigIs(config_.aclAsync);
   aclSm_ =
       Vemo::aclSmFactory(commonData, aclConfig_, aclParam_, aclIntfConfigDir_, aclIntfConfigCli_,
                          aclHwConfigDir_, aclStatus_, aclCauseStatus_, lagInputConfig_, aclHelper_,
-                         loop, brConfig_, subIntfStatusDir_, subIntfConfigDir_);
+                         loop_, brConfig_, subIntfStatusDir_, subIntfConfigDir_);
   aclSm_->initializedIs(true);
 }
 
-// The SMs go before the chip their helpers program.
-Platform::~Platform() {
+// The SMs go before the helpers that program for them. Without clean-up only the port-channel
+// SM can be told to leave hardware alone; the ACL SM takes its instances out as it goes.
+void Platform::stop(bool cleanup) {
+  if (!cleanup) lagSm_->disableCleanupOnRestartIs(true);
   aclSm_ = nullptr;
   aclHelper_ = nullptr;
   vxlanFrontEnd_.reset();
   tunnelGroupManager_ = nullptr;
   lagSm_ = nullptr;
   lagHelper_ = nullptr;
+  lagDeviceNameDir_ = nullptr;
+  aclStatus_ = nullptr;
+  aclCauseStatus_ = nullptr;
+}
+
+Platform::~Platform() { stop(true); }
+
+void Platform::restartHitless(Zol::Ptr<Vemo::VemoCommonSmData> const& commonData) {
+  stop(false);
+  start(commonData);
 }
 
 std::map<std::string, Zol::Ptr<Zol::Entity>> Platform::mounts() const {

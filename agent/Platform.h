@@ -35,11 +35,21 @@ struct PlatformConfig {
   static PlatformConfig parse(rapidjson::Value const& platform);
 };
 
+// Two lifetimes: the chip and the inputs other agents publish last as long as the platform; the
+// SMs, their helpers and the entities the library publishes belong to the agent process, and a
+// restart builds them again.
 class Platform {
  public:
   Platform(PlatformConfig const& config, Zol::Ptr<Vemo::VemoCommonSmData> const& commonData,
            Zol::ActivityLoop& loop);
+  // The SMs undo what they programmed.
   ~Platform();
+
+  // What a restart of the agent process with clean-up disabled does: every SM and helper goes
+  // without undoing hardware where the SM can be told to (the port-channel SM; the ACL SM still
+  // removes its instances as it goes), the library's own entities go with them, and all is built
+  // again over the same inputs, the chip and the new process's common data.
+  void restartHitless(Zol::Ptr<Vemo::VemoCommonSmData> const& commonData);
 
   sim::Chip& chip() { return chip_; }
   sim::Chip const& chip() const { return chip_; }
@@ -67,6 +77,12 @@ class Platform {
   Zol::Ptr<Lag::Input::Config> const& lagInputConfig() const { return lagInputConfig_; }
 
  private:
+  // The process's part: built by start, taken down by stop.
+  void start(Zol::Ptr<Vemo::VemoCommonSmData> const& commonData);
+  void stop(bool cleanup);
+
+  PlatformConfig config_;
+  Zol::ActivityLoop& loop_;
   sim::Chip chip_;
   Zol::Ptr<Interface::EthLagIntfStatusDir> lagStatusDir_;
   Zol::Ptr<Lag::Input::IntfDeviceNameDir> lagDeviceNameDir_;

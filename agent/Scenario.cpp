@@ -30,6 +30,12 @@ char const* kindName(Step::Kind k) {
       return "fault";
     case Step::Kind::packet:
       return "packet";
+    case Step::Kind::comment:
+      return "comment";
+    case Step::Kind::expectLog:
+      return "expectLog";
+    case Step::Kind::restart:
+      return "restart";
   }
   return "?";
 }
@@ -206,6 +212,105 @@ sim::Packet parsePacket(rapidjson::Value const& v, Step& step) {
   return p;
 }
 
+// {"expect": PATH, "attr": NAME, "key": K} with one of "value": V, "fields": {...} or
+// "present": B; with "present", "attr" may be left out to ask about the entity itself.
+void parseExpect(rapidjson::Value const& s, Step& step, std::set<std::string>& allowed) {
+  auto member = [&](char const* name) -> rapidjson::Value const* {
+    auto it = s.FindMember(name);
+    return it == s.MemberEnd() ? nullptr : &it->value;
+  };
+  auto nonEmpty = [&](char const* name) {
+    rapidjson::Value const* v = member(name);
+    if (!v || !v->IsString() || v->GetStringLength() == 0) {
+      throw ScenarioError(step.label() + ": '" + name + "' must be a non-empty string");
+    }
+    return str(*v);
+  };
+  allowed.insert({"attr", "key", "value", "fields", "present"});
+  step.path = nonEmpty("expect");
+  step.key = member("key");
+  step.value = member("value");
+  step.fields = member("fields");
+  if (rapidjson::Value const* p = member("present")) {
+    if (!p->IsBool()) {
+      throw ScenarioError(step.label() + ": 'present' must be true or false, found " +
+                          Zol::jsonText(*p));
+    }
+    step.present = p->GetBool();
+  }
+  if (!step.present || member("attr")) step.attr = nonEmpty("attr");
+  if (step.key && step.attr.empty()) {
+    throw ScenarioError(step.label() + ": a 'key' needs the 'attr' it is a key of");
+  }
+  int const checks = (step.value ? 1 : 0) + (step.fields ? 1 : 0) + (step.present ? 1 : 0);
+  if (checks == 0) {
+    throw ScenarioError(step.label() +
+                        ": 'expect' needs a 'value' (null for absent), 'fields' or 'present'");
+  }
+  if (checks > 1) {
+    throw ScenarioError(step.label() + ": 'expect' takes one of 'value', 'fields' and 'present'");
+  }
+  if (step.fields && (!step.fields->IsObject() || step.fields->MemberCount() == 0)) {
+    throw ScenarioError(step.label() +
+                        ": 'fields' must be an object naming at least one field, "
+                        "found " +
+                        Zol::jsonText(*step.fields));
+  }
+}
+
+// {"fault": TABLE, "answer": "busy"|"full"|"failed"|"ok", "count": N} or
+// {"fault": TABLE, "capacity": N}
+void parseFault(rapidjson::Value const& s, Step& step, std::set<std::string>& allowed) {
+  auto requireString = [&](char const* member) {
+    auto it = s.FindMember(member);
+    if (it == s.MemberEnd() || !it->value.IsString() || it->value.GetStringLength() == 0) {
+      throw ScenarioError(step.label() + ": '" + member + "' must be a non-empty string");
+    }
+    return str(it->value);
+  };
+  step.table = requireString("fault");
+  allowed.insert({"answer", "count", "capacity"});
+  auto count = [&](char const* member) -> std::optional<uint64_t> {
+    auto it = s.FindMember(member);
+    if (it == s.MemberEnd()) return std::nullopt;
+    if (!it->value.IsUint64()) {
+      throw ScenarioError(step.label() + ": '" + member + "' must be a number >= 0, found " +
+                          Zol::jsonText(it->value));
+    }
+    return it->value.GetUint64();
+  };
+  step.capacity = count("capacity");
+  if (s.HasMember("answer")) {
+    if (step.capacity) {
+      throw ScenarioError(step.label() + ": a fault sets either 'answer' or 'capacity'");
+    }
+    step.answer = requireString("answer");
+    step.count = static_cast<uint32_t>(count("count").value_or(1));
+  } else if (!step.capacity) {
+    throw ScenarioError(step.label() + ": a fault needs 'answer' (with 'count') or 'capacity'");
+  } else if (s.HasMember("count")) {
+    throw ScenarioError(step.label() + ": 'count' goes with 'answer'");
+  }
+}
+
+// {"expectLog": KEY, "count": N}: N defaults to 1.
+void parseExpectLog(rapidjson::Value const& s, Step& step, std::set<std::string>& allowed) {
+  rapidjson::Value const& key = s["expectLog"];
+  if (!key.IsString() || key.GetStringLength() == 0) {
+    throw ScenarioError(step.label() + ": 'expectLog' must be a non-empty string");
+  }
+  step.text = str(key);
+  allowed.insert("count");
+  step.count = 1;
+  if (auto it = s.FindMember("count"); it != s.MemberEnd()) {
+    if (!it->value.IsUint()) {
+      throw ScenarioError(step.label() + ": 'count' must be a number >= 0, found " +
+                          Zol::jsonText(it->value));
+    }
+    step.count = it->value.GetUint();
+  }
+}
+
 // Reads one step object; every member must be one that the step's kind takes.
 Step parseStep(rapidjson::Value const& s, size_t number) {
   std::string const where = "step " + std::to_string(number);
@@ -215,7 +320,8 @@ Step parseStep(rapidjson::Value const& s, size_t number) {
       {"set", Step::Kind::set},         {"del", Step::Kind::del},
       {"advance", Step::Kind::advance}, {"show", Step::Kind::show},
       {"expect", Step::Kind::expect},   {"fault", Step::Kind::fault},
-      {"packet", Step::Kind::packet}};
+      {"packet", Step::Kind::packet},   {"expectLog", Step::Kind::expectLog},
+      {"restart", Step::Kind::restart}};
   std::optional<Step::Kind> kind;
   for (auto const& [name, k] : kinds) {
     // A packet step's "expect" is the packet's fate, not a step of its own.
@@ -227,9 +333,12 @@ Step parseStep(rapidjson::Value const& s, size_t number) {
       kind = k;
     }
   }
+  // A step with nothing but a comment is a note for the reader.
+  if (!kind && s.HasMember("comment")) kind = Step::Kind::comment;
   if (!kind) {
     throw ScenarioError(where +
-                        ": expected one of set, del, advance, show, expect, fault, packet in " +
+                        ": expected one of set, del, advance, show, expect, fault, packet, "
+                        "expectLog, restart or a lone comment in " +
                         Zol::jsonText(s));
   }
   Step step;
@@ -247,7 +356,6 @@ Step parseStep(rapidjson::Value const& s, size_t number) {
   switch (*kind) {
     case Step::Kind::set:
     case Step::Kind::del:
-    case Step::Kind::expect: {
       step.path = requireString(kindName(*kind));
       allowed.insert({"attr", "key", "value"});
       step.attr = requireString("attr");
@@ -257,11 +365,26 @@ Step parseStep(rapidjson::Value const& s, size_t number) {
         allowed.erase("value");
         if (!step.key) throw ScenarioError(step.label() + ": 'del' needs a 'key'");
       }
-      if (*kind == Step::Kind::expect && !step.value) {
-        throw ScenarioError(step.label() + ": 'expect' needs a 'value' (null for absent)");
+      break;
+    case Step::Kind::expect:
+      parseExpect(s, step, allowed);
+      break;
+    case Step::Kind::comment:
+      if (!s["comment"].IsString()) {
+        throw ScenarioError(where + " (comment): 'comment' must be a string");
+      }
+      step.text = str(s["comment"]);
+      break;
+    case Step::Kind::expectLog:
+      parseExpectLog(s, step, allowed);
+      break;
+    case Step::Kind::restart:
+      step.text = requireString("restart");
+      if (step.text != "hitless") {
+        throw ScenarioError(step.label() + ": 'restart' must be \"hitless\", found \"" + step.text +
+                            "\"");
       }
       break;
-    }
     case Step::Kind::advance: {
       rapidjson::Value const& v = s["advance"];
       if (!v.IsNumber() || v.GetDouble() < 0) {
@@ -274,34 +397,9 @@ Step parseStep(rapidjson::Value const& s, size_t number) {
     case Step::Kind::show:
       step.view = requireString("show");
       break;
-    case Step::Kind::fault: {
-      // {"fault": TABLE, "answer": "busy"|"full"|"failed"|"ok", "count": N} or
-      // {"fault": TABLE, "capacity": N}
-      step.table = requireString("fault");
-      allowed.insert({"answer", "count", "capacity"});
-      auto count = [&](char const* member) -> std::optional<uint64_t> {
-        auto it = s.FindMember(member);
-        if (it == s.MemberEnd()) return std::nullopt;
-        if (!it->value.IsUint64()) {
-          throw ScenarioError(step.label() + ": '" + member + "' must be a number >= 0, found " +
-                              Zol::jsonText(it->value));
-        }
-        return it->value.GetUint64();
-      };
-      step.capacity = count("capacity");
-      if (s.HasMember("answer")) {
-        if (step.capacity) {
-          throw ScenarioError(step.label() + ": a fault sets either 'answer' or 'capacity'");
-        }
-        step.answer = requireString("answer");
-        step.count = static_cast<uint32_t>(count("count").value_or(1));
-      } else if (!step.capacity) {
-        throw ScenarioError(step.label() + ": a fault needs 'answer' (with 'count') or 'capacity'");
-      } else if (s.HasMember("count")) {
-        throw ScenarioError(step.label() + ": 'count' goes with 'answer'");
-      }
+    case Step::Kind::fault:
+      parseFault(s, step, allowed);
       break;
-    }
     case Step::Kind::packet: {
       // {"packet": {...}, "expect": "permit"|"deny"|"blocked"|"errdisabled"}
       step.packet = parsePacket(s["packet"], step);
@@ -368,6 +466,7 @@ std::string Step::label() const {
   std::string l = "step " + std::to_string(number) + " (" + kindName(kind);
   if (!path.empty()) l += " " + path;
   if (!table.empty()) l += " " + table;
+  if (kind == Kind::expectLog || kind == Kind::restart) l += " " + text;
   if (!attr.empty()) l += " " + attr;
   if (key) l += "[" + Zol::jsonText(*key) + "]";
   return l + ")";

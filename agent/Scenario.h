@@ -23,13 +23,17 @@ class ScenarioError : public std::runtime_error {
 };
 
 struct Step {
-  enum class Kind { set, del, advance, show, expect, fault, packet };
+  enum class Kind { set, del, advance, show, expect, fault, packet, comment, expectLog, restart };
   Kind kind = Kind::show;
   size_t number = 0;  // 1-based, as people count steps
   std::string path;
   std::string attr;
   rapidjson::Value const* key = nullptr;
   rapidjson::Value const* value = nullptr;  // set, expect (null JSON means absent)
+  // expect: only these fields of the value are compared; or only whether it is there. Without
+  // attr, present is about the entity at path.
+  rapidjson::Value const* fields = nullptr;
+  std::optional<bool> present;
   double seconds = 0;
   std::string view;
   // fault: the chip table, and either what its next `count` operations answer or its capacity.
@@ -37,6 +41,8 @@ struct Step {
   std::string answer;
   uint32_t count = 0;
   std::optional<uint64_t> capacity;
+  // comment: the note; expectLog: the message's key (count is how many); restart: "hitless".
+  std::string text;
   // packet: what is sent, and what must become of it (permit, deny, blocked, errdisabled; empty
   // when anything goes). path holds the packet's interface, for the label.
   sim::Packet packet;

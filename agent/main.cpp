@@ -47,7 +47,7 @@ int main(int argc, char** argv) {
         file ? Scenario::load(file) : Scenario::parse(vemo::agent::kDefaultScenario);
     Agent agent(json);
     if (listPaths) {
-      for (auto const& p : agent.paths()) std::cout << p << "\n";
+      for (auto const& p : agent.pathListing()) std::cout << p << "\n";
       return 0;
     }
     return agent.run(sc, std::cout, std::cerr);

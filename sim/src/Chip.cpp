@@ -1,7 +1,10 @@
 // The chip's ports, the admission every table operation goes through, and the JSON dump.
 #include "Sim/Chip.h"
 
+#include <rapidjson/pointer.h>
+
 #include <charconv>
+#include <functional>
 #include <ostream>
 
 #include "Zol/Json.h"
@@ -19,19 +22,49 @@ rapidjson::Value text(std::string_view s, rapidjson::Document::AllocatorType& al
   return rapidjson::Value(s.data(), static_cast<rapidjson::SizeType>(s.size()), alloc);
 }
 
-// One step of a lookup: a member of an object, or an element of an array by decimal index.
-rapidjson::Value const* child(rapidjson::Value const& node, std::string const& name) {
-  if (node.IsObject()) {
-    auto const it = node.FindMember(name.c_str());
-    return it == node.MemberEnd() ? nullptr : &it->value;
-  }
-  if (node.IsArray()) {
-    rapidjson::SizeType i = 0;
-    auto const [end, ec] = std::from_chars(name.data(), name.data() + name.size(), i);
-    if (ec != std::errc() || end != name.data() + name.size() || i >= node.Size()) return nullptr;
-    return &node[i];
-  }
-  return nullptr;
+// The form of treeJson: "*" stands for any key of a keyed object and an array's one element for
+// every element. Kept beside toJson and the table dumps, which it must follow.
+constexpr char const* kTreeShape = R"({
+  "units": [{"unit": 0, "ports": 0}],
+  "lacpEnabled": true,
+  "lag": {"writes": 0, "operations": 0, "*": {"hwId": 0, "sharedPeerLink": "",
+          "members": {"*": {"collecting": true, "distributing": true}}}},
+  "acl": {"writes": 0, "operations": 0,
+          "units": [{"unit": 0, "error": "",
+                     "in": {"used": 0, "capacity": 0, "instances": {"*": {"entries": 0, "hits": 0}}},
+                     "out": {"used": 0, "capacity": 0, "instances": {"*": {"entries": 0, "hits": 0}}},
+                     "rangeCheckers": {"used": 0, "capacity": 0}}],
+          "bindings": {"*": {"in": 0, "out": 0, "ipv6 in": 0, "ipv6 out": 0, "mac in": 0,
+                             "mac out": 0}},
+          "blocked": [""]},
+  "rangeChecker": {"writes": 0, "operations": 0},
+  "capacity": {"lag": 0},
+  "errors": [""],
+  "writes": 0,
+  "operations": 0
+})";
+
+rapidjson::Document const& treeShape() {
+  static rapidjson::Document const shape = [] {
+    rapidjson::Document d;
+    d.Parse(kTreeShape);
+    return d;
+  }();
+  return shape;
+}
+
+bool isIndex(std::string const& name, size_t* value = nullptr) {
+  size_t i = 0;
+  auto const [end, ec] = std::from_chars(name.data(), name.data() + name.size(), i);
+  if (ec != std::errc() || end != name.data() + name.size()) return false;
+  if (value) *value = i;
+  return true;
+}
+
+void addCounters(rapidjson::Value& obj, Chip::Counters c,
+                 rapidjson::Document::AllocatorType& alloc) {
+  obj.AddMember("writes", c.writes, alloc);
+  obj.AddMember("operations", c.operations, alloc);
 }
 
 }  // namespace
@@ -110,8 +143,24 @@ size_t Chip::size(Table t) const {
   return 0;
 }
 
+Chip::Counters Chip::counters() const {
+  Counters total;
+  for (TableState const& s : tables_) {
+    total.writes += s.counters.writes;
+    total.operations += s.counters.operations;
+  }
+  return total;
+}
+
+void Chip::lacpEnabledIs(bool enabled) {
+  operated(Table::lag);
+  wrote(Table::lag, lacpEnabled_ != enabled);
+  lacpEnabled_ = enabled;
+}
+
 Status Chip::admit(Table t, bool adds) {
   TableState& s = tables_[index(t)];
+  ++s.counters.operations;
   if (s.faultCount > 0) {
     --s.faultCount;
     return s.faultKind;
@@ -158,17 +207,99 @@ rapidjson::Value Chip::toJson(rapidjson::Document::AllocatorType& alloc) const {
   return root;
 }
 
+rapidjson::Value Chip::treeJson(rapidjson::Document::AllocatorType& alloc) const {
+  rapidjson::Value root = toJson(alloc);
+  addCounters(root["lag"], counters(Table::lag), alloc);
+  addCounters(root["acl"], counters(Table::acl), alloc);
+  rapidjson::Value checkers(rapidjson::kObjectType);
+  addCounters(checkers, counters(Table::rangeChecker), alloc);
+  root.AddMember("rangeChecker", checkers, alloc);
+  addCounters(root, counters(), alloc);
+  return root;
+}
+
 std::optional<rapidjson::Value> Chip::lookup(std::vector<std::string> const& path,
                                              rapidjson::Document::AllocatorType& alloc) const {
-  // The dump is built in a scratch document so that only the answer lands in the caller's pool.
+  // The tree is built in a scratch document so that only the answer lands in the caller's pool.
   rapidjson::Document scratch;
-  rapidjson::Value const dump = toJson(scratch.GetAllocator());
-  rapidjson::Value const* node = &dump;
+  rapidjson::Value const tree = treeJson(scratch.GetAllocator());
+  rapidjson::Pointer pointer;
   for (std::string const& name : path) {
-    node = child(*node, name);
-    if (!node) return std::nullopt;
+    // A number indexes an array and names an object's member alike; "01" is only a name.
+    size_t i = 0;
+    bool const index =
+        isIndex(name, &i) && i < rapidjson::kPointerInvalidIndex && std::to_string(i) == name;
+    pointer = index ? pointer.Append(static_cast<rapidjson::SizeType>(i))
+                    : pointer.Append(name.c_str(), static_cast<rapidjson::SizeType>(name.size()));
   }
+  rapidjson::Value const* node = pointer.Get(tree);
+  if (!node) return std::nullopt;
   return rapidjson::Value(*node, alloc);
+}
+
+bool Chip::validPath(std::vector<std::string> const& path, std::string* problem) const {
+  rapidjson::Value const* shape = &treeShape();
+  std::string at = "hw";
+  for (std::string const& name : path) {
+    std::string const here = at;
+    at += "/" + name;
+    if (shape->IsArray()) {
+      size_t i = 0;
+      if (!isIndex(name, &i)) {
+        if (problem) *problem = "'" + name + "' in '" + at + "' must be an index";
+        return false;
+      }
+      if (here == "hw/units" || here == "hw/acl/units") {
+        if (i >= config_.units) {
+          if (problem) {
+            *problem = "the chip has no unit " + name + " (units 0 to " +
+                       std::to_string(config_.units - 1) + ")";
+          }
+          return false;
+        }
+      }
+      shape = &(*shape)[0];
+    } else if (shape->IsObject() && shape->HasMember(name.c_str())) {
+      shape = &(*shape)[name.c_str()];
+    } else if (shape->IsObject() && shape->HasMember("*")) {
+      shape = &(*shape)["*"];
+    } else {
+      if (problem) {
+        std::string known;
+        if (shape->IsObject()) {
+          for (auto const& m : shape->GetObject()) {
+            std::string const n = m.name.GetString();
+            known += (known.empty() ? "" : ", ") + (n == "*" ? "<key>" : n);
+          }
+        }
+        *problem =
+            "'" + name + "' in '" + at + "' is not in the chip's tables" +
+            (known.empty() ? "; '" + here + "' is a value" : " (" + here + " has " + known + ")");
+      }
+      return false;
+    }
+  }
+  return true;
+}
+
+std::vector<std::string> Chip::pathTemplates() {
+  std::vector<std::string> out;
+  std::function<void(rapidjson::Value const&, std::string const&)> walk =
+      [&](rapidjson::Value const& shape, std::string const& path) {
+        std::string const prefix = path.empty() ? "" : path + "/";
+        if (shape.IsArray()) {
+          walk(shape[0], prefix + "<n>");
+        } else if (shape.IsObject()) {
+          for (auto const& m : shape.GetObject()) {
+            std::string const name = m.name.GetString();
+            walk(m.value, prefix + (name == "*" ? "<key>" : name));
+          }
+        } else {
+          out.push_back(path);
+        }
+      };
+  walk(treeShape(), "");
+  return out;
 }
 
 ChipIntfToBitmapPosition::ChipIntfToBitmapPosition(Zol::Name const& name, Chip const& chip)

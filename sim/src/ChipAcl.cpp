@@ -150,6 +150,9 @@ Status Chip::aclEntryAdd(uint32_t unit, Acl::AclDirection dir, AclEntry const& e
     if (!entry.ranges[i]) continue;
     ++u.rangeCheckers[RangeChecker{static_cast<RangeField>(i), *entry.ranges[i]}];
   }
+  // A replaced entry starts its hits again, so it is a write even when it matches the same.
+  wrote(Table::acl);
+  wrote(Table::rangeChecker, wanted != 0);
   if (old != tcam.end()) {
     aclCheckersRelease(u, old->second.entry);
     old->second = AclTcamEntry{entry, 0};
@@ -169,24 +172,29 @@ void Chip::aclCheckersRelease(AclUnit& unit, AclEntry const& entry) {
 }
 
 void Chip::aclEntryDel(uint32_t unit, Acl::AclDirection dir, AclEntryKey const& key) {
+  operated(Table::acl);
   if (unit >= aclUnits_.size()) return;
   AclTcam& tcam = aclTcamOf(unit, dir);
   auto const it = tcam.find(key);
-  if (it == tcam.end()) return;
+  if (!wrote(Table::acl, it != tcam.end())) return;
   aclCheckersRelease(aclUnits_[unit], it->second.entry);
   tcam.erase(it);
 }
 
 void Chip::aclDelete(uint32_t aclNumber) {
+  operated(Table::acl);
+  bool changed = false;
   for (AclUnit& u : aclUnits_) {
     for (AclTcam& tcam : u.tcam) {
       auto it = tcam.lower_bound(AclEntryKey{aclNumber, 0, 0});
       while (it != tcam.end() && it->first.aclNumber == aclNumber) {
         aclCheckersRelease(u, it->second.entry);
         it = tcam.erase(it);
+        changed = true;
       }
     }
   }
+  wrote(Table::acl, changed);
 }
 
 AclTcamEntry const* Chip::aclEntry(uint32_t unit, Acl::AclDirection dir,
@@ -226,12 +234,15 @@ Status Chip::aclBind(Nepo::IntfId const& intf, Acl::AclDirection dir, uint32_t a
                       std::to_string(aclNumber),
                   s);
   }
-  aclBindings_[{intf, dir, type}] = aclNumber;
+  auto const [it, added] = aclBindings_.try_emplace({intf, dir, type}, aclNumber);
+  wrote(Table::acl, added || it->second != aclNumber);
+  it->second = aclNumber;
   return Status::ok;
 }
 
 void Chip::aclUnbind(Nepo::IntfId const& intf, Acl::AclDirection dir, Acl::AclType type) {
-  aclBindings_.erase({intf, dir, type});
+  operated(Table::acl);
+  wrote(Table::acl, aclBindings_.erase({intf, dir, type}) != 0);
 }
 
 std::optional<uint32_t> Chip::aclBinding(Nepo::IntfId const& intf, Acl::AclDirection dir,
@@ -242,16 +253,19 @@ std::optional<uint32_t> Chip::aclBinding(Nepo::IntfId const& intf, Acl::AclDirec
 }
 
 void Chip::aclUnbindAll(uint32_t aclNumber, Acl::AclDirection dir) {
-  std::erase_if(aclBindings_, [&](auto const& binding) {
+  operated(Table::acl);
+  auto const removed = std::erase_if(aclBindings_, [&](auto const& binding) {
     return std::get<Acl::AclDirection>(binding.first) == dir && binding.second == aclNumber;
   });
+  wrote(Table::acl, removed != 0);
 }
 
 void Chip::aclBlockIs(Nepo::IntfId const& intf, bool blocked) {
+  operated(Table::acl);
   if (blocked) {
-    aclBlocked_.insert(intf);
+    wrote(Table::acl, aclBlocked_.insert(intf).second);
   } else {
-    aclBlocked_.erase(intf);
+    wrote(Table::acl, aclBlocked_.erase(intf) != 0);
   }
 }
 

@@ -48,7 +48,7 @@ Status Chip::lagCreate(Nepo::IntfId const& lag) {
   if (!lag.isPortChannel()) {
     return refuse(Table::lag, named("create", lag), Status::failed, "not a port-channel");
   }
-  if (!exists) lags_[lag].hwId = lagHwIdAlloc();
+  if (wrote(Table::lag, !exists)) lags_[lag].hwId = lagHwIdAlloc();
   return Status::ok;
 }
 
@@ -57,7 +57,7 @@ Status Chip::lagDestroy(Nepo::IntfId const& lag) {
     return refuse(Table::lag, named("destroy", lag), s);
   }
   auto const it = lags_.find(lag);
-  if (it == lags_.end()) return Status::ok;
+  if (!wrote(Table::lag, it != lags_.end())) return Status::ok;
   lagHwIdFree(it->second.hwId);
   lags_.erase(it);
   return Status::ok;
@@ -74,6 +74,7 @@ Status Chip::lagMembersIs(Nepo::IntfId const& lag, Vemo::VemoLagPortList const& 
   for (auto const& [member, state] : members.portAll()) {
     if (!hasPort(member)) return refuseMember(named("members", lag), member);
   }
+  wrote(Table::lag, !(it->second.members == members));
   it->second.members = members;
   return Status::ok;
 }
@@ -88,12 +89,15 @@ Status Chip::lagMemberIs(Nepo::IntfId const& lag, Nepo::IntfId const& member, bo
   if (it == lags_.end()) {
     return refuse(Table::lag, named(op, lag, member), Status::failed, "no such port-channel");
   }
+  Vemo::VemoLagPortList& members = it->second.members;
   if (!add) {
-    it->second.members.portDel(member);
+    wrote(Table::lag, members.portHas(member));
+    members.portDel(member);
     return Status::ok;
   }
   if (!hasPort(member)) return refuseMember(named(op, lag, member), member);
-  it->second.members.portIs(member, state);
+  wrote(Table::lag, !members.portHas(member) || !(members.port(member) == state));
+  members.portIs(member, state);
   return Status::ok;
 }
 
@@ -112,10 +116,12 @@ Status Chip::lagShareIs(Nepo::IntfId const& lag, Nepo::IntfId const& peerLink, b
     if (!share) return Status::ok;
     return refuse(Table::lag, named(op, lag, peerLink), Status::failed, "no such port-channel");
   }
+  Nepo::IntfId& shared = it->second.sharedPeerLink;
   if (share) {
-    it->second.sharedPeerLink = peerLink;
-  } else if (it->second.sharedPeerLink == peerLink) {
-    it->second.sharedPeerLink = Nepo::IntfId();
+    wrote(Table::lag, shared != peerLink);
+    shared = peerLink;
+  } else if (wrote(Table::lag, shared == peerLink)) {
+    shared = Nepo::IntfId();
   }
   return Status::ok;
 }

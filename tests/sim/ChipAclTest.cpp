@@ -167,7 +167,7 @@ TEST(SimChipAcl, CheckersAreSharedPerUnitAndTheDumpShowsTheAclPart) {
             R"("in":{"used":0,"capacity":2,"instances":{}},"out":{"used":0,"capacity":2,)"
             R"("instances":{}},"rangeCheckers":{"used":0,"capacity":2},)"
             R"("error":"aclCreateErrorTooManyAcls"}],"bindings":{"Ethernet2":{"in":1}},)"
-            R"("blocked":["Vlan5"]})");
+            R"("blocked":["Vlan5"],"writes":6,"operations":9})");
   EXPECT_EQ(Zol::jsonText(*chip.lookup({"capacity"}, alloc)), R"({"lag":1024})");
   chip.aclDelete(1);
   EXPECT_EQ(chip.aclRangeCheckersUsed(0), 0u);

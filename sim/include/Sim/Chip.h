@@ -97,9 +97,21 @@ class Chip {
   std::vector<std::string> const& errors() const { return errors_; }
   void errorsDelAll() { errors_.clear(); }
 
-  // LACP frames trapped to the CPU (true) or forwarded as data.
+  // What was asked of a table and what changed it: every write operation counts, refused or
+  // not, and a write is one that changed what the table holds (a port-channel created again, a
+  // binding set to what it was, are operations but no writes). Reading and packets count
+  // nothing. An ACL entry that takes range checkers counts once in acl and once in rangeChecker.
+  struct Counters {
+    uint64_t writes = 0;
+    uint64_t operations = 0;
+  };
+  Counters counters(Table t) const { return tables_[index(t)].counters; }
+  // Over every table.
+  Counters counters() const;
+
+  // LACP frames trapped to the CPU (true) or forwarded as data; counted in the lag table.
   bool lacpEnabled() const { return lacpEnabled_; }
-  void lacpEnabledIs(bool enabled) { lacpEnabled_ = enabled; }
+  void lacpEnabledIs(bool enabled);
 
   // The port-channel table. Members must be ports of this chip; a refused operation changes
   // nothing.
@@ -166,22 +178,40 @@ class Chip {
   //  "error": "aclCreateErrorTcamExhaustion"}], "bindings": {"Ethernet1": {"in": 3}},
   //  "blocked": ["Ethernet2"]}; the ACL tables' capacities are shown there, per unit.
   rapidjson::Value toJson(rapidjson::Document::AllocatorType& alloc) const;
-  // The part of toJson at path: object members by name, array elements by decimal index.
+  // What scenarios read under hw/: toJson with the counters, "writes" and "operations", at the
+  // root (every table) and in each table's object ("lag", "acl", and "rangeChecker", which holds
+  // only them).
+  rapidjson::Value treeJson(rapidjson::Document::AllocatorType& alloc) const;
+  // The part of treeJson at path: object members by name, array elements by decimal index.
   std::optional<rapidjson::Value> lookup(std::vector<std::string> const& path,
                                          rapidjson::Document::AllocatorType& alloc) const;
+  // Whether path can name something in treeJson on this chip, whatever it holds now: known
+  // tables and attribute names, a unit that exists, any key where the tree is keyed (a
+  // port-channel, an interface, an ACL number). Otherwise says why in *problem.
+  bool validPath(std::vector<std::string> const& path, std::string* problem) const;
+  // Every path validPath accepts down to the values, with "<key>" and "<unit>" where the tree is
+  // keyed or indexed ("lag/<key>/hwId", "acl/units/<unit>/in/used").
+  static std::vector<std::string> pathTemplates();
 
  private:
   struct TableState {
     size_t capacity = defaultCapacity;
     Status faultKind = Status::ok;
     uint32_t faultCount = 0;
+    Counters counters;
   };
   static size_t index(Table t) { return static_cast<size_t>(t); }
 
-  // Every table operation asks here first: a pending fault is consumed, then an operation that
-  // adds an entry must fit. The operation logs anything but ok through refuse, so that the text
-  // is built only for refusals.
+  // Every table operation that can be refused asks here first, and is counted: a pending fault
+  // is consumed, then an operation that adds an entry must fit. The operation logs anything but
+  // ok through refuse, so that the text is built only for refusals.
   Status admit(Table t, bool adds);
+  // Operations that are never refused count here; each returns changed, for the caller's flow.
+  void operated(Table t) { ++tables_[index(t)].counters.operations; }
+  bool wrote(Table t, bool changed = true) {
+    if (changed) ++tables_[index(t)].counters.writes;
+    return changed;
+  }
   // Logs a refusal ("lag create Port-Channel3: failed, not a port-channel") and returns s.
   Status refuse(Table t, std::string_view what, Status s, std::string_view why = {});
   Status refuseMember(std::string_view what, Nepo::IntfId const& member);
