@@ -119,8 +119,10 @@ void Platform::start(Zol::Ptr<Vemo::VemoCommonSmData> const& commonData) {
   aclSm_->initializedIs(true);
 }
 
-// The SMs go before the helpers that program for them. Without clean-up only the port-channel
-// SM can be told to leave hardware alone; the ACL SM takes its instances out as it goes.
+// The SMs go before the helpers that program for them. Without clean-up the port-channel SM
+// leaves hardware alone for the next run to take over. The ACL SM could too, but a new ACL SM
+// cannot take over instances it did not install (it numbers them afresh), so it takes its
+// instances out as it goes and the next run installs them again.
 void Platform::stop(bool cleanup) {
   if (!cleanup) lagSm_->disableCleanupOnRestartIs(true);
   aclSm_ = nullptr;
