@@ -85,6 +85,7 @@ Platform::Platform(PlatformConfig const& config, Zol::Ptr<Vemo::VemoCommonSmData
   lagHelper_ = Zol::make<sim::LagHelper>("lagHelper", chip_, commonData);
   lagHelper_->managedCheckOverrideIs(config.managedByChip);
   lagSm_ = Vemo::lagSmFactory(commonData, lagStatusDir_, lagDeviceNameDir_, lagHelper_);
+  lagHelper_->lagSmIs(lagSm_.ptr());
   lagSm_->lagMounterIs(Zol::make<AgentLagMounter>("lagMounter", mlagStatus_));
   lagSm_->initializedIs(true);
   tunnelGroupManager_ = Vemo::swTunnelGroupIdManagerFactory(commonData);
@@ -119,6 +120,7 @@ Platform::~Platform() {
   aclHelper_ = nullptr;
   vxlanFrontEnd_.reset();
   tunnelGroupManager_ = nullptr;
+  lagHelper_->lagSmIs(nullptr);
   lagSm_ = nullptr;
   lagHelper_ = nullptr;
 }
