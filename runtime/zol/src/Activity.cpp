@@ -219,7 +219,7 @@ void DeliveryGate::unhold(Clock* c) {
 }
 
 DeliveryGate::Scope::Scope(DeliveryGate* gate)
-    : savedGate_(gateContext.current), savedClaimable_(gateContext.claimable) {
+    : keep_(gate), savedGate_(gateContext.current), savedClaimable_(gateContext.claimable) {
   gateContext = GateContext{gate, false};
 }
 

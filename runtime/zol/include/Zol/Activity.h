@@ -44,6 +44,8 @@ class DeliveryGate : public PtrInterface {
     Scope& operator=(Scope const&) = delete;
 
    private:
+    // A handler may drop the owner it runs for, and with it the last other reference.
+    Ptr<DeliveryGate> keep_;
     DeliveryGate* savedGate_;
     bool savedClaimable_;
   };
