@@ -91,6 +91,7 @@ void Platform::start(Zol::Ptr<Vemo::VemoCommonSmData> const& commonData) {
   lagHelper_ = Zol::make<sim::LagHelper>("lagHelper", chip_, commonData);
   lagHelper_->managedCheckOverrideIs(config_.managedByChip);
   lagSm_ = Vemo::lagSmFactory(commonData, lagStatusDir_, lagDeviceNameDir_, lagHelper_);
+  lagHelper_->lagSmIs(lagSm_.ptr());
   lagSm_->lagMounterIs(Zol::make<AgentLagMounter>("lagMounter", mlagStatus_));
   lagSm_->initializedIs(true);
   tunnelGroupManager_ = Vemo::swTunnelGroupIdManagerFactory(commonData);
@@ -129,6 +130,7 @@ void Platform::stop(bool cleanup) {
   aclHelper_ = nullptr;
   vxlanFrontEnd_.reset();
   tunnelGroupManager_ = nullptr;
+  lagHelper_->lagSmIs(nullptr);
   lagSm_ = nullptr;
   lagHelper_ = nullptr;
   lagDeviceNameDir_ = nullptr;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <absl/container/btree_map.h>
+#include <absl/container/btree_set.h>
 #include <absl/container/flat_hash_map.h>
 
 #include <memory>
@@ -70,7 +71,9 @@ class LagSm : public VemoBaseSm {
   std::string_view fwkType() const override { return "Vemo::LagSm"; }
 
   // Start: the helper's set-up, LACP for the operational mode, the MLAG status mount, then every
-  // port-channel's first full pass.
+  // port-channel's first full pass. Once started, coming back (initialized true again, or
+  // delivery back on) re-syncs every port-channel from its status instead; going to false
+  // touches nothing, and nothing is acted on until it is true again.
   void handleInitialized() override;
 
   Zol::Ptr<Interface::EthLagIntfStatusDir const> const& ethLagIntfStatusDir() const {
@@ -95,7 +98,12 @@ class LagSm : public VemoBaseSm {
   bool sharePeerLinkWithLag(Nepo::IntfId const& lag) const {
     return sharePeerLinkWithLag_.contains(lag);
   }
+  absl::btree_map<Nepo::IntfId, bool> const& sharePeerLinkWithLagAll() const {
+    return sharePeerLinkWithLag_;
+  }
   Nepo::IntfId const& currentPeerLink() const { return currentPeerLink_; }
+  // Ports that a port-channel which lost them may take back (the reclaim bookkeeping).
+  size_t contestedPortSize() const { return contested_.size(); }
   // Set when the agent restarts hitlessly: removals then leave hardware and maps as they are.
   bool disableCleanupOnRestart() const { return disableCleanupOnRestart_; }
   void disableCleanupOnRestartIs(bool v) { disableCleanupOnRestart_ = v; }
@@ -121,8 +129,15 @@ class LagSm : public VemoBaseSm {
   class MlagReactor;
   class MounterReactor;
 
+  // Started once, and initialized false since: statuses are picked up by the next resync.
+  bool stopped() const { return started_ && !initialized(); }
+  void resync();
   void newStatus(Nepo::IntfId const& lag);
   void statusDel(Nepo::IntfId const& lag);
+  // A port-channel that goes takes back nothing any more.
+  void forgetContested(Nepo::IntfId const& lag);
+  // Verification requests that came before start are asked again, and released, once started.
+  void answerPendingVerify();
   void handleIntfManaged(Nepo::IntfId const& intf);
   // Every LAG except lag that holds port loses it.
   void doScrubMember(Nepo::IntfId const& lag, Nepo::IntfId const& port);
@@ -159,8 +174,9 @@ class LagSm : public VemoBaseSm {
   absl::flat_hash_map<Nepo::IntfId, std::vector<Nepo::IntfId>> contested_;
   std::vector<Nepo::IntfId> released_;
   int updateDepth_ = 0;
-  // A verification request that arrived before start; served after the next full resync.
-  Zol::String pendingVerify_;
+  bool started_ = false;
+  // Verification requests that arrived before start, held open in verifyData until answered.
+  absl::btree_set<Zol::String> pendingVerify_;
   std::unique_ptr<DirReactor> dirReactor_;
   std::unique_ptr<CommonReactor> commonReactor_;
   std::unique_ptr<VerifyReactor> verifyReactor_;
@@ -175,8 +191,12 @@ class LagSm::ZolStatus : public Interface::EthLagIntfStatus::NotifieeConst {
 
   Nepo::IntfId const& intf() const { return intf_; }
   bool initialized() const { return initialized_; }
+  // Started, and the SM is initialized: changes are acted on.
+  bool active() const;
   // Per-port-channel start; does nothing until the SM is initialized.
   void handleInitialized();
+  // After a time nothing was acted on: the device name and the member list from the status.
+  void resync();
   // Full resync from the status's member list.
   void handleIntf();
   // One member changed.
@@ -194,6 +214,7 @@ class LagSm::ZolStatus : public Interface::EthLagIntfStatus::NotifieeConst {
   bool statusExists() const;
 
  private:
+  // Writes the status's device name, or withdraws it when the status has none.
   void writeDeviceName();
 
   LagSm* sm_;

@@ -23,34 +23,50 @@ Zol::Ptr<VemoCommonSmData> vemoCommonSmDataFactory(Zol::Name const& name);
 // Base of every synchronous feature SM. The factory constructs the SM (reactors on its inputs, no
 // helper call yet); whoever owns it then calls initializedIs(true), which runs handleInitialized(),
 // the first full pass over the inputs.
-class VemoBaseSm : public Zol::PtrInterface {
+//
+// Pausing (hasNotificationActiveIs(false)) or dying (zolDoZombieReactors(true)) closes the SM's
+// delivery gate: none of its reactors is notified and none of its timers fires, whoever wrote the
+// handler. The gate covers every reactor and timer the SM makes while it is built by its factory
+// and while its own handlers run, child SMs' included. When delivery is back on, timers that came
+// due fire and handleResync() brings the SM up to date with its inputs.
+class VemoBaseSm : public Zol::PtrInterface, public Zol::GateOwner {
  public:
   explicit VemoBaseSm(Zol::Ptr<VemoCommonSmData> const& commonData);
 
-  // Switches the SM's reactions off and on (the SM's handlers test hasNotificationActive()).
-  virtual void hasNotificationActiveIs(bool active) { hasNotificationActive_ = active; }
+  // Switches the SM's reactions off and on.
+  virtual void hasNotificationActiveIs(bool active);
   virtual std::string_view fwkType() const { return "Vemo::VemoBaseSm"; }
   ~VemoBaseSm() override;
   // The first full pass over the inputs; runs on every change of initialized.
   virtual void handleInitialized() {}
-  // Does nothing when v equals the stored value; otherwise stores it and runs handleInitialized().
+  // Does nothing when v equals the stored value; otherwise stores it and runs handleInitialized(),
+  // at once, or when delivery is back on if it is off.
   virtual void initializedIs(bool v);
   // Called when the owner is dying, so that the SM's reactors stop acting.
-  virtual void zolDoZombieReactors(bool zombie) { zombie_ = zombie; }
+  virtual void zolDoZombieReactors(bool zombie);
+  // Delivery is back on: whatever changed meanwhile was not notified. The default runs the first
+  // full pass again; an SM whose first pass may run only once overrides it.
+  virtual void handleResync() {
+    if (initialized()) handleInitialized();
+  }
 
   Zol::Ptr<VemoCommonSmData> const& commonData() const { return commonData_; }
   bool initialized() const { return initialized_; }
-  bool hasNotificationActive() const { return hasNotificationActive_ && !zombie_; }
+  bool hasNotificationActive() const { return deliveryGate().open(); }
   [[noreturn]] void vemoAssert(Zol::String const& message,
                                std::source_location where = std::source_location::current()) const {
     Vemo::vemoAssert(message, where);
   }
 
  private:
+  void deliveryUpdate();
+
   Zol::Ptr<VemoCommonSmData> commonData_;
   bool initialized_ = false;
   bool hasNotificationActive_ = true;
   bool zombie_ = false;
+  // initialized changed while delivery was off; its pass runs when delivery is back on.
+  bool initializedMissed_ = false;
 };
 
 // Base of SMs whose hardware operations complete later: the helper publishes each result in its
@@ -103,7 +119,8 @@ class VemoAsyncBaseSm : public VemoBaseSm {
 
 // Serves the common data's verification store: notes which request is being served, so that the
 // SMs' mismatch reports are filed under it, and marks the request completed once every SM has
-// had its pass.
+// had its pass, or, for a request an SM holds open (answerPending), once the last such SM has
+// answered.
 class VerifySm : public Zol::PtrInterface {
  public:
   explicit VerifySm(Zol::Ptr<VerifyData> const& verifyData);
@@ -114,16 +131,21 @@ class VerifySm : public Zol::PtrInterface {
     explicit Reactor(VerifySm* sm) : sm_(sm) {}
     void onVerify(Zol::String const& request) override { sm_->handleRequest(request, false); }
     void onReverify(Zol::String const& request) override { sm_->handleRequest(request, true); }
+    void onAnswerPending(Zol::String const& request) override { sm_->handleAnswerPending(request); }
 
    private:
     VerifySm* sm_;
   };
   void handleRequest(Zol::String const& request, bool retry);
   void handleCompleted();
+  void handleAnswerPending(Zol::String const& request);
+  void complete(Zol::String const& request, bool retry);
 
   Zol::Ptr<VerifyData> verifyData_;
   Reactor reactor_{this};
   std::vector<std::pair<Zol::String, bool>> serving_;
+  // Served, but held open by an SM that answers later.
+  std::vector<std::pair<Zol::String, bool>> waiting_;
   Zol::Clock completedClock_;
 };
 

@@ -266,6 +266,7 @@ void LagHelper::verify() {
       ++want;
     }
   }
+  for (auto const& [lag, what] : sharingDifferences()) report(lag, what);
   // Refused changes the maps do not show, such as peer-link sharing.
   for (auto const& [lag, status] : retry_) {
     if (reported.contains(lag)) continue;
@@ -278,6 +279,29 @@ void LagHelper::verify() {
     verifyData.reportMismatch("LagSm",
                               lag.stringValue() + ": the chip refused the last change as failed");
   }
+}
+
+std::vector<std::pair<Nepo::IntfId, std::string>> LagHelper::sharingDifferences() const {
+  std::vector<std::pair<Nepo::IntfId, std::string>> out;
+  if (!lagSm_) return out;
+  absl::btree_set<Nepo::IntfId> lags;
+  for (auto const& [lag, entry] : chip_.lags()) {
+    if (!entry.sharedPeerLink.isEmpty()) lags.insert(lag);
+  }
+  for (auto const& [lag, shared] : lagSm_->sharePeerLinkWithLagAll()) lags.insert(lag);
+  auto const named = [](Nepo::IntfId const& peerLink) {
+    return peerLink.isEmpty() ? std::string("none") : peerLink.stringValue();
+  };
+  for (Nepo::IntfId const& lag : lags) {
+    Chip::LagEntry const* const hw = chip_.lag(lag);
+    Nepo::IntfId const inHw = hw ? hw->sharedPeerLink : Nepo::IntfId();
+    Nepo::IntfId const inSm =
+        lagSm_->sharePeerLinkWithLag(lag) ? lagSm_->currentPeerLink() : Nepo::IntfId();
+    if (inHw == inSm) continue;
+    out.emplace_back(lag, "peer link shared in hardware " + named(inHw) +
+                              ", in sharePeerLinkWithLag " + named(inSm));
+  }
+  return out;
 }
 
 }  // namespace sim

@@ -1,5 +1,7 @@
 #include "Vemo/VemoCommon.h"
 
+#include <utility>
+
 ZOL_TRACE_MODULE("VemoBaseSm")
 
 namespace Vemo {
@@ -11,7 +13,36 @@ VemoBaseSm::~VemoBaseSm() = default;
 void VemoBaseSm::initializedIs(bool v) {
   if (v == initialized_) return;
   initialized_ = v;
+  if (!hasNotificationActive()) {
+    initializedMissed_ = true;
+    return;
+  }
+  Zol::DeliveryGate::Scope const scope(&deliveryGate());
   handleInitialized();
+}
+
+void VemoBaseSm::hasNotificationActiveIs(bool active) {
+  hasNotificationActive_ = active;
+  deliveryUpdate();
+}
+
+void VemoBaseSm::zolDoZombieReactors(bool zombie) {
+  zombie_ = zombie;
+  deliveryUpdate();
+}
+
+void VemoBaseSm::deliveryUpdate() {
+  bool const open = hasNotificationActive_ && !zombie_;
+  if (open == deliveryGate().open()) return;
+  ZOL_TRACE(5, fwkType() << (open ? " delivery on" : " delivery off"));
+  deliveryGate().openIs(open);
+  if (!open) return;
+  Zol::DeliveryGate::Scope const scope(&deliveryGate());
+  if (std::exchange(initializedMissed_, false)) {
+    handleInitialized();
+  } else {
+    handleResync();
+  }
 }
 
 VemoAsyncBaseSm::VemoAsyncBaseSm(Zol::Ptr<VemoCommonSmData> const& commonData,
@@ -40,7 +71,6 @@ void VemoAsyncBaseSm::handlePendingOperationTimeout() {
 void VemoAsyncBaseSm::handleAsyncOperationResult() { Vemo::vemoAssert("0"); }
 
 void VemoAsyncBaseSm::HelperReactor::onAsyncOperationResult() {
-  if (!sm_->hasNotificationActive()) return;
   sm_->pendingOperationTimeoutClock_.timeMinIs(Zol::Clock::never);
   AsyncOperationResult const& r = notifier()->asyncOperationResult();
   sm_->asyncState_ = r.error().empty() ? AsyncOperationState::asyncOperationDone

@@ -1,5 +1,7 @@
 #include "Vemo/VemoCommon.h"
 
+#include <utility>
+
 ZOL_TRACE_MODULE("VerifySm")
 
 namespace Vemo {
@@ -10,6 +12,21 @@ void VerifyData::requestVerify(Zol::String const& request) {
 
 void VerifyData::requestReverify(Zol::String const& request) {
   reverifyIs(request, reverify(request) + 1);
+}
+
+// An SM that cannot check yet (not started) holds the request open; it is completed once every
+// such SM has given its answer.
+void VerifyData::answerDeferred(Zol::String const& request) {
+  answerPendingIs(request, answerPending(request) + 1);
+}
+
+void VerifyData::answerGiven(Zol::String const& request) {
+  Zol::U32 const left = answerPending(request);
+  if (left <= 1) {
+    answerPendingDel(request);
+  } else {
+    answerPendingIs(request, left - 1);
+  }
 }
 
 void VerifyData::reportMismatch(Zol::String const& sm, Zol::String const& text) {
@@ -43,12 +60,33 @@ void VerifySm::handleRequest(Zol::String const& request, bool retry) {
 }
 
 void VerifySm::handleCompleted() {
-  for (auto const& [request, retry] : serving_) {
-    Zol::U32 const gen = retry ? verifyData_->reverify(request) : verifyData_->verify(request);
-    ZOL_TRACE(8, "completed " << request << " mismatches " << verifyData_->mismatchesOf(request));
-    verifyData_->completedIs(request, gen);
+  for (auto const& entry : std::exchange(serving_, {})) {
+    if (verifyData_->answerPendingHas(entry.first)) {
+      ZOL_TRACE(8, "waiting " << entry.first);
+      waiting_.push_back(entry);
+    } else {
+      complete(entry.first, entry.second);
+    }
   }
-  serving_.clear();
+}
+
+void VerifySm::handleAnswerPending(Zol::String const& request) {
+  if (verifyData_->answerPendingHas(request)) return;
+  std::vector<std::pair<Zol::String, bool>> stillWaiting;
+  for (auto& entry : std::exchange(waiting_, {})) {
+    if (entry.first == request) {
+      complete(entry.first, entry.second);
+    } else {
+      stillWaiting.push_back(std::move(entry));
+    }
+  }
+  waiting_ = std::move(stillWaiting);
+}
+
+void VerifySm::complete(Zol::String const& request, bool retry) {
+  Zol::U32 const gen = retry ? verifyData_->reverify(request) : verifyData_->verify(request);
+  ZOL_TRACE(8, "completed " << request << " mismatches " << verifyData_->mismatchesOf(request));
+  verifyData_->completedIs(request, gen);
 }
 
 }  // namespace Vemo

@@ -34,6 +34,8 @@ LagSm::~LagSm() {
   // Every port-channel goes; none may take back a port another one releases on the way.
   contested_.clear();
   for (auto& [lag, status] : status_) status->handleDel();
+  // Requests held for this SM's answer must not wait for ever.
+  for (Zol::String const& request : pendingVerify_) verifyData()->answerGiven(request);
 }
 
 Zol::Ptr<LagSm> lagSmFactory(
@@ -47,13 +49,50 @@ Zol::Ptr<LagSm> lagSmFactory(
 void LagSm::handleInitialized() {
   if (!initialized()) return;
   ZOL_TRACE(8, "handleInitialized");
+  if (started_) {
+    resync();
+    return;
+  }
+  started_ = true;
   // The helper is readied here, before the first port-channel is created.
   helper_->hwInit();
   handleOperationalMode();
   if (!mlagStatus_ && lagMounter_) lagMounter_->doMount("Mlag::Status");
   for (auto& [lag, status] : status_) status->handleInitialized();
   lagInputIntfDeviceNameDir_->containsLocalDevicesIs(true);
-  if (!pendingVerify_.empty()) verifyData()->requestVerify(std::exchange(pendingVerify_, {}));
+  answerPendingVerify();
+}
+
+void LagSm::resync() {
+  ZOL_TRACE(5, "resync");
+  handleOperationalMode();
+  // Statuses that went, or were replaced, while nothing was acted on go first, so that their
+  // ports are free for the port-channels that list them now.
+  std::vector<Nepo::IntfId> gone;
+  for (auto const& [lag, status] : status_) {
+    if (!status->statusExists()) gone.push_back(lag);
+  }
+  for (Nepo::IntfId const& lag : gone) statusDel(lag);
+  // Key order: where two statuses list one port, the same one wins on every run.
+  absl::btree_set<Nepo::IntfId> lags;
+  for (auto const& [lag, entity] : ethLagIntfStatusDir_->intfStatusAll()) lags.insert(lag);
+  for (Nepo::IntfId const& lag : lags) {
+    ZolStatus* const reactor = status(lag);
+    if (reactor && reactor->initialized()) {
+      reactor->resync();
+    } else {
+      newStatus(lag);
+    }
+  }
+  handleMlagStateOrPeerLinkIntf();
+  answerPendingVerify();
+}
+
+void LagSm::answerPendingVerify() {
+  for (Zol::String const& request : std::exchange(pendingVerify_, {})) {
+    verifyData()->requestVerify(request);
+    verifyData()->answerGiven(request);
+  }
 }
 
 LagSm::ZolStatus* LagSm::status(Nepo::IntfId const& lag) const {
@@ -77,22 +116,46 @@ VemoLagPortList const& LagSm::lagToPortOrEmpty(Nepo::IntfId const& lag) const {
 }
 
 void LagSm::newStatus(Nepo::IntfId const& lag) {
+  if (stopped()) return;
   Zol::Ptr<Interface::EthLagIntfStatus const> const entity = ethLagIntfStatusDir_->intfStatus(lag);
-  if (ZolStatus* existing = status(lag)) {
-    if (existing->notifier() == entity) return;
+  ZolStatus* existing = status(lag);
+  if (existing && existing->notifier() != entity) {
     // Deleted and created again between two passes: the old status is gone.
     statusDel(lag);
+    existing = nullptr;
   }
-  auto [it, inserted] = status_.emplace(lag, std::make_unique<ZolStatus>(this, entity));
-  it->second->handleInitialized();
+  if (!existing) {
+    existing = status_.emplace(lag, std::make_unique<ZolStatus>(this, entity)).first->second.get();
+  }
+  if (existing->initialized()) return;
+  existing->handleInitialized();
+  // A peer link whose status (re)appears is valid again.
+  if (initialized() && mlagStatus_ && mlagStatus_->peerLinkIntf() == lag &&
+      currentPeerLink_ != lag) {
+    handleMlagStateOrPeerLinkIntf();
+  }
 }
 
 void LagSm::statusDel(Nepo::IntfId const& lag) {
+  if (stopped()) return;
   auto it = status_.find(lag);
   if (it == status_.end()) return;
   std::unique_ptr<ZolStatus> const gone = std::move(it->second);
   status_.erase(it);
+  forgetContested(lag);
+  // The peer link is valid only while its status exists: sharing it is withdrawn before the
+  // peer link itself is cleaned up.
+  if (initialized() && lag == currentPeerLink_ && !disableCleanupOnRestart_) {
+    handleMlagStateOrPeerLinkIntf();
+  }
   gone->handleDel();
+}
+
+void LagSm::forgetContested(Nepo::IntfId const& lag) {
+  absl::erase_if(contested_, [&lag](auto& entry) {
+    std::erase(entry.second, lag);
+    return entry.second.empty();
+  });
 }
 
 bool LagSm::isIntfManaged(Nepo::IntfId const& intf) const {
@@ -205,9 +268,22 @@ bool LagSm::ZolStatus::statusExists() const {
   return sm_->ethLagIntfStatusDir_->intfStatus(intf_) == notifier();
 }
 
+bool LagSm::ZolStatus::active() const { return initialized_ && sm_->initialized(); }
+
 void LagSm::ZolStatus::writeDeviceName() {
   Zol::String const& name = notifier()->deviceName();
-  if (!name.empty()) sm_->lagInputIntfDeviceNameDir_->deviceNameIs(intf_, name);
+  Lag::Input::IntfDeviceNameDir& names = *sm_->lagInputIntfDeviceNameDir_;
+  if (!name.empty()) {
+    names.deviceNameIs(intf_, name);
+  } else if (names.deviceNameHas(intf_)) {
+    ZOL_TRACE(6, "Removing deviceName input for " << intf_);
+    names.deviceNameDel(intf_);
+  }
+}
+
+void LagSm::ZolStatus::resync() {
+  writeDeviceName();
+  handleIntf();
 }
 
 void LagSm::ZolStatus::handleInitialized() {
@@ -222,7 +298,7 @@ void LagSm::ZolStatus::handleInitialized() {
 }
 
 void LagSm::ZolStatus::handleIntf() {
-  if (!initialized_) return;
+  if (!active()) return;
   ZOL_TRACE(8, "handleIntf " << intf_);
   VemoLagPortList list;
   for (auto const& [member, present] : notifier()->memberAll()) {
@@ -234,19 +310,17 @@ void LagSm::ZolStatus::handleIntf() {
   } else {
     doUpdatePortList(list);
   }
-  if (!sm_->pendingVerify_.empty()) {
-    sm_->verifyData()->requestVerify(std::exchange(sm_->pendingVerify_, {}));
-  }
+  sm_->answerPendingVerify();
 }
 
 void LagSm::ZolStatus::onMember(Nepo::IntfId const& member) { handleIntf(member); }
 
 void LagSm::ZolStatus::onDeviceName() {
-  if (initialized_) writeDeviceName();
+  if (active()) writeDeviceName();
 }
 
 void LagSm::ZolStatus::handleIntf(Nepo::IntfId const& member) {
-  if (!initialized_) return;
+  if (!active()) return;
   ZOL_TRACE(8, "handleIntf"
                    << " intfName " << member);
   if (member.isPeer() || !sm_->isIntfManaged(member)) return;

@@ -1,7 +1,8 @@
 // The port-channel SM's MLAG side: sharing the peer link's members with MLAG interfaces.
 //
 // The rule reads Mlag::Status as follows. The peering is valid as primary or secondary; the peer
-// link is valid when it names a port-channel (its members are that port-channel's lagToPort).
+// link is valid when it names a port-channel whose status exists (its members are that
+// port-channel's lagToPort).
 // A port-channel shares the peer link while fast MAC redirection is on, it is an MLAG interface
 // (an intfStatus entry) and both its local and its peer state are intfStateUp: traffic for it
 // can then fall back to the peer link at once when its own members fail.
@@ -46,7 +47,10 @@ bool LagSm::mlagStateValid() const {
 }
 
 bool LagSm::peerLinkValid() const {
-  return mlagStatus_ && mlagStatus_->peerLinkIntf().isPortChannel();
+  if (!mlagStatus_ || !mlagStatus_->peerLinkIntf().isPortChannel()) return false;
+  // Only while its status exists: a removed peer link's members back up nothing.
+  ZolStatus const* const peerLink = status(mlagStatus_->peerLinkIntf());
+  return peerLink && peerLink->initialized();
 }
 
 void LagSm::maybeSharePeerLinkWithLag(Nepo::IntfId const& lag, VemoLagPortList const& members) {

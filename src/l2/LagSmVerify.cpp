@@ -25,8 +25,9 @@ std::vector<Nepo::IntfId> sortedKeys(Map const& m) {
 void LagSm::handleVerify(Zol::String const& request) {
   ZOL_TRACE(8, "handleVerify " << request);
   if (!initialized()) {
-    // Nothing is programmed yet; the check runs once the first pass is done.
-    pendingVerify_ = request;
+    // Nothing is programmed yet: the request waits for this SM's answer, given once the first
+    // pass is done.
+    if (pendingVerify_.insert(request).second) verifyData()->answerDeferred(request);
     return;
   }
   verifyMaps();
@@ -35,7 +36,10 @@ void LagSm::handleVerify(Zol::String const& request) {
 
 void LagSm::handleRetryVerify(Zol::String const& request) {
   ZOL_TRACE(8, "handleRetryVerify " << request);
-  if (!initialized()) return;
+  if (!initialized()) {
+    handleVerify(request);
+    return;
+  }
   verifyMaps();
   helper_->handleRetryVerify();
 }

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -27,6 +29,95 @@ TEST(VemoBaseSm, InitializedRunsTheFirstPassOncePerChange) {
   EXPECT_EQ(sm->passes, 1);
   sm->initializedIs(false);
   EXPECT_EQ(sm->passes, 2);
+}
+
+// Counts what reaches it: a reactor made while it is built, one made later by a handler, an
+// immediate notification and a timer.
+class GatedSm : public Vemo::VemoBaseSm {
+ public:
+  explicit GatedSm(Zol::Ptr<Vemo::VemoCommonSmData> const& cd)
+      : VemoBaseSm(cd), clock([this] { ++fired; }) {
+    common.notifierIs(cd);
+  }
+  void handleInitialized() override { ++passes; }
+
+  struct Verify : Vemo::VerifyData::NotifieeConst {
+    explicit Verify(GatedSm* sm) : sm(sm) {}
+    void onVerify(Zol::String const&) override { ++sm->verifies; }
+    GatedSm* sm;
+  };
+  struct Common : Vemo::VemoCommonSmData::NotifieeConst {
+    explicit Common(GatedSm* sm) : sm(sm) {}
+    void onOperationalMode() override {
+      ++sm->modes;
+      if (sm->verify) return;
+      sm->verify = std::make_unique<Verify>(sm);
+      sm->verify->notifierIs(notifier()->verifyData());
+    }
+    void onIntfzolImmediate(Nepo::IntfId const&) override { ++sm->immediates; }
+    GatedSm* sm;
+  };
+
+  int passes = 0, modes = 0, verifies = 0, immediates = 0, fired = 0;
+  Common common{this};
+  std::unique_ptr<Verify> verify;
+  Zol::Clock clock;
+};
+
+TEST(VemoBaseSm, SwitchedOffSmGetsNothingAndResyncsWhenBackOn) {
+  ActivityLoop loop(ActivityLoop::TimeMode::simulated);
+  auto const cd = Vemo::vemoCommonSmDataFactory("x");
+  auto const sm = Zol::make<GatedSm>(cd);
+  sm->initializedIs(true);
+  cd->operationalModeIs(Vemo::HwOperationalMode::modeTapAgg);
+  loop.runUntilIdle();
+  ASSERT_TRUE(sm->verify);
+  int mode = 0;
+  auto const change = [&] {
+    cd->operationalModeIs(++mode % 2 ? Vemo::HwOperationalMode::modeNormal
+                                     : Vemo::HwOperationalMode::modeTapAgg);
+    cd->verifyData()->requestVerify("r");
+    cd->intfIs(Nepo::IntfId::fromString("Ethernet" + std::to_string(mode)), true);
+    sm->clock.timeMinIs(Zol::now() + 1);
+    loop.advanceBy(5);
+  };
+  change();
+  EXPECT_EQ(std::vector<int>({sm->passes, sm->modes, sm->verifies, sm->immediates, sm->fired}),
+            std::vector<int>({1, 2, 1, 1, 1}));
+
+  using Switch = std::function<void(bool)>;
+  for (Switch const& turn : {Switch([&](bool on) { sm->hasNotificationActiveIs(on); }),
+                             Switch([&](bool on) { sm->zolDoZombieReactors(!on); })}) {
+    turn(false);
+    EXPECT_FALSE(sm->hasNotificationActive());
+    std::vector<int> const before{sm->passes, sm->modes, sm->verifies, sm->immediates, sm->fired};
+    change();
+    sm->initializedIs(false);
+    sm->initializedIs(true);
+    EXPECT_EQ(std::vector<int>({sm->passes, sm->modes, sm->verifies, sm->immediates, sm->fired}),
+              before);
+    // Back on: one resync pass (by default the first pass again); the timer that came due fires
+    // in the next pass.
+    turn(true);
+    EXPECT_EQ(sm->passes, before[0] + 1);
+    EXPECT_EQ(sm->fired, before[4]);
+    loop.runUntilIdle();
+    EXPECT_EQ(sm->fired, before[4] + 1);
+    change();
+    EXPECT_EQ(sm->modes, before[1] + 1);
+    EXPECT_EQ(sm->verifies, before[2] + 1);
+  }
+  // A timer armed again while held waits for its new deadline only.
+  sm->hasNotificationActiveIs(false);
+  sm->clock.timeMinIs(Zol::now() + 1);
+  loop.advanceBy(2);
+  sm->clock.timeMinIs(Zol::now() + 10);
+  sm->hasNotificationActiveIs(true);
+  int const fired = sm->fired;
+  loop.advanceBy(5);
+  EXPECT_EQ(sm->fired, fired);
+  loop.advanceBy(5);
+  EXPECT_EQ(sm->fired, fired + 1);
 }
 
 TEST(VemoAsyncBaseHelperDeathTest, PrioritiesCountDownAndFirstResultIsStampedNow) {

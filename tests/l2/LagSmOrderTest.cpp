@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -39,6 +40,7 @@ class MockLagHelper : public VemoHelper::VemoHelperLagSm {
   MOCK_METHOD(bool, intfManagedCheckOverride, (), (const, override));
   MOCK_METHOD(bool, isIntfManaged, (IntfId const&), (const, override));
   MOCK_METHOD(void, maybeShareLagMembership, (IntfId const&, IntfId const&, bool), (override));
+  MOCK_METHOD(void, handleVerify, (), (override));
 };
 
 class MockMounter : public Vemo::LagMounter {
@@ -188,6 +190,30 @@ TEST_F(LagSmOrderTest, StartSetsUpMountsThenProgramsAndNothingHappensBefore) {
   EXPECT_EQ(cd->portToLag(eth(3)), po(1));
   EXPECT_EQ(cd->portToLag(eth(2)), po(2));
   EXPECT_EQ(names->deviceName(po(1)), "po1");
+
+  // A cleared name is withdrawn; a new one is published again.
+  s1->deviceNameIs("");
+  run();
+  EXPECT_FALSE(names->deviceNameHas(po(1)));
+  s1->deviceNameIs("po1b");
+  run();
+  EXPECT_EQ(names->deviceName(po(1)), "po1b");
+}
+
+TEST_F(LagSmOrderTest, VerifyRequestedBeforeStartIsAnsweredAfterItWithTheCheck) {
+  status(1, {eth(1)});
+  cd->portToLagIs(eth(9), po(5));  // a stray entry the check must find
+  Zol::Ptr<Vemo::VerifyData> const verify = cd->verifyData();
+  EXPECT_CALL(*helper, handleVerify()).Times(0);
+  verify->requestVerify("early");
+  run();
+  EXPECT_FALSE(verify->completedHas("early"));
+  testing::Mock::VerifyAndClearExpectations(helper.ptr());
+
+  EXPECT_CALL(*helper, handleVerify());
+  start();
+  EXPECT_EQ(verify->completed("early"), verify->verify("early"));
+  EXPECT_EQ(verify->mismatchesOf("early"), 1u);
 }
 
 TEST_F(LagSmOrderTest, OperationalModeSwitchesLacpOnceStarted) {
@@ -260,6 +286,14 @@ TEST_F(LagSmOrderTest, PortListedTwiceEndsInTheLastUpdatedLagAndReturnsWhenRelea
   run();
   EXPECT_EQ(cd->lagToPort(po(1)), ports({eth(1)}));
   EXPECT_EQ(cd->portToLag(eth(1)), po(1));
+
+  // A port-channel that goes takes nothing back any more.
+  s2->memberIs(eth(1), true);
+  run();
+  EXPECT_EQ(sm->contestedPortSize(), 1u);
+  dir->intfStatusDel(po(1));
+  run();
+  EXPECT_EQ(sm->contestedPortSize(), 0u);
 }
 
 TEST_F(LagSmOrderTest, FullPassKeepsOnlyManagedLocalMembers) {
@@ -391,6 +425,60 @@ TEST_F(LagSmOrderTest, LagSharesThePeerLinkWhileEveryConditionHolds) {
   EXPECT_EQ(run(),
             (Log{"unshare Port-Channel20 Port-Channel1", "unshare Port-Channel20 Port-Channel2",
                  "unshare Port-Channel20 Port-Channel3"}));
+}
+
+TEST_F(LagSmOrderTest, PeerLinkIsSharedOnlyWhileItsStatusExists) {
+  status(1, {eth(1)});
+  start();
+  sm->mlagStatusIs(mlagStatus(po(10), {po(1)}));
+  EXPECT_THAT(run(), IsEmpty());
+  status(10, {});
+  EXPECT_EQ(run(), (Log{"destroy Port-Channel10", "share Port-Channel10 Port-Channel1"}));
+  dir->intfStatusDel(po(10));
+  EXPECT_EQ(run(), (Log{"unshare Port-Channel10 Port-Channel1", "destroy Port-Channel10"}));
+  EXPECT_FALSE(sm->sharePeerLinkWithLag(po(1)));
+  status(10, {eth(10)});
+  EXPECT_THAT(run(), Contains("share Port-Channel10 Port-Channel1"));
+  EXPECT_TRUE(sm->sharePeerLinkWithLag(po(1)));
+}
+
+// Paused, stopped or dying, the SM acts on nothing; back on, it catches up with what changed.
+TEST_F(LagSmOrderTest, SwitchedOffSmActsOnNothingAndResyncsWhenBackOn) {
+  auto const s1 = status(1, {eth(1)}, "po1");
+  start();
+  EXPECT_CALL(*helper, hwInit()).Times(0);
+  using Switch = std::function<void(bool)>;
+  std::vector<std::pair<std::string, Switch>> const switches{
+      {"delivery", [&](bool on) { sm->hasNotificationActiveIs(on); }},
+      {"initialized", [&](bool on) { sm->initializedIs(on); }},
+      {"zombie", [&](bool on) { sm->zolDoZombieReactors(!on); }}};
+  uint32_t n = 1;
+  for (auto const& [name, turn] : switches) {
+    SCOPED_TRACE(name);
+    ++n;
+    status(10 + n, {eth(10 + n)}, "gone");
+    run();
+    turn(false);
+    s1->memberIs(eth(n), true);
+    s1->deviceNameIs(n % 2 ? "po1" : "");
+    dir->intfStatusDel(po(10 + n));
+    // The removed port-channel's port goes to the one that lists it now.
+    status(20, {eth(20)}, "po20")->memberIs(eth(10 + n), true);
+    cd->operationalModeIs(n % 2 ? HwOperationalMode::modeNormal : HwOperationalMode::modeTapAgg);
+    EXPECT_THAT(run(), IsEmpty());
+    EXPECT_FALSE(cd->portToLagHas(eth(n)));
+    EXPECT_TRUE(cd->lagToPortHas(po(10 + n)));
+
+    turn(true);
+    Log const back = run();
+    EXPECT_THAT(back, Contains(n % 2 ? "lacp on" : "lacp off"));
+    EXPECT_THAT(back, Contains("destroy Port-Channel" + std::to_string(10 + n)));
+    EXPECT_EQ(cd->portToLag(eth(n)), po(1));
+    EXPECT_EQ(cd->portToLag(eth(10 + n)), po(20));
+    EXPECT_FALSE(cd->lagToPortHas(po(10 + n)) || names->deviceNameHas(po(10 + n)));
+    EXPECT_EQ(names->deviceNameHas(po(1)), n % 2 == 1);
+    EXPECT_EQ(names->deviceName(po(20)), "po20");
+  }
 }
 
 }  // namespace

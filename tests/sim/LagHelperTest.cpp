@@ -159,4 +159,37 @@ TEST(SimLagHelper, VerifyReportsEachDifferenceAndNothingWhenTheyAgree) {
       ElementsAre("Port-Channel1: hardware programming pending retry, the chip answered busy"));
 }
 
+TEST(SimLagHelper, VerifyComparesPeerLinkSharingWithTheSm) {
+  Bench b;
+  auto const dir = Zol::make<Interface::EthLagIntfStatusDir>("lagStatus");
+  for (auto [lag, member] : {std::pair{"Port-Channel1", "Ethernet1"},
+                             {"Port-Channel2", "Ethernet2"},
+                             {"Port-Channel8", "Ethernet8"}}) {
+    dir->intfStatusIs(intf(lag))->memberIs(intf(member), true);
+  }
+  auto const sm = Vemo::lagSmFactory(
+      b.cd, dir, Zol::make<Lag::Input::IntfDeviceNameDir>("deviceNames"), b.helper);
+  b.helper->lagSmIs(sm.ptr());
+  sm->initializedIs(true);
+  auto const mlag = Zol::make<Mlag::Status>("mlag");
+  mlag->stateIs(Mlag::State::statePrimary);
+  mlag->peerLinkIntfIs(intf("Port-Channel8"));
+  mlag->fastMacRedirectionIs(true);
+  mlag->intfStatusIs(intf("Port-Channel1"),
+                     Mlag::IntfStatus(Mlag::IntfState::intfStateUp, Mlag::IntfState::intfStateUp));
+  sm->mlagStatusIs(mlag);
+  b.loop.runUntilIdle();
+  ASSERT_EQ(b.chip.lag(intf("Port-Channel1"))->sharedPeerLink, intf("Port-Channel8"));
+  EXPECT_THAT(b.verify(), IsEmpty());
+
+  // The chip keeps a share the SM does not hold, and loses one it does.
+  ASSERT_EQ(b.chip.lagShareIs(intf("Port-Channel2"), intf("Port-Channel8"), true), Status::ok);
+  ASSERT_EQ(b.chip.lagShareIs(intf("Port-Channel1"), intf("Port-Channel8"), false), Status::ok);
+  EXPECT_THAT(b.verify(), ElementsAre("Port-Channel1: peer link shared in hardware none, in "
+                                      "sharePeerLinkWithLag Port-Channel8",
+                                      "Port-Channel2: peer link shared in hardware Port-Channel8, "
+                                      "in sharePeerLinkWithLag none"));
+  b.helper->lagSmIs(nullptr);
+}
+
 }  // namespace

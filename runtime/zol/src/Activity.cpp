@@ -174,4 +174,77 @@ void ActivityLoop::heapRemove(size_t i) {
   }
 }
 
+// ---------------------------------------------------------------------------------------------
+// Delivery gates.
+
+namespace {
+
+struct GateContext {
+  DeliveryGate* current = nullptr;
+  // A construction by make() whose gate owner has not claimed it yet.
+  bool claimable = false;
+};
+thread_local GateContext gateContext;
+
+}  // namespace
+
+DeliveryGate::~DeliveryGate() {
+  // Held timers keep a counted reference to their gate, so none can be left here.
+  ZOL_ASSERT(held_.empty());
+}
+
+DeliveryGate* DeliveryGate::current() { return gateContext.current; }
+
+void DeliveryGate::openIs(bool open) {
+  if (open == open_) return;
+  open_ = open;
+  if (!open) return;
+  // Timers that came due meanwhile fire in the next pass, in the order they came due.
+  std::vector<Clock*> const held = std::move(held_);
+  held_.clear();
+  for (Clock* c : held) {
+    c->held_ = false;
+    c->timeMinIs(c->loop().now());
+  }
+}
+
+void DeliveryGate::hold(Clock* c) {
+  c->held_ = true;
+  held_.push_back(c);
+}
+
+void DeliveryGate::unhold(Clock* c) {
+  c->held_ = false;
+  std::erase(held_, c);
+}
+
+DeliveryGate::Scope::Scope(DeliveryGate* gate)
+    : keep_(gate), savedGate_(gateContext.current), savedClaimable_(gateContext.claimable) {
+  gateContext = GateContext{gate, false};
+}
+
+DeliveryGate::Scope::Scope(Claimable)
+    : savedGate_(gateContext.current), savedClaimable_(gateContext.claimable) {
+  gateContext.claimable = true;
+}
+
+DeliveryGate::Scope::~Scope() { gateContext = GateContext{savedGate_, savedClaimable_}; }
+
+GateOwner::GateOwner() : gate_(new DeliveryGate) {
+  // Built outside make(), the owner's gate governs nothing it makes: those belong to the gate
+  // current around it.
+  if (!gateContext.claimable) return;
+  gateContext = GateContext{gate_.ptr(), false};
+}
+
+void Clock::fire() {
+  timeMin_ = never;
+  if (gate_ && !gate_->open()) {
+    gate_->hold(this);
+    return;
+  }
+  DeliveryGate::Scope const scope(gate_.ptr());
+  if (handler_) handler_();
+}
+
 }  // namespace Zol

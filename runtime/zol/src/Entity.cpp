@@ -95,7 +95,10 @@ void Entity::zolDeliver(uint32_t attr, void const* key) const {
   size_t const n = notifiees_.size();
   for (size_t i = 0; i < n; ++i) {
     NotifieeBase* r = notifiees_[i];
-    if (r && r->active_ && (r->deferredMask_ & bit)) zolDispatch(*r, attr, key, false);
+    if (r && r->receiving() && (r->deferredMask_ & bit)) {
+      DeliveryGate::Scope const scope(r->gate_.ptr());
+      zolDispatch(*r, attr, key, false);
+    }
   }
   if (--iterating_ == 0 && notifiees_.size() != liveNotifiees_) {
     std::erase(notifiees_, nullptr);
@@ -110,7 +113,10 @@ void Entity::zolImmediate(uint32_t attr, void const* key) {
   size_t const n = notifiees_.size();
   for (size_t i = 0; i < n; ++i) {
     NotifieeBase* r = notifiees_[i];
-    if (r && r->active_ && (r->immediateMask_ & bit)) zolDispatch(*r, attr, key, true);
+    if (r && r->receiving() && (r->immediateMask_ & bit)) {
+      DeliveryGate::Scope const scope(r->gate_.ptr());
+      zolDispatch(*r, attr, key, true);
+    }
   }
   if (--iterating_ == 0 && notifiees_.size() != liveNotifiees_) {
     std::erase(notifiees_, nullptr);

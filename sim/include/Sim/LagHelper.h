@@ -7,7 +7,10 @@
 
 #include <array>
 #include <cstdint>
+#include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "Sim/Chip.h"
 #include "Vemo/LagSm.h"
@@ -35,6 +38,11 @@ class LagHelper : public VemoHelper::VemoHelperLagSm {
                                bool share) override;
   void handleVerify() override;
   void handleRetryVerify() override;
+
+  // The SM this helper serves: verification compares the chip's peer-link sharing with its
+  // sharePeerLinkWithLag. Not counted, as the SM holds the helper: whoever drops the SM clears it
+  // first. Without one, sharing is not checked.
+  void lagSmIs(Vemo::LagSm const* sm) { lagSm_ = sm; }
 
   // Whether the chip, rather than the common data's interface list, says which interfaces are
   // programmed (default true).
@@ -87,9 +95,12 @@ class LagHelper : public VemoHelper::VemoHelperLagSm {
   void settle(Nepo::IntfId const& lag, Op op, Status s);
   void handleRetry();
   void verify();
+  // Each port-channel whose peer-link sharing differs between the chip and the SM, in key order.
+  std::vector<std::pair<Nepo::IntfId, std::string>> sharingDifferences() const;
 
   Chip& chip_;
   Zol::Ptr<Vemo::VemoCommonSmData> commonData_;
+  Vemo::LagSm const* lagSm_ = nullptr;
   bool ready_ = false;
   bool managedCheckOverride_ = true;
   absl::btree_map<Nepo::IntfId, Desired> desired_;

@@ -200,5 +200,5 @@ TEST(Binding, ReadsAndWritesAttributesByNameAndListsEntriesInKeyOrder) {
             R"({"verify":{"a":1,"alpha":5,"b1":2,"b10":3,"b9":2,"kappa":5,"mu":2,"omega":5,)"
             R"("zeta":4},"reverify":{},"completed":{},"mismatch":{"2":{"request":"","sm":"arp",)"
             R"("text":""},"10":{"request":"","sm":"","text":"late"}},"nextMismatch":7,)"
-            R"("currentRequest":""})");
+            R"("currentRequest":"","answerPending":{}})");
 }

@@ -8,11 +8,74 @@
 #include <limits>
 #include <vector>
 
+#include "Zol/Ptr.h"
 #include "Zol/Types.h"
 
 namespace Zol {
 
 class Clock;
+
+// Switches delivery off and on for everything one owner (a feature SM) reacts with. Reactors and
+// timers belong to the gate that is current when they are made: a reactor of a closed gate
+// receives nothing (nothing is queued for it), and a timer of a closed gate that comes due waits
+// and fires in the first pass after the gate reopens. Whatever runs on behalf of a gate (delivery
+// to one of its reactors, one of its timers) runs with that gate current, so that what it makes
+// belongs to the same owner.
+class DeliveryGate : public PtrInterface {
+ public:
+  DeliveryGate() = default;
+  ~DeliveryGate() override;
+  bool open() const { return open_; }
+  void openIs(bool open);
+
+  // The gate that reactors and timers made now belong to; null when none.
+  static DeliveryGate* current();
+
+  // Makes gate (which may be null) current for the scope's lifetime.
+  class Scope {
+   public:
+    explicit Scope(DeliveryGate* gate);
+    // Opened by make() around the construction of a GateOwner: the first gate owner constructed
+    // in it makes its gate current for the rest of that construction.
+    struct Claimable {};
+    explicit Scope(Claimable);
+    ~Scope();
+    Scope(Scope const&) = delete;
+    Scope& operator=(Scope const&) = delete;
+
+   private:
+    // A handler may drop the owner it runs for, and with it the last other reference.
+    Ptr<DeliveryGate> keep_;
+    DeliveryGate* savedGate_;
+    bool savedClaimable_;
+  };
+
+ private:
+  friend class Clock;
+  friend class GateOwner;
+  void hold(Clock* c);
+  void unhold(Clock* c);
+
+  bool open_ = true;
+  std::vector<Clock*> held_;
+};
+
+// Base of objects whose reactors and timers are switched off and on together (the feature SMs).
+// Built through Zol::make, it owns every reactor and timer made during the rest of its
+// construction, and (through delivery) every one its handlers make.
+class GateOwner {
+ public:
+  DeliveryGate& deliveryGate() const { return *gate_; }
+
+ protected:
+  GateOwner();
+  ~GateOwner() = default;
+  GateOwner(GateOwner const&) = delete;
+  GateOwner& operator=(GateOwner const&) = delete;
+
+ private:
+  Ptr<DeliveryGate> gate_;
+};
 
 // Intrusive links of a queued notification; the list is circular around a sentinel, so a record
 // can leave whichever list (queue or pass batch) holds it.
@@ -129,7 +192,7 @@ class Clock {
   using Handler = std::function<void()>;
 
   explicit Clock(Handler handler = {}, ActivityLoop& loop = ActivityLoop::current())
-      : loop_(loop), handler_(std::move(handler)) {}
+      : loop_(loop), handler_(std::move(handler)), gate_(DeliveryGate::current()) {}
   ~Clock() { timeMinIs(never); }
   Clock(Clock const&) = delete;
   Clock& operator=(Clock const&) = delete;
@@ -138,6 +201,8 @@ class Clock {
   Seconds timeMin() const { return timeMin_; }
   // Arms the timer for t; never disarms it.
   void timeMinIs(Seconds t) {
+    // Arming anew supersedes a firing held by a closed gate.
+    if (held_) gate_->unhold(this);
     if (heapIndex_ != npos) loop_.clockDisarm(this);
     timeMin_ = t;
     if (t != never) loop_.clockArm(this, t);
@@ -147,15 +212,15 @@ class Clock {
 
  private:
   friend class ActivityLoop;
+  friend class DeliveryGate;
   static constexpr size_t npos = static_cast<size_t>(-1);
-  void fire() {
-    timeMin_ = never;
-    if (handler_) handler_();
-  }
+  void fire();
   ActivityLoop& loop_;
   Handler handler_;
+  Ptr<DeliveryGate> gate_;
   Seconds timeMin_ = never;
   size_t heapIndex_ = npos;
+  bool held_ = false;
 };
 
 }  // namespace Zol

@@ -58,7 +58,11 @@ class NotifieeBase {
 
  private:
   friend class Entity;
+  // Delivery needs this reactor switched on, and the gate of the owner it was made for open.
+  bool receiving() const { return active_ && (!gate_ || gate_->open()); }
+
   Entity const* notifier_ = nullptr;
+  Ptr<DeliveryGate> gate_{DeliveryGate::current()};
   uint64_t deferredMask_ = ~uint64_t{0};
   uint64_t immediateMask_ = ~uint64_t{0};
   bool active_ = true;
@@ -263,9 +267,15 @@ void KeyedRecord<K>::drop() {
 }
 
 // Creates an entity (or any counted object) and hands back its first reference.
+// A gate owner (a feature SM) built here owns what it makes while it is constructed.
 template <class T, class... Args>
 Ptr<T> make(Args&&... args) {
-  return Ptr<T>(new T(std::forward<Args>(args)...));
+  if constexpr (std::is_base_of_v<GateOwner, T>) {
+    DeliveryGate::Scope const scope{DeliveryGate::Scope::Claimable{}};
+    return Ptr<T>(new T(std::forward<Args>(args)...));
+  } else {
+    return Ptr<T>(new T(std::forward<Args>(args)...));
+  }
 }
 
 }  // namespace Zol
