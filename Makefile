@@ -1,13 +1,17 @@
 # The two everyday commands: `make run` and `make test`. Each installs what is missing, builds
-# from nothing if needed and runs. The others: asan, bench, fuzz, format, clean.
+# from nothing if needed and runs. The others: asan, bench, fuzz, fuzz-long, format, clean.
 SHELL := /bin/bash
 JOBS ?= $(shell nproc)
 DEPS := cmake ninja-build g++ python3 libabsl-dev rapidjson-dev libgtest-dev libgmock-dev \
         libbenchmark-dev
 FUZZ_DEPS := clang-16 libclang-rt-16-dev
 SCENARIO ?=
+# The fuzzing campaign: each target until FUZZ_LONG_RUNS executions or FUZZ_LONG_SECONDS pass,
+# one target at a time, on a corpus kept in build/fuzz/corpus between campaigns.
+FUZZ_LONG_RUNS ?= 10000000
+FUZZ_LONG_SECONDS ?= 1800
 
-.PHONY: all deps run test asan bench fuzz format clean
+.PHONY: all deps run test asan bench fuzz fuzz-long fuzz-build format clean
 
 all: build
 
@@ -34,11 +38,17 @@ bench: deps
 	cmake --build --preset release -j $(JOBS)
 	python3 tools/run-bench.py build/release/bench build/bench/results.json
 
-fuzz:
+fuzz-build:
 	@bash tools/install-deps.sh $(DEPS) $(FUZZ_DEPS)
 	cmake --preset fuzz >/dev/null
 	cmake --build --preset fuzz -j $(JOBS)
+
+fuzz: fuzz-build
 	bash tools/run-fuzz.sh build/fuzz/fuzz
+
+fuzz-long: fuzz-build
+	FUZZ_RUNS=$(FUZZ_LONG_RUNS) FUZZ_CORPUS_DIR=build/fuzz/corpus \
+	  bash tools/run-fuzz.sh build/fuzz/fuzz $(FUZZ_LONG_SECONDS)
 
 format:
 	git ls-files '*.h' '*.cpp' | xargs clang-format -i

@@ -66,6 +66,18 @@ void Bitmap::recount(uint32_t from) {
   unitBmpQuantity_ = n;
 }
 
+// A parsed bitmap must keep the count every writer keeps: bitTest reads all units, while
+// equality, hashing and printing read only the counted ones.
+char const* Bitmap::zolCheck() const {
+  for (size_t u = unitBmpQuantity_; u < unitBitmap_.size(); ++u) {
+    if (!unitBitmap_[u].isZero()) return "no non-empty unit at or above 'unitBmpQuantity'";
+  }
+  if (unitBmpQuantity_ > 0 && unitBitmap_[unitBmpQuantity_ - 1].isZero()) {
+    return "a non-empty last unit below 'unitBmpQuantity'";
+  }
+  return nullptr;
+}
+
 void Bitmap::bitmapOr(Bitmap const& other) {
   for (uint32_t u = 0; u < other.unitBmpQuantity_; ++u) {
     Tolm::PerUnitBitmap& mine = unitBitmap_[u];

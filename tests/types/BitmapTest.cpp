@@ -1,13 +1,18 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <rapidjson/document.h>
 
 #include <initializer_list>
+#include <string>
+#include <tuple>
 #include <utility>
 
 #include "Vemo/VemoTypes.h"
+#include "ZolGen/VemoTypesJson.h"
 
 namespace {
 
+using testing::HasSubstr;
 using testing::StrEq;
 using testing::ThrowsMessage;
 using Tolm::PerUnitBitmap;
@@ -108,6 +113,47 @@ TEST(Bitmap, TextFormPrintsTheUsedUnitsAndParsesBack) {
       },
       ThrowsMessage<Zol::RangeException>(
           StrEq("Bitmap::unitBmpQuantity < 0 or > Expr @VemoBitmapTypes:47 not allowed")));
+}
+
+// A count that disagrees with the listed units would let bitTest see bits that equality,
+// hashing and printing skip; both text and JSON refuse it.
+TEST(Bitmap, ParsingRejectsACountThatDisagreesWithItsUnits) {
+  std::string const zero = "Value('Tolm::PerUnitBitmap', ** {'word': [0, 0, 0, 0, 0, 0, 0, 0, 0]})";
+  std::string const one = "Value('Tolm::PerUnitBitmap', ** {'word': [1, 0, 0, 0, 0, 0, 0, 0, 0]})";
+  auto text = [](std::string const& units, int count) {
+    return "Value('VemoTypes::Bitmap', ** {'unitBitmap': [" + units +
+           "], 'unitBmpQuantity': " + std::to_string(count) + "})";
+  };
+  auto json = [](std::string const& units, int count) {
+    rapidjson::Document d;
+    std::string const s =
+        "{\"unitBitmap\": [" + units + "], \"unitBmpQuantity\": " + std::to_string(count) + "}";
+    d.Parse(s.c_str());
+    return Zol::fromJson<Bitmap>(d);
+  };
+  std::string const zeroJ = "{\"word\": [0, 0, 0, 0, 0, 0, 0, 0, 0]}";
+  std::string const oneJ = "{\"word\": [1, 0, 0, 0, 0, 0, 0, 0, 0]}";
+
+  EXPECT_EQ(Zol::valueFromString<Bitmap>(text(zero + ", " + one, 2)), bitmapOf({{1, 0}}));
+  EXPECT_EQ(json(zeroJ + ", " + oneJ, 2), bitmapOf({{1, 0}}));
+  auto const hidden = ThrowsMessage<Zol::ParseError>(HasSubstr("'unitBmpQuantity'"));
+  auto const hiddenJ = ThrowsMessage<Zol::BindError>(HasSubstr("'unitBmpQuantity'"));
+  for (auto [units, unitsJ, count] : {std::tuple{one + ", " + one, oneJ + ", " + oneJ, 1},
+                                      {one, oneJ, 0},
+                                      {one, oneJ, 2},
+                                      {one + ", " + zero, oneJ + ", " + zeroJ, 2},
+                                      {zero, zeroJ, 1}}) {
+    EXPECT_THAT([&] { Zol::valueFromString<Bitmap>(text(units, count)); }, hidden) << units;
+    EXPECT_THAT([&] { json(unitsJ, count); }, hiddenJ) << unitsJ;
+  }
+  // A unit listed twice counts once, as the last listing.
+  EXPECT_THAT(
+      [&] {
+        Zol::valueFromString<Bitmap>("Value('VemoTypes::Bitmap', ** {'unitBitmap': [" + one + ", " +
+                                     one + "], 'unitBitmap': [" + one +
+                                     "], 'unitBmpQuantity': 2})");
+      },
+      hidden);
 }
 
 }  // namespace

@@ -264,6 +264,8 @@ class FamilyEmitter:
                 val = f"{cf.name}_.value()" if cf.type.kind == "range" else f"{cf.name}_"
                 out.append(f"  size_t {f.name}_count() const {{ return std::min<size_t>({val}, "
                            f"{f.array}); }}")
+        if d.check:
+            out.append(f"  char const* {d.check}() const;")
         for m in d.members:
             out.append(f"  {m};")
         out.append("};")
@@ -588,7 +590,10 @@ class FamilyEmitter:
             out += ['  p.expect("Value(");',
                     f"  if (p.quoted() != {cstr(q)}) p.fail({cstr(chr(39) + q + chr(39))});",
                     '  p.expect(",");', '  p.expect("**");', '  p.expect("{");',
-                    f"  {n} v;", '  if (!p.consume("}")) {', "    do {",
+                    f"  {n} v;"]
+            counted = [f for f in fields if f.array and f.count_field]
+            out += [f"  size_t {f.name}Listed = 0;" for f in counted]
+            out += ['  if (!p.consume("}")) {', "    do {",
                     "      std::string const field = p.quoted();", '      p.expect(":");']
             first = True
             for f in fields:
@@ -597,11 +602,12 @@ class FamilyEmitter:
                 out.append(f"      {kw} (field == {cstr(f.name)}) {{")
                 if f.array and f.count_field:
                     out += ['        p.expect("[");', "        size_t i = 0;",
+                            f"        v.{f.name}_ = {{}};",
                             '        if (!p.consume("]")) {', "          do {",
                             f"            if (i >= {f.array}) p.fail(\"at most {f.array} elements\");",
                             f"            v.{f.name}_[i++] = Zol::textParse<{f.type.cpp}>(p);",
                             '          } while (p.consume(","));', '          p.expect("]");',
-                            "        }"]
+                            "        }", f"        {f.name}Listed = i;"]
                 else:
                     val = f"Zol::textParse<{self.field_cpp(f)}>(p)"
                     if f.min is not None or f.max is not None:
@@ -612,7 +618,16 @@ class FamilyEmitter:
             else:
                 out += [f"      p.fail(\"a field of {q}\");"]
             out += ['    } while (p.consume(","));', '    p.expect("}");', "  }",
-                    '  p.expect(")");', "  return v;", "}", ""]
+                    '  p.expect(")");']
+            # The count says how many elements print, so a text that lists another number
+            # would hide elements from (or invent them for) everything that reads the count.
+            for f in counted:
+                out += [f"  if ({f.name}Listed != v.{f.name}_count()) {{",
+                        f"    p.fail(\"'{f.count_field}' equal to the number of '{f.name}' "
+                        "elements\");", "  }"]
+            if d.check:
+                out += [f"  if (char const* why = v.{d.check}()) p.fail(why);"]
+            out += ["  return v;", "}", ""]
         # JSON
         out += [f"Zol::Json Zol::JsonTraits<{q}>::to({q} const& v, JsonAlloc& a) {{",
                 "  Json o(rapidjson::kObjectType);"]
@@ -627,7 +642,10 @@ class FamilyEmitter:
         out += ["  return o;", "}", "",
                 f"{q} Zol::JsonTraits<{q}>::from(Json const& j) {{",
                 f"  if (!j.IsObject()) jsonTypeError(j, \"an object with the fields of {q}\");",
-                f"  {q} v;", "  for (auto const& m : j.GetObject()) {",
+                f"  {q} v;"]
+        counted = [f for f in fields if f.array and f.count_field]
+        out += [f"  size_t {f.name}Listed = 0;" for f in counted]
+        out += ["  for (auto const& m : j.GetObject()) {",
                 "    std::string_view const field(m.name.GetString(), m.name.GetStringLength());"]
         first = True
         for f in fields:
@@ -635,7 +653,8 @@ class FamilyEmitter:
             first = False
             out.append(f"    {kw} (field == {cstr(f.name)}) {{")
             if f.array and f.count_field:
-                out += [f"      v.{f.name}_ = fromJson<std::array<{f.type.cpp}, {f.array}>>(m.value);"]
+                out += [f"      v.{f.name}_ = fromJson<std::array<{f.type.cpp}, {f.array}>>(m.value);",
+                        f"      {f.name}Listed = m.value.Size();"]
             else:
                 val = f"fromJson<{self.field_cpp(f)}>(m.value)"
                 if f.min is not None or f.max is not None:
@@ -647,7 +666,14 @@ class FamilyEmitter:
                     "    }"]
         else:
             out += [f"    throw BindError(\"{q} has no field '\" + std::string(field) + \"'\");"]
-        out += ["  }", "  return v;", "}", ""]
+        out += ["  }"]
+        for f in counted:
+            out += [f"  if ({f.name}Listed != v.{f.name}_count()) {{",
+                    f"    jsonTypeError(j, \"'{f.count_field}' equal to the number of '{f.name}' "
+                    "elements\");", "  }"]
+        if d.check:
+            out += [f"  if (char const* why = v.{d.check}()) jsonTypeError(j, why);"]
+        out += ["  return v;", "}", ""]
         return out
 
     def entity_defs(self, d):

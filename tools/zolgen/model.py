@@ -148,6 +148,9 @@ class Value:
     doc: str = ""
     ctor: bool = True
     aliases: dict = field(default_factory=dict)
+    # A const member returning what a parsed value should have been, or nullptr when it
+    # keeps the type's invariant; text and JSON parsing reject a value it complains about.
+    check: str = ""
 
     @property
     def qname(self):
@@ -310,7 +313,7 @@ def load_family(path):
     for v in data.get("value", []):
         where = f"{path.name} value {v.get('name')}"
         _known(v, where, {"name", "fields", "methods", "members", "parse", "doc", "namespace",
-                          "ctor", "aliases"})
+                          "ctor", "aliases", "check"})
         _check_ident(v.get("name"), where)
         fields = []
         for f in v.get("fields", []):
@@ -331,7 +334,7 @@ def load_family(path):
             raise SchemaError(f"{where}: duplicate field name")
         d = Value(fam_name, v.get("namespace", ns), v["name"], fields, v.get("methods", []),
                   v.get("members", []), v.get("parse", True), v.get("doc", ""),
-                  v.get("ctor", True), v.get("aliases", {}))
+                  v.get("ctor", True), v.get("aliases", {}), v.get("check", ""))
         fam.values.append(d)
         fam.order.append(d)
     for e in data.get("entity", []):

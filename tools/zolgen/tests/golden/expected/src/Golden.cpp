@@ -142,6 +142,7 @@ Golden::SlotList Golden::SlotList::zolParse(Zol::TextParser& p) {
   p.expect("**");
   p.expect("{");
   SlotList v;
+  size_t slotListed = 0;
   if (!p.consume("}")) {
     do {
       std::string const field = p.quoted();
@@ -149,6 +150,7 @@ Golden::SlotList Golden::SlotList::zolParse(Zol::TextParser& p) {
       if (field == "slot") {
         p.expect("[");
         size_t i = 0;
+        v.slot_ = {};
         if (!p.consume("]")) {
           do {
             if (i >= 4) p.fail("at most 4 elements");
@@ -156,6 +158,7 @@ Golden::SlotList Golden::SlotList::zolParse(Zol::TextParser& p) {
           } while (p.consume(","));
           p.expect("]");
         }
+        slotListed = i;
       } else if (field == "used") {
         v.used_ = usedCheck(Zol::textParse<Zol::U32>(p));
       } else {
@@ -165,6 +168,10 @@ Golden::SlotList Golden::SlotList::zolParse(Zol::TextParser& p) {
     p.expect("}");
   }
   p.expect(")");
+  if (slotListed != v.slot_count()) {
+    p.fail("'used' equal to the number of 'slot' elements");
+  }
+  if (char const* why = v.zolCheck()) p.fail(why);
   return v;
 }
 
@@ -184,16 +191,22 @@ Zol::Json Zol::JsonTraits<Golden::SlotList>::to(Golden::SlotList const& v, JsonA
 Golden::SlotList Zol::JsonTraits<Golden::SlotList>::from(Json const& j) {
   if (!j.IsObject()) jsonTypeError(j, "an object with the fields of Golden::SlotList");
   Golden::SlotList v;
+  size_t slotListed = 0;
   for (auto const& m : j.GetObject()) {
     std::string_view const field(m.name.GetString(), m.name.GetStringLength());
     if (field == "slot") {
       v.slot_ = fromJson<std::array<Zol::U32, 4>>(m.value);
+      slotListed = m.value.Size();
     } else if (field == "used") {
       v.used_ = Golden::SlotList::usedCheck(fromJson<Zol::U32>(m.value));
     } else {
       throw BindError("Golden::SlotList has no field '" + std::string(field) + "'");
     }
   }
+  if (slotListed != v.slot_count()) {
+    jsonTypeError(j, "'used' equal to the number of 'slot' elements");
+  }
+  if (char const* why = v.zolCheck()) jsonTypeError(j, why);
   return v;
 }
 

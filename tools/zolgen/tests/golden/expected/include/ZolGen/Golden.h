@@ -173,6 +173,7 @@ class SlotList {
   size_t slot_count() const { return std::min<size_t>(used_, 4); }
   Zol::U32 used_{};
   static Zol::U32 usedCheck(Zol::U32 v) { if (v > Zol::U32(4)) throw Zol::RangeException("SlotList::used < 0 or > 4 not allowed"); return v; }
+  char const* zolCheck() const;
 };
 }  // namespace Golden
 
