@@ -4,7 +4,7 @@
 
 #include <sstream>
 
-#include "Agent.h"
+#include "AgentTestSupport.h"
 #include "Views.h"
 #include "Zol/Json.h"
 #include "ZolGen/AclJson.h"
@@ -12,22 +12,7 @@
 namespace vemo::agent {
 namespace {
 
-struct Result {
-  int status;
-  std::string out;
-  std::string err;
-};
-
-Result run(std::string const& steps) {
-  Agent agent;
-  std::ostringstream out, err;
-  try {
-    int const status = agent.run(Scenario::parse(R"({"steps": [)" + steps + "]}"), out, err);
-    return {status, out.str(), err.str()};
-  } catch (ScenarioError const& e) {
-    return {2, out.str(), e.what()};
-  }
-}
+Result run(std::string const& steps) { return runText(R"({"steps": [)" + steps + "]}"); }
 
 TEST(AgentAcl, MalformedPacketStepsAreRejectedNamingStepAndMember) {
   struct Case {

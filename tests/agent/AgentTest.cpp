@@ -7,27 +7,10 @@
 #include <filesystem>
 #include <sstream>
 
-#include "Agent.h"
+#include "AgentTestSupport.h"
 
 namespace vemo::agent {
 namespace {
-
-struct Result {
-  int status;
-  std::string out;
-  std::string err;
-};
-
-Result runText(std::string const& text, bool json = false) {
-  Agent agent(json);
-  std::ostringstream out, err;
-  try {
-    int const status = agent.run(Scenario::parse(text), out, err);
-    return {status, out.str(), err.str()};
-  } catch (ScenarioError const& e) {
-    return {2, out.str(), e.what()};
-  }
-}
 
 std::string steps(std::string const& body) { return R"({"steps": [)" + body + "]}"; }
 

@@ -5,27 +5,10 @@
 #include <algorithm>
 #include <sstream>
 
-#include "Agent.h"
+#include "AgentTestSupport.h"
 
 namespace vemo::agent {
 namespace {
-
-struct Result {
-  int status;
-  std::string out;
-  std::string err;
-};
-
-Result runText(std::string const& text) {
-  Agent agent;
-  std::ostringstream out, err;
-  try {
-    int const status = agent.run(Scenario::parse(text), out, err);
-    return {status, out.str(), err.str()};
-  } catch (ScenarioError const& e) {
-    return {2, out.str(), e.what()};
-  }
-}
 
 // Without a platform, a second run goes on over the first one's state.
 std::string steps(std::string const& body, std::string const& platform = "") {
