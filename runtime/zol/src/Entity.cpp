@@ -88,17 +88,36 @@ void Entity::zolQueueScalar(PendingRecord*& pending, uint32_t attr) {
   ActivityLoop::current().enqueue(pending);
 }
 
+// A reactor runs with its owner's gate current, so that what its handler makes belongs to that
+// owner. A reactor of no owner runs in whatever gate is current (none, between passes): the
+// common case costs no look-up. The current gate is looked up once per delivery, when needed.
+void Entity::dispatchInGate(NotifieeBase& r, uint32_t attr, void const* key, bool immediate,
+                            DeliveryGate*& current, bool& currentKnown) const {
+  DeliveryGate* const gate = r.gate_.ptr();
+  if (gate) {
+    if (!currentKnown) {
+      current = DeliveryGate::current();
+      currentKnown = true;
+    }
+    if (gate != current) {
+      DeliveryGate::Scope const scope(gate);
+      return zolDispatch(r, attr, key, immediate);
+    }
+  }
+  zolDispatch(r, attr, key, immediate);
+}
+
 void Entity::zolDeliver(uint32_t attr, void const* key) const {
   uint64_t const bit = uint64_t{1} << attr;
   ++iterating_;
   // Reactors registered by a handler during this delivery wait for the next change.
   size_t const n = notifiees_.size();
+  DeliveryGate* current = nullptr;
+  bool currentKnown = false;
   for (size_t i = 0; i < n; ++i) {
     NotifieeBase* r = notifiees_[i];
-    if (r && r->receiving() && (r->deferredMask_ & bit)) {
-      DeliveryGate::Scope const scope(r->gate_.ptr());
-      zolDispatch(*r, attr, key, false);
-    }
+    if (!r || !r->receiving() || !(r->deferredMask_ & bit)) continue;
+    dispatchInGate(*r, attr, key, false, current, currentKnown);
   }
   if (--iterating_ == 0 && notifiees_.size() != liveNotifiees_) {
     std::erase(notifiees_, nullptr);
@@ -111,12 +130,12 @@ void Entity::zolImmediate(uint32_t attr, void const* key) {
   Ptr<Entity const> keep(references() ? this : nullptr);
   ++iterating_;
   size_t const n = notifiees_.size();
+  DeliveryGate* current = nullptr;
+  bool currentKnown = false;
   for (size_t i = 0; i < n; ++i) {
     NotifieeBase* r = notifiees_[i];
-    if (r && r->receiving() && (r->immediateMask_ & bit)) {
-      DeliveryGate::Scope const scope(r->gate_.ptr());
-      zolDispatch(*r, attr, key, true);
-    }
+    if (!r || !r->receiving() || !(r->immediateMask_ & bit)) continue;
+    dispatchInGate(*r, attr, key, true, current, currentKnown);
   }
   if (--iterating_ == 0 && notifiees_.size() != liveNotifiees_) {
     std::erase(notifiees_, nullptr);

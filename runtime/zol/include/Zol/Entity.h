@@ -184,6 +184,11 @@ class Entity : public PtrInterface {
   virtual void zolDispatch(NotifieeBase& r, uint32_t attr, void const* key,
                            bool immediate) const = 0;
 
+ private:
+  void dispatchInGate(NotifieeBase& r, uint32_t attr, void const* key, bool immediate,
+                      DeliveryGate*& current, bool& currentKnown) const;
+
+ protected:
   template <class T>
   bool zolScalarWrite(ScalarSlot<T>& s, T const& v, uint32_t attr) {
     if (sameValue<T>(s.value, v)) return false;
