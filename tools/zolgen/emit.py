@@ -619,14 +619,7 @@ class FamilyEmitter:
                 out += [f"      p.fail(\"a field of {q}\");"]
             out += ['    } while (p.consume(","));', '    p.expect("}");', "  }",
                     '  p.expect(")");']
-            # The count says how many elements print, so a text that lists another number
-            # would hide elements from (or invent them for) everything that reads the count.
-            for f in counted:
-                out += [f"  if ({f.name}Listed != v.{f.name}_count()) {{",
-                        f"    p.fail(\"'{f.count_field}' equal to the number of '{f.name}' "
-                        "elements\");", "  }"]
-            if d.check:
-                out += [f"  if (char const* why = v.{d.check}()) p.fail(why);"]
+            out += _agreement_checks(d, counted, "p.fail({})")
             out += ["  return v;", "}", ""]
         # JSON
         out += [f"Zol::Json Zol::JsonTraits<{q}>::to({q} const& v, JsonAlloc& a) {{",
@@ -667,12 +660,7 @@ class FamilyEmitter:
         else:
             out += [f"    throw BindError(\"{q} has no field '\" + std::string(field) + \"'\");"]
         out += ["  }"]
-        for f in counted:
-            out += [f"  if ({f.name}Listed != v.{f.name}_count()) {{",
-                    f"    jsonTypeError(j, \"'{f.count_field}' equal to the number of '{f.name}' "
-                    "elements\");", "  }"]
-        if d.check:
-            out += [f"  if (char const* why = v.{d.check}()) jsonTypeError(j, why);"]
+        out += _agreement_checks(d, counted, "jsonTypeError(j, {})")
         out += ["  return v;", "}", ""]
         return out
 
@@ -891,3 +879,16 @@ class FamilyEmitter:
                     f"  EXPECT_EQ(c.immediate, 1) << \"{a.name}: new value\";"]
         out += ["}", ""]
         return out
+
+
+def _agreement_checks(d, counted, fail):
+    """The checks both parsers end with. The count says how many elements print, so a value that
+    lists another number would hide elements from (or invent them for) everything that reads
+    the count; then the type's own check. fail formats the call that refuses, given its text."""
+    out = []
+    for f in counted:
+        why = f"\"'{f.count_field}' equal to the number of '{f.name}' elements\""
+        out += [f"  if ({f.name}Listed != v.{f.name}_count()) {{", f"    {fail.format(why)};", "  }"]
+    if d.check:
+        out += [f"  if (char const* why = v.{d.check}()) {fail.format('why')};"]
+    return out
