@@ -1,5 +1,6 @@
 # The two everyday commands: `make run` and `make test`. Each installs what is missing, builds
-# from nothing if needed and runs. The others: asan, bench, fuzz, fuzz-long, format, clean.
+# from nothing if needed and runs. The others: asan, bench, fuzz, fuzz-long, examples-update,
+# format, clean.
 SHELL := /bin/bash
 JOBS ?= $(shell nproc)
 DEPS := cmake ninja-build g++ python3 libabsl-dev rapidjson-dev libgtest-dev libgmock-dev \
@@ -11,7 +12,7 @@ SCENARIO ?=
 FUZZ_LONG_RUNS ?= 10000000
 FUZZ_LONG_SECONDS ?= 1800
 
-.PHONY: all deps run test asan bench fuzz fuzz-long fuzz-build format clean
+.PHONY: all deps run test asan bench fuzz fuzz-long fuzz-build examples-update format clean
 
 all: build
 
@@ -49,6 +50,16 @@ fuzz: fuzz-build
 fuzz-long: fuzz-build
 	FUZZ_RUNS=$(FUZZ_LONG_RUNS) FUZZ_CORPUS_DIR=build/fuzz/corpus \
 	  bash tools/run-fuzz.sh build/fuzz/fuzz $(FUZZ_LONG_SECONDS)
+
+# Writes the expected output of every example again (NAME.json.out only where one exists); read
+# the diff before committing it.
+examples-update: build
+	@for f in examples/*.json; do \
+	  python3 tools/check-example.py build/default/agent/vemo-agent $$f --update || exit 1; \
+	  if [ -f $${f%.json}.json.out ]; then \
+	    python3 tools/check-example.py build/default/agent/vemo-agent $$f --json --update || exit 1; \
+	  fi; \
+	done
 
 format:
 	git ls-files '*.h' '*.cpp' | xargs clang-format -i
