@@ -2,8 +2,13 @@
 
 #include "Scenario.h"
 #include "Zol/Json.h"
+#include "ZolGen/AgentScenarioJson.h"
 
 namespace vemo::agent {
+
+// The platform schema repeats the chip's limits and defaults.
+static_assert(sim::Chip::maxUnits == 32 && sim::Chip::maxPortsPerUnit == 288 &&
+              sim::Chip::Config{}.units == 1 && sim::Chip::Config{}.portsPerUnit == 32);
 
 namespace {
 
@@ -20,42 +25,24 @@ class AgentLagMounter : public Vemo::LagMounter {
   Zol::Ptr<Mlag::Status> status_;
 };
 
-uint32_t countOf(rapidjson::Value const& v, std::string const& what, uint32_t min, uint32_t max) {
-  if (!v.IsUint() || v.GetUint() < min || v.GetUint() > max) {
-    throw ScenarioError("platform: '" + what + "' must be a number from " + std::to_string(min) +
-                        " to " + std::to_string(max) + ", found " + Zol::jsonText(v));
-  }
-  return v.GetUint();
-}
-
 }  // namespace
 
 PlatformConfig PlatformConfig::parse(rapidjson::Value const& platform) {
+  AgentScenario::Platform desc;
+  try {
+    desc = Zol::fromJson<AgentScenario::Platform>(platform);
+  } catch (std::exception const& e) {
+    throw ScenarioError(std::string("platform: ") + e.what());
+  }
   PlatformConfig c;
-  for (auto const& m : platform.GetObject()) {
-    std::string const name(m.name.GetString(), m.name.GetStringLength());
-    if (name == "units") {
-      c.chip.units = countOf(m.value, name, 1, sim::Chip::maxUnits);
-    } else if (name == "portsPerUnit") {
-      c.chip.portsPerUnit = countOf(m.value, name, 1, sim::Chip::maxPortsPerUnit);
-    } else if (name == "managedByChip") {
-      if (!m.value.IsBool()) throw ScenarioError("platform: 'managedByChip' must be true or false");
-      c.managedByChip = m.value.GetBool();
-    } else if (name == "aclAsync") {
-      if (!m.value.IsBool()) throw ScenarioError("platform: 'aclAsync' must be true or false");
-      c.aclAsync = m.value.GetBool();
-    } else if (name == "capacity") {
-      if (!m.value.IsObject()) throw ScenarioError("platform: 'capacity' must be an object");
-      for (auto const& t : m.value.GetObject()) {
-        std::string const table(t.name.GetString(), t.name.GetStringLength());
-        auto const which = sim::tableFromName(table);
-        if (!which) throw ScenarioError("platform: no chip table '" + table + "'");
-        c.capacity[*which] = countOf(t.value, "capacity." + table, 0, UINT32_MAX);
-      }
-    } else {
-      throw ScenarioError("platform: unexpected member '" + name +
-                          "' (units, portsPerUnit, capacity, managedByChip, aclAsync)");
-    }
+  c.chip.units = desc.units();
+  c.chip.portsPerUnit = desc.portsPerUnit();
+  c.managedByChip = desc.managedByChip();
+  c.aclAsync = desc.aclAsync();
+  for (auto const& [table, capacity] : desc.capacityAll()) {
+    auto const which = sim::tableFromName(table);
+    if (!which) throw ScenarioError("platform: no chip table '" + table + "'");
+    c.capacity[*which] = capacity;
   }
   return c;
 }

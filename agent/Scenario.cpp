@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "Zol/Json.h"
+#include "ZolGen/AgentScenarioJson.h"
 
 namespace vemo::agent {
 
@@ -73,142 +74,72 @@ sim::Packet parsePacket(rapidjson::Value const& v, Step& step) {
   if (!v.IsObject()) {
     throw ScenarioError(step.label() + ": 'packet' must be an object, found " + Zol::jsonText(v));
   }
-  auto bad = [&](std::string const& member, std::string const& what, rapidjson::Value const& j) {
-    return ScenarioError(step.label() + ": packet '" + member + "' must be " + what + ", found " +
-                         Zol::jsonText(j));
-  };
-  sim::Packet p;
   auto intf = v.FindMember("intf");
   if (intf == v.MemberEnd()) {
     throw ScenarioError(step.label() + ": a packet needs 'intf', the port it goes through");
   }
+  // The interface names the step in messages about the packet's other fields.
   try {
-    if (!intf->value.IsString()) throw Zol::ParseError("not a string");
-    p.intf = Nepo::IntfId::fromString(str(intf->value));
+    step.path = Zol::fromJson<Nepo::IntfId>(intf->value).stringValue();
   } catch (std::exception const&) {
-    throw bad("intf", "an interface name", intf->value);
   }
-  step.path = p.intf.stringValue();
-  bool ip = false;
-  std::optional<uint16_t> etherType;
-  std::optional<Nepo::IpAddr> src, dst;
+  AgentScenario::Packet spec;
+  try {
+    spec = Zol::fromJson<AgentScenario::Packet>(v);
+  } catch (std::exception const& e) {
+    throw ScenarioError(step.label() + ": packet " + e.what());
+  }
+  sim::Packet p;
+  p.intf = spec.intf();
+  p.direction = spec.direction() == AgentScenario::Direction::in ? Acl::AclDirection::in
+                                                                 : Acl::AclDirection::out;
+  p.vlan = spec.vlan();
+  p.srcMac = spec.srcMac();
+  p.dstMac = spec.dstMac();
+  p.protocol = spec.protocol();
+  p.srcPort = spec.srcPort();
+  p.dstPort = spec.dstPort();
+  p.tcpFlags = spec.tcpFlags();
+  p.ecn = spec.ecn();
+  p.dscp = spec.dscp();
+  p.ipLen = spec.ipLen();
+  p.ttl = spec.ttl();
+  p.icmpType = spec.icmpType();
+  p.icmpCode = spec.icmpCode();
+  p.fragment = spec.fragment();
+  // What was written, not what the fields read, decides the kind of packet.
+  auto given = [&](char const* name) { return v.HasMember(name); };
+  bool const typeGiven = given("etherType");
+  uint16_t const etherType = spec.etherType();
+  bool ip = typeGiven && (etherType == kEtherTypeIp || etherType == kEtherTypeIp6);
   for (auto const& m : v.GetObject()) {
-    std::string const name = str(m.name);
-    auto number = [&](unsigned max) {
-      if (!m.value.IsUint() || m.value.GetUint() > max) {
-        throw bad(name, "a number from 0 to " + std::to_string(max), m.value);
-      }
-      return m.value.GetUint();
-    };
-    // Addresses in their usual text forms.
-    auto parsed = [&](auto parse, char const* what) {
-      try {
-        if (!m.value.IsString()) throw Zol::ParseError("not a string");
-        return parse(str(m.value));
-      } catch (std::exception const&) {
-        throw bad(name, what, m.value);
-      }
-    };
-    bool const isIpField = name != "intf" && name != "direction" && name != "vlan" &&
-                           name != "srcMac" && name != "dstMac" && name != "etherType";
-    if (name == "intf") {
-      continue;
-    } else if (name == "direction") {
-      std::string const d = m.value.IsString() ? str(m.value) : "";
-      if (d != "in" && d != "out") throw bad(name, "in or out", m.value);
-      p.direction = d == "in" ? Acl::AclDirection::in : Acl::AclDirection::out;
-    } else if (name == "vlan") {
-      p.vlan = static_cast<uint16_t>(number(4095));
-    } else if (name == "srcMac" || name == "dstMac") {
-      (name == "srcMac" ? p.srcMac : p.dstMac) = parsed(
-          [](std::string const& t) { return Nepo::EthAddr::fromString(t); }, "a MAC address");
-    } else if (name == "etherType") {
-      if (m.value.IsString()) {
-        // "0x0806", as Ethernet types are written.
-        std::string const t = str(m.value);
-        size_t end = 0;
-        unsigned long value = 0;
-        try {
-          value = t.rfind("0x", 0) == 0 ? std::stoul(t.substr(2), &end, 16) : 0;
-        } catch (std::exception const&) {
-        }
-        if (end == 0 || end + 2 != t.size() || value > 0xffff) {
-          throw bad(name, "a number or hexadecimal text (\"0x0806\")", m.value);
-        }
-        etherType = static_cast<uint16_t>(value);
-      } else {
-        etherType = static_cast<uint16_t>(number(0xffff));
-      }
-    } else if (name == "srcIp" || name == "dstIp") {
-      (name == "srcIp" ? src : dst) =
-          parsed([](std::string const& t) { return Nepo::IpAddr::fromString(t); }, "an IP address");
-    } else if (name == "protocol") {
-      static constexpr std::pair<char const*, uint8_t> names[] = {
-          {"icmp", 1}, {"tcp", 6}, {"udp", 17}, {"icmpv6", 58}};
-      if (m.value.IsString()) {
-        auto const* it = std::find_if(std::begin(names), std::end(names),
-                                      [&](auto const& n) { return str(m.value) == n.first; });
-        if (it == std::end(names)) throw bad(name, "a number or tcp, udp, icmp, icmpv6", m.value);
-        p.protocol = it->second;
-      } else {
-        p.protocol = static_cast<uint8_t>(number(255));
-      }
-    } else if (name == "srcPort" || name == "dstPort") {
-      (name == "srcPort" ? p.srcPort : p.dstPort) = static_cast<uint16_t>(number(65535));
-    } else if (name == "tcpFlags") {
-      if (m.value.IsArray()) {
-        for (auto const& f : m.value.GetArray()) {
-          auto const* it = std::find_if(std::begin(kTcpFlagNames), std::end(kTcpFlagNames),
-                                        [&](char const* n) { return f.IsString() && str(f) == n; });
-          if (it == std::end(kTcpFlagNames)) {
-            throw bad(name, "a number or a list of fin, syn, rst, psh, ack, urg, ece, cwr, ns",
-                      m.value);
-          }
-          p.tcpFlags |= static_cast<uint16_t>(1u << (it - std::begin(kTcpFlagNames)));
-        }
-      } else {
-        p.tcpFlags = static_cast<uint16_t>(number(0x1ff));
-      }
-    } else if (name == "ecn") {
-      p.ecn = static_cast<uint8_t>(number(3));
-    } else if (name == "dscp") {
-      p.dscp = static_cast<uint8_t>(number(63));
-    } else if (name == "ipLen") {
-      p.ipLen = static_cast<uint16_t>(number(65535));
-    } else if (name == "ttl") {
-      p.ttl = static_cast<uint8_t>(number(255));
-    } else if (name == "icmpType" || name == "icmpCode") {
-      (name == "icmpType" ? p.icmpType : p.icmpCode) = static_cast<uint8_t>(number(255));
-    } else if (name == "fragment") {
-      if (!m.value.IsBool()) throw bad(name, "true or false", m.value);
-      p.fragment = m.value.GetBool();
-    } else {
-      throw ScenarioError(step.label() + ": a packet has no member '" + name +
-                          "' (intf, direction, vlan, srcMac, dstMac, etherType, srcIp, dstIp, "
-                          "protocol, srcPort, dstPort, tcpFlags, ecn, dscp, ipLen, ttl, icmpType, "
-                          "icmpCode, fragment)");
-    }
-    ip = ip || isIpField;
+    static constexpr std::string_view kEthernetFields[] = {"intf",   "direction", "vlan",
+                                                           "srcMac", "dstMac",    "etherType"};
+    ip = ip || std::find(std::begin(kEthernetFields), std::end(kEthernetFields), str(m.name)) ==
+                   std::end(kEthernetFields);
   }
-  if (etherType == kEtherTypeIp || etherType == kEtherTypeIp6) ip = true;
-  if (ip) {
-    if (src && dst && src->isV6() != dst->isV6()) {
-      throw ScenarioError(step.label() + ": packet 'srcIp' and 'dstIp' must be of one family");
-    }
-    bool const v6 = src ? src->isV6() : dst ? dst->isV6() : etherType == kEtherTypeIp6;
-    Nepo::IpAddr const zero = v6 ? Nepo::IpAddr::fromString("::") : Nepo::IpAddr();
-    p.isIp = true;
-    p.srcIp = src.value_or(zero);
-    p.dstIp = dst.value_or(zero);
-    uint16_t const type = v6 ? kEtherTypeIp6 : kEtherTypeIp;
-    if (etherType && *etherType != type) {
-      throw ScenarioError(step.label() + ": an IP packet's 'etherType' follows its addresses (" +
-                          (v6 ? "0x86dd" : "0x0800") + ")");
-    }
-    p.etherType = type;
-  } else {
-    p.etherType = etherType.value_or(0);
+  if (!ip) {
+    p.etherType = etherType;
+    return p;
   }
+  std::optional<Nepo::IpAddr> const src =
+      given("srcIp") ? std::optional(spec.srcIp()) : std::nullopt;
+  std::optional<Nepo::IpAddr> const dst =
+      given("dstIp") ? std::optional(spec.dstIp()) : std::nullopt;
+  if (src && dst && src->isV6() != dst->isV6()) {
+    throw ScenarioError(step.label() + ": packet 'srcIp' and 'dstIp' must be of one family");
+  }
+  bool const v6 = src ? src->isV6() : dst ? dst->isV6() : typeGiven && etherType == kEtherTypeIp6;
+  Nepo::IpAddr const zero = v6 ? Nepo::IpAddr::fromString("::") : Nepo::IpAddr();
+  p.isIp = true;
+  p.srcIp = src.value_or(zero);
+  p.dstIp = dst.value_or(zero);
+  uint16_t const type = v6 ? kEtherTypeIp6 : kEtherTypeIp;
+  if (typeGiven && etherType != type) {
+    throw ScenarioError(step.label() + ": an IP packet's 'etherType' follows its addresses (" +
+                        (v6 ? "0x86dd" : "0x0800") + ")");
+  }
+  p.etherType = type;
   return p;
 }
 

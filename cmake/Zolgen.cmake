@@ -1,6 +1,7 @@
 # Generates C++ from the schema files: for each family F, ZolGen/F.h, ZolGen/FJson.h, F.cpp and a
 # conformance test F_conformance.cpp, all in the build tree. The generator rewrites a file only
-# when its content changes, so unchanged families do not rebuild.
+# when its content changes, so unchanged families do not rebuild. A second argument names the
+# target that generates them (default zolgen), for schemas of another layer.
 set(ZOLGEN ${PROJECT_SOURCE_DIR}/tools/zolgen/zolgen.py)
 set(ZOLGEN_OUT ${PROJECT_BINARY_DIR}/gen)
 
@@ -25,7 +26,11 @@ function(zolgen_generate schemas)
     DEPENDS ${schemas} ${gen_py}
     COMMENT "Generating entity and value classes from the schema"
     VERBATIM)
-  add_custom_target(zolgen DEPENDS ${outputs})
+  set(target zolgen)
+  if(ARGC GREATER 1)
+    set(target ${ARGV1})
+  endif()
+  add_custom_target(${target} DEPENDS ${outputs})
   set(ZOLGEN_SOURCES ${sources} PARENT_SCOPE)
   set(ZOLGEN_TESTS ${tests} PARENT_SCOPE)
 endfunction()

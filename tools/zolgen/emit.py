@@ -500,6 +500,8 @@ class FamilyEmitter:
                f'#include "ZolGen/{self.fam.name}.h"', "", "#include <algorithm>",
                "#include <vector>", "", '#include "Zol/Binding.h"',
                f'#include "ZolGen/{self.fam.name}Json.h"']
+        if any(f.forms() for d in self.fam.values for f in d.fields):
+            out.append('#include "Zol/JsonForms.h"')
         for h in self.fam.source_includes:
             out.append(f'#include "{h}"')
         for d in self.fam.order:
@@ -650,15 +652,28 @@ class FamilyEmitter:
                         f"      {f.name}Listed = m.value.Size();"]
             else:
                 val = f"fromJson<{self.field_cpp(f)}>(m.value)"
+                if f.forms():
+                    names = ", ".join(f"{{{cstr(k)}, {x}}}" for k, x in f.names.items())
+                    bits = ", ".join(cstr(b) for b in f.bits)
+                    val = (f"numberFromJson<{f.type.cpp}>(m.value, {{{names}}}, {{{bits}}}, "
+                           f"{'true' if f.hex else 'false'})")
                 if f.min is not None or f.max is not None:
                     val = f"{q}::{f.name}Check({val})"
-                out.append(f"      v.{f.name}_ = {val};")
+                if d.input:
+                    why = cstr(f"'{f.name}' must be {_accepts(f)}, found ")
+                    out += ["      try {", f"        v.{f.name}_ = {val};",
+                            "      } catch (std::exception const&) {",
+                            f"        throw BindError({why} + jsonText(m.value));", "      }"]
+                else:
+                    out.append(f"      v.{f.name}_ = {val};")
+        # People misspell: an input value lists the fields it has.
+        unknown = (f"\"'\" + std::string(field) + \"' is not a field "
+                   f"({', '.join(f.name for f in fields)})\"" if d.input else
+                   f"\"{q} has no field '\" + std::string(field) + \"'\"")
         if fields:
-            out += ["    } else {",
-                    f"      throw BindError(\"{q} has no field '\" + std::string(field) + \"'\");",
-                    "    }"]
+            out += ["    } else {", f"      throw BindError({unknown});", "    }"]
         else:
-            out += [f"    throw BindError(\"{q} has no field '\" + std::string(field) + \"'\");"]
+            out += [f"    throw BindError({unknown});"]
         out += ["  }"]
         out += _agreement_checks(d, counted, "jsonTypeError(j, {})")
         out += ["  return v;", "}", ""]
@@ -879,6 +894,36 @@ class FamilyEmitter:
                     f"  EXPECT_EQ(c.immediate, 1) << \"{a.name}: new value\";"]
         out += ["}", ""]
         return out
+
+
+def _accepts(f):
+    """What an input value's field takes, as its messages say it."""
+    if f.what:
+        return f.what
+    if f.key or f.array:
+        return "an object" if f.key else "a list"
+    t = f.type
+    if f.names:
+        return "a number or " + ", ".join(f.names)
+    if f.bits:
+        return "a number or a list of " + ", ".join(f.bits)
+    if f.hex:
+        return 'a number or hexadecimal text ("0x1f")'
+    if t.builtin in INTEGER_BUILTINS:
+        lo = -2**(int(t.builtin[1:]) - 1) if t.builtin in SIGNED else 0
+        lo = lo if f.min is None else f.min
+        hi = TYPE_MAX[t.builtin] if f.max is None else f.max
+        return f"a number from {lo} to {hi}"
+    if t.builtin == "bool":
+        return "true or false"
+    if t.builtin in ("double", "Seconds"):
+        return "a number"
+    if t.kind == "enum":
+        v = t.decl.values
+        return " or ".join([", ".join(v[:-1]), v[-1]]) if len(v) > 1 else v[0]
+    if t.kind == "string":
+        return "a string"
+    return f"text for a {t.cpp}"
 
 
 def _agreement_checks(d, counted, fail):

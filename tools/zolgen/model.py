@@ -77,6 +77,15 @@ class Field:
     key_name: str = ""
     setter: bool = True
     internal: bool = False
+    # Other JSON forms of an integer: names for some numbers ({tcp = 6}), a list of bit names
+    # (bit i is bits[i]), "0x" text. And, for messages about input values, what the field takes.
+    names: dict = field(default_factory=dict)
+    bits: list = field(default_factory=list)
+    hex: bool = False
+    what: str = ""
+
+    def forms(self):
+        return bool(self.names or self.bits or self.hex)
 
 
 @dataclass
@@ -151,6 +160,9 @@ class Value:
     # A const member returning what a parsed value should have been, or nullptr when it
     # keeps the type's invariant; text and JSON parsing reject a value it complains about.
     check: str = ""
+    # Written by people (scenario files): JSON that a field refuses is reported as "'field' must
+    # be <what it takes>, found <json>".
+    input: bool = False
 
     @property
     def qname(self):
@@ -313,13 +325,14 @@ def load_family(path):
     for v in data.get("value", []):
         where = f"{path.name} value {v.get('name')}"
         _known(v, where, {"name", "fields", "methods", "members", "parse", "doc", "namespace",
-                          "ctor", "aliases", "check"})
+                          "ctor", "aliases", "check", "input"})
         _check_ident(v.get("name"), where)
         fields = []
         for f in v.get("fields", []):
             fw = f"{where} field {f.get('name')}"
             _known(f, fw, {"name", "type", "default", "default_expr", "min", "max", "error",
-                           "array", "index", "count_field", "key", "setter", "internal"})
+                           "array", "index", "count_field", "key", "setter", "internal",
+                           "names", "bits", "hex", "what"})
             _check_ident(f.get("name"), fw)
             if "type" not in f:
                 raise SchemaError(f"{fw}: 'type' is required")
@@ -328,13 +341,16 @@ def load_family(path):
                                 max=f.get("max"), error=f.get("error", ""),
                                 array=f.get("array", 0), index_name=f.get("index", ""),
                                 count_field=f.get("count_field", ""), key_name=f.get("key", ""),
-                                setter=f.get("setter", True), internal=f.get("internal", False)))
+                                setter=f.get("setter", True), internal=f.get("internal", False),
+                                names=f.get("names", {}), bits=f.get("bits", []),
+                                hex=f.get("hex", False), what=f.get("what", "")))
         names = [f.name for f in fields]
         if len(set(names)) != len(names):
             raise SchemaError(f"{where}: duplicate field name")
         d = Value(fam_name, v.get("namespace", ns), v["name"], fields, v.get("methods", []),
                   v.get("members", []), v.get("parse", True), v.get("doc", ""),
-                  v.get("ctor", True), v.get("aliases", {}), v.get("check", ""))
+                  v.get("ctor", True), v.get("aliases", {}), v.get("check", ""),
+                  v.get("input", False))
         fam.values.append(d)
         fam.order.append(d)
     for e in data.get("entity", []):
@@ -470,6 +486,7 @@ class Schema:
                 if (f.min is not None or f.max is not None) and f.type.builtin not in \
                         INTEGER_BUILTINS:
                     raise SchemaError(f"{where}.{f.name}: min/max need an integer type")
+                self._check_forms(f"{where}.{f.name}", f)
         elif isinstance(d, Entity):
             keys = [a.name for a in d.attrs if a.is_key]
             if len(keys) > 1:
@@ -495,6 +512,27 @@ class Schema:
                 self._check_default(aw, a.type, a.default)
             if len(d.all_attrs()) > 64:
                 raise SchemaError(f"{where}: more than 64 attributes")
+
+    def _check_forms(self, where, f):
+        if not f.forms():
+            return
+        if f.type.builtin not in INTEGER_BUILTINS or f.array or f.key:
+            raise SchemaError(f"{where}: names, bits and hex need a single integer field")
+        lo, hi = INTEGER_LIMITS[f.type.builtin]
+        lo = lo if f.min is None else f.min
+        hi = hi if f.max is None else f.max
+        if not isinstance(f.names, dict) or not isinstance(f.bits, list):
+            raise SchemaError(f"{where}: names is a table of numbers, bits a list of names")
+        for n, v in f.names.items():
+            if not isinstance(v, int) or not lo <= v <= hi:
+                raise SchemaError(f"{where}: name '{n}' stands for {v!r}, outside {lo}..{hi}")
+        if any(not isinstance(b, str) or not b for b in f.bits) or \
+                len(set(f.bits)) != len(f.bits):
+            raise SchemaError(f"{where}: bits must be distinct names")
+        if f.bits and (1 << len(f.bits)) - 1 > hi:
+            raise SchemaError(f"{where}: {len(f.bits)} bits do not fit below {hi}")
+        if not isinstance(f.hex, bool):
+            raise SchemaError(f"{where}: hex must be true or false")
 
     def _check_default(self, where, t, default):
         if isinstance(default, str) and t.kind == "enum" and default not in t.decl.values:

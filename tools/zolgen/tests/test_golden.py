@@ -36,7 +36,8 @@ class GoldenOutputTest(unittest.TestCase):
         for needle in ("[[enum]]", "[[range]]", "[[value]]", "[[entity]]", "[[extern]]",
                        "count_field", "key =", "child =", "ref =", "base =", "min =",
                        "on_create", "on_delete", "is_key", "hooks", "ordered", "default_fn",
-                       "construct = true", "check ="):
+                       "construct = true", "check =", "input = true", "names =", "bits =",
+                       "hex = true", "what ="):
             self.assertIn(needle, text)
 
     def test_generates_exactly_the_expected_files(self):

@@ -189,6 +189,24 @@ class MinAboveMaxTest(SchemaTestCase):
                 self.assertSchemaError("A.toml", "integer", A=HEAD + text)
 
 
+class JsonFormsTest(SchemaTestCase):
+    def test_forms_that_could_not_be_parsed_into_the_field(self):
+        cases = {
+            "names on text": ('{ name = "x", type = "String", names = { a = 1 } }',
+                              "single integer"),
+            "name outside the bounds": ('{ name = "x", type = "U8", max = 3, names = { a = 4 } }',
+                                        "outside 0..3"),
+            "more bits than the type": (
+                '{ name = "x", type = "U8", bits = ["a","b","c","d","e","f","g","h","i"] }',
+                "do not fit"),
+            "duplicate bit": ('{ name = "x", type = "U8", bits = ["a", "a"] }', "distinct"),
+        }
+        for what, (field, message) in cases.items():
+            with self.subTest(what):
+                text = HEAD + f'[[value]]\nname = "V"\nfields = [{field}]\n'
+                self.assertSchemaError("A.toml", "V.x", message, A=text)
+
+
 class EntityKeyTest(SchemaTestCase):
     def test_entity_as_collection_key(self):
         text = HEAD + ENTITY_E + entity("F", '{ name = "byE", key = "E", type = "U8" }')

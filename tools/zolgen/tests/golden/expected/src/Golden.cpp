@@ -6,6 +6,7 @@
 
 #include "Zol/Binding.h"
 #include "ZolGen/GoldenJson.h"
+#include "Zol/JsonForms.h"
 
 Zol::Json Zol::JsonTraits<Golden::SlotIndex>::to(Golden::SlotIndex const& v, JsonAlloc& a) {
   return toJson(v.value(), a);
@@ -207,6 +208,125 @@ Golden::SlotList Zol::JsonTraits<Golden::SlotList>::from(Json const& j) {
     jsonTypeError(j, "'used' equal to the number of 'slot' elements");
   }
   if (char const* why = v.zolCheck()) jsonTypeError(j, why);
+  return v;
+}
+
+Golden::Probe::Probe(Zol::U8 proto, Zol::U8 flags, Zol::U16 kind, Nepo::IntfId const& port, Golden::Colour colour) : proto_(proto), flags_(flagsCheck(flags)), kind_(kind), port_(port), colour_(colour) {}
+
+bool Golden::Probe::operator==(Probe const& o) const { return proto_ == o.proto_ && flags_ == o.flags_ && kind_ == o.kind_ && port_ == o.port_ && colour_ == o.colour_; }
+
+bool Golden::Probe::operator<(Probe const& o) const {
+  if (!(proto_ == o.proto_)) return proto_ < o.proto_;
+  if (!(flags_ == o.flags_)) return flags_ < o.flags_;
+  if (!(kind_ == o.kind_)) return kind_ < o.kind_;
+  if (!(port_ == o.port_)) return std::less<Nepo::IntfId>{}(port_, o.port_);
+  if (!(colour_ == o.colour_)) return colour_ < o.colour_;
+  return false;
+}
+
+size_t Golden::Probe::hash() const { return absl::Hash<Probe>{}(*this); }
+
+std::string Golden::Probe::stringValue() const {
+  std::string out;
+  zolPrint(out);
+  return out;
+}
+
+void Golden::Probe::zolPrint(std::string& out) const {
+  out += "Value('Golden::Probe', ** {";
+  out += "'proto': ";
+  Zol::textPrint(out, proto_);
+  out += ", 'flags': ";
+  Zol::textPrint(out, flags_);
+  out += ", 'kind': ";
+  Zol::textPrint(out, kind_);
+  out += ", 'port': ";
+  Zol::textPrint(out, port_);
+  out += ", 'colour': ";
+  Zol::textPrint(out, colour_);
+  out += "})";
+}
+
+Golden::Probe Golden::Probe::zolParse(Zol::TextParser& p) {
+  p.expect("Value(");
+  if (p.quoted() != "Golden::Probe") p.fail("'Golden::Probe'");
+  p.expect(",");
+  p.expect("**");
+  p.expect("{");
+  Probe v;
+  if (!p.consume("}")) {
+    do {
+      std::string const field = p.quoted();
+      p.expect(":");
+      if (field == "proto") {
+        v.proto_ = Zol::textParse<Zol::U8>(p);
+      } else if (field == "flags") {
+        v.flags_ = flagsCheck(Zol::textParse<Zol::U8>(p));
+      } else if (field == "kind") {
+        v.kind_ = Zol::textParse<Zol::U16>(p);
+      } else if (field == "port") {
+        v.port_ = Zol::textParse<Nepo::IntfId>(p);
+      } else if (field == "colour") {
+        v.colour_ = Zol::textParse<Golden::Colour>(p);
+      } else {
+        p.fail("a field of Golden::Probe");
+      }
+    } while (p.consume(","));
+    p.expect("}");
+  }
+  p.expect(")");
+  return v;
+}
+
+Zol::Json Zol::JsonTraits<Golden::Probe>::to(Golden::Probe const& v, JsonAlloc& a) {
+  Json o(rapidjson::kObjectType);
+  o.AddMember("proto", toJson(v.proto_, a), a);
+  o.AddMember("flags", toJson(v.flags_, a), a);
+  o.AddMember("kind", toJson(v.kind_, a), a);
+  o.AddMember("port", toJson(v.port_, a), a);
+  o.AddMember("colour", toJson(v.colour_, a), a);
+  return o;
+}
+
+Golden::Probe Zol::JsonTraits<Golden::Probe>::from(Json const& j) {
+  if (!j.IsObject()) jsonTypeError(j, "an object with the fields of Golden::Probe");
+  Golden::Probe v;
+  for (auto const& m : j.GetObject()) {
+    std::string_view const field(m.name.GetString(), m.name.GetStringLength());
+    if (field == "proto") {
+      try {
+        v.proto_ = numberFromJson<Zol::U8>(m.value, {{"tcp", 6}, {"udp", 17}}, {}, false);
+      } catch (std::exception const&) {
+        throw BindError("'proto' must be a number or tcp, udp, found " + jsonText(m.value));
+      }
+    } else if (field == "flags") {
+      try {
+        v.flags_ = Golden::Probe::flagsCheck(numberFromJson<Zol::U8>(m.value, {}, {"fin", "syn", "rst"}, false));
+      } catch (std::exception const&) {
+        throw BindError("'flags' must be a number or a list of fin, syn, rst, found " + jsonText(m.value));
+      }
+    } else if (field == "kind") {
+      try {
+        v.kind_ = numberFromJson<Zol::U16>(m.value, {}, {}, true);
+      } catch (std::exception const&) {
+        throw BindError("'kind' must be a number or hexadecimal text (\"0x1f\"), found " + jsonText(m.value));
+      }
+    } else if (field == "port") {
+      try {
+        v.port_ = fromJson<Nepo::IntfId>(m.value);
+      } catch (std::exception const&) {
+        throw BindError("'port' must be an interface name, found " + jsonText(m.value));
+      }
+    } else if (field == "colour") {
+      try {
+        v.colour_ = fromJson<Golden::Colour>(m.value);
+      } catch (std::exception const&) {
+        throw BindError("'colour' must be red, green or blue, found " + jsonText(m.value));
+      }
+    } else {
+      throw BindError("'" + std::string(field) + "' is not a field (proto, flags, kind, port, colour)");
+    }
+  }
   return v;
 }
 

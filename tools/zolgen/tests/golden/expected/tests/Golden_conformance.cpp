@@ -26,6 +26,15 @@ TEST(Conformance_Golden, SlotList_TextAndJsonRoundTrip) {
   EXPECT_EQ(v.stringValue().rfind("Value('Golden::SlotList', ** {", 0), 0u);
 }
 
+TEST(Conformance_Golden, Probe_TextAndJsonRoundTrip) {
+  Golden::Probe const v{};
+  EXPECT_EQ(Zol::valueFromString<Golden::Probe>(v.stringValue()), v);
+  rapidjson::Document doc;
+  EXPECT_EQ(Zol::fromJson<Golden::Probe>(Zol::toJson(v, doc.GetAllocator())), v);
+  EXPECT_EQ(v.hash(), Golden::Probe(v).hash());
+  EXPECT_EQ(v.stringValue().rfind("Value('Golden::Probe', ** {", 0), 0u);
+}
+
 TEST(Conformance_Golden, PortSet_TextAndJsonRoundTrip) {
   Golden::PortSet const v{};
   EXPECT_EQ(Zol::valueFromString<Golden::PortSet>(v.stringValue()), v);

@@ -25,6 +25,9 @@ namespace Golden {
 class SlotList;
 }  // namespace Golden
 namespace Golden {
+class Probe;
+}  // namespace Golden
+namespace Golden {
 class PortSet;
 }  // namespace Golden
 namespace Golden {
@@ -180,6 +183,54 @@ class SlotList {
 template <>
 struct std::hash<Golden::SlotList> {
   size_t operator()(Golden::SlotList const& v) const { return v.hash(); }
+};
+
+namespace Golden {
+// Written by people: numbers by name, bit lists, hex text, and messages naming the field.
+class Probe {
+ public:
+  Probe() = default;
+  Probe(Zol::U8 proto, Zol::U8 flags, Zol::U16 kind, Nepo::IntfId const& port, Golden::Colour colour);
+  Zol::U8 proto() const { return proto_; }
+  void protoIs(Zol::U8 v) { proto_ = v; }
+  Zol::U8 flags() const { return flags_; }
+  void flagsIs(Zol::U8 v) { flags_ = flagsCheck(v); }
+  Zol::U16 kind() const { return kind_; }
+  void kindIs(Zol::U16 v) { kind_ = v; }
+  Nepo::IntfId const& port() const { return port_; }
+  void portIs(Nepo::IntfId const& v) { port_ = v; }
+  Golden::Colour colour() const { return colour_; }
+  void colourIs(Golden::Colour v) { colour_ = v; }
+  bool operator==(Probe const& o) const;
+  bool operator<(Probe const& o) const;
+  size_t hash() const;
+  std::string stringValue() const;
+  void zolPrint(std::string& out) const;
+  static Probe zolParse(Zol::TextParser& p);
+  template <class H>
+  friend H AbslHashValue(H h, Probe const& v) {
+    h = H::combine(std::move(h), v.proto_);
+    h = H::combine(std::move(h), v.flags_);
+    h = H::combine(std::move(h), v.kind_);
+    h = H::combine(std::move(h), v.port_);
+    h = H::combine(std::move(h), v.colour_);
+    return h;
+  }
+
+ private:
+  friend struct Zol::JsonTraits<Probe>;
+  Zol::U8 proto_{};
+  Zol::U8 flags_{};
+  static Zol::U8 flagsCheck(Zol::U8 v) { if (v > Zol::U8(7)) throw Zol::RangeException("Probe::flags < None or > 7 not allowed"); return v; }
+  Zol::U16 kind_{};
+  Nepo::IntfId port_{};
+  Golden::Colour colour_{};
+};
+}  // namespace Golden
+
+template <>
+struct std::hash<Golden::Probe> {
+  size_t operator()(Golden::Probe const& v) const { return v.hash(); }
 };
 
 namespace Golden {

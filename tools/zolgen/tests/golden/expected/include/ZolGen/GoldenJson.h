@@ -26,6 +26,12 @@ struct JsonTraits<Golden::SlotList> {
 };
 
 template <>
+struct JsonTraits<Golden::Probe> {
+  static Json to(Golden::Probe const& v, JsonAlloc& a);
+  static Golden::Probe from(Json const& j);
+};
+
+template <>
 struct JsonTraits<Golden::PortSet> {
   static Json to(Golden::PortSet const& v, JsonAlloc& a);
   static Golden::PortSet from(Json const& j);
