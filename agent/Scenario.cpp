@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
-#include <set>
 #include <sstream>
 
 #include "Zol/Json.h"
@@ -14,32 +13,6 @@
 namespace vemo::agent {
 
 namespace {
-
-char const* kindName(Step::Kind k) {
-  switch (k) {
-    case Step::Kind::set:
-      return "set";
-    case Step::Kind::del:
-      return "del";
-    case Step::Kind::advance:
-      return "advance";
-    case Step::Kind::show:
-      return "show";
-    case Step::Kind::expect:
-      return "expect";
-    case Step::Kind::fault:
-      return "fault";
-    case Step::Kind::packet:
-      return "packet";
-    case Step::Kind::comment:
-      return "comment";
-    case Step::Kind::expectLog:
-      return "expectLog";
-    case Step::Kind::restart:
-      return "restart";
-  }
-  return "?";
-}
 
 std::string str(rapidjson::Value const& v) {
   return std::string(v.GetString(), v.GetStringLength());
@@ -143,215 +116,202 @@ sim::Packet parsePacket(rapidjson::Value const& v, Step& step) {
   return p;
 }
 
-// {"expect": PATH, "attr": NAME, "key": K} with one of "value": V, "fields": {...} or
-// "present": B; with "present", "attr" may be left out to ask about the entity itself.
-void parseExpect(rapidjson::Value const& s, Step& step, std::set<std::string>& allowed) {
-  auto member = [&](char const* name) -> rapidjson::Value const* {
-    auto it = s.FindMember(name);
-    return it == s.MemberEnd() ? nullptr : &it->value;
-  };
-  auto nonEmpty = [&](char const* name) {
+// Reads the members of one step, naming the step in what it refuses.
+class StepReader {
+ public:
+  StepReader(rapidjson::Value const& s, Step const& step) : s_(s), step_(step) {}
+
+  rapidjson::Value const* member(char const* name) const {
+    auto it = s_.FindMember(name);
+    return it == s_.MemberEnd() ? nullptr : &it->value;
+  }
+  std::string nonEmpty(char const* name) const {
     rapidjson::Value const* v = member(name);
     if (!v || !v->IsString() || v->GetStringLength() == 0) {
-      throw ScenarioError(step.label() + ": '" + name + "' must be a non-empty string");
+      throw error(std::string("'") + name + "' must be a non-empty string");
     }
     return str(*v);
-  };
-  allowed.insert({"attr", "key", "value", "fields", "present"});
-  step.path = nonEmpty("expect");
-  step.key = member("key");
-  step.value = member("value");
-  step.fields = member("fields");
-  if (rapidjson::Value const* p = member("present")) {
-    if (!p->IsBool()) {
-      throw ScenarioError(step.label() + ": 'present' must be true or false, found " +
-                          Zol::jsonText(*p));
+  }
+  std::optional<uint64_t> count(char const* name, uint64_t max = UINT32_MAX) const {
+    rapidjson::Value const* v = member(name);
+    if (!v) return std::nullopt;
+    if (!v->IsUint64() || v->GetUint64() > max) {
+      throw error(std::string("'") + name + "' must be a number >= 0, found " + Zol::jsonText(*v));
     }
+    return v->GetUint64();
+  }
+  ScenarioError error(std::string const& what) const {
+    return ScenarioError(step_.label() + ": " + what);
+  }
+
+ private:
+  rapidjson::Value const& s_;
+  Step const& step_;
+};
+
+// {"set": PATH, "attr": NAME, "key": K, "value": V}; {"del": PATH, "attr": NAME, "key": K}
+void readWrite(StepReader const& r, Step& step) {
+  step.path = r.nonEmpty(step.kind == Step::Kind::set ? "set" : "del");
+  step.attr = r.nonEmpty("attr");
+  step.key = r.member("key");
+  step.value = r.member("value");
+  if (step.kind == Step::Kind::del && !step.key) throw r.error("'del' needs a 'key'");
+}
+
+// {"expect": PATH, "attr": NAME, "key": K} with one of "value": V, "fields": {...} or
+// "present": B; with "present", "attr" may be left out to ask about the entity itself.
+void readExpect(StepReader const& r, Step& step) {
+  step.path = r.nonEmpty("expect");
+  step.key = r.member("key");
+  step.value = r.member("value");
+  step.fields = r.member("fields");
+  if (rapidjson::Value const* p = r.member("present")) {
+    if (!p->IsBool()) throw r.error("'present' must be true or false, found " + Zol::jsonText(*p));
     step.present = p->GetBool();
   }
-  if (!step.present || member("attr")) step.attr = nonEmpty("attr");
-  if (step.key && step.attr.empty()) {
-    throw ScenarioError(step.label() + ": a 'key' needs the 'attr' it is a key of");
-  }
+  if (!step.present || r.member("attr")) step.attr = r.nonEmpty("attr");
+  if (step.key && step.attr.empty()) throw r.error("a 'key' needs the 'attr' it is a key of");
   int const checks = (step.value ? 1 : 0) + (step.fields ? 1 : 0) + (step.present ? 1 : 0);
-  if (checks == 0) {
-    throw ScenarioError(step.label() +
-                        ": 'expect' needs a 'value' (null for absent), 'fields' or 'present'");
-  }
-  if (checks > 1) {
-    throw ScenarioError(step.label() + ": 'expect' takes one of 'value', 'fields' and 'present'");
-  }
+  if (checks == 0)
+    throw r.error("'expect' needs a 'value' (null for absent), 'fields' or 'present'");
+  if (checks > 1) throw r.error("'expect' takes one of 'value', 'fields' and 'present'");
   if (step.fields && (!step.fields->IsObject() || step.fields->MemberCount() == 0)) {
-    throw ScenarioError(step.label() +
-                        ": 'fields' must be an object naming at least one field, "
-                        "found " +
-                        Zol::jsonText(*step.fields));
+    throw r.error("'fields' must be an object naming at least one field, found " +
+                  Zol::jsonText(*step.fields));
   }
 }
 
 // {"fault": TABLE, "answer": "busy"|"full"|"failed"|"ok", "count": N} or
 // {"fault": TABLE, "capacity": N}
-void parseFault(rapidjson::Value const& s, Step& step, std::set<std::string>& allowed) {
-  auto requireString = [&](char const* member) {
-    auto it = s.FindMember(member);
-    if (it == s.MemberEnd() || !it->value.IsString() || it->value.GetStringLength() == 0) {
-      throw ScenarioError(step.label() + ": '" + member + "' must be a non-empty string");
-    }
-    return str(it->value);
-  };
-  step.table = requireString("fault");
-  allowed.insert({"answer", "count", "capacity"});
-  auto count = [&](char const* member) -> std::optional<uint64_t> {
-    auto it = s.FindMember(member);
-    if (it == s.MemberEnd()) return std::nullopt;
-    if (!it->value.IsUint64()) {
-      throw ScenarioError(step.label() + ": '" + member + "' must be a number >= 0, found " +
-                          Zol::jsonText(it->value));
-    }
-    return it->value.GetUint64();
-  };
-  step.capacity = count("capacity");
-  if (s.HasMember("answer")) {
-    if (step.capacity) {
-      throw ScenarioError(step.label() + ": a fault sets either 'answer' or 'capacity'");
-    }
-    step.answer = requireString("answer");
-    step.count = static_cast<uint32_t>(count("count").value_or(1));
+void readFault(StepReader const& r, Step& step) {
+  step.table = r.nonEmpty("fault");
+  step.capacity = r.count("capacity", UINT64_MAX);
+  if (r.member("answer")) {
+    if (step.capacity) throw r.error("a fault sets either 'answer' or 'capacity'");
+    step.answer = r.nonEmpty("answer");
+    step.count = static_cast<uint32_t>(r.count("count").value_or(1));
   } else if (!step.capacity) {
-    throw ScenarioError(step.label() + ": a fault needs 'answer' (with 'count') or 'capacity'");
-  } else if (s.HasMember("count")) {
-    throw ScenarioError(step.label() + ": 'count' goes with 'answer'");
+    throw r.error("a fault needs 'answer' (with 'count') or 'capacity'");
+  } else if (r.member("count")) {
+    throw r.error("'count' goes with 'answer'");
   }
+}
+
+// {"packet": {...}, "expect": "permit"|"deny"|"blocked"|"errdisabled"}
+void readPacket(StepReader const& r, Step& step) {
+  step.packet = parsePacket(*r.member("packet"), step);
+  if (rapidjson::Value const* v = r.member("expect")) {
+    static constexpr std::string_view verdicts[] = {"permit", "deny", "blocked", "errdisabled"};
+    if (!v->IsString() ||
+        std::find(std::begin(verdicts), std::end(verdicts), str(*v)) == std::end(verdicts)) {
+      throw r.error("'expect' must be permit, deny, blocked or errdisabled, found " +
+                    Zol::jsonText(*v));
+    }
+    step.verdict = str(*v);
+  }
+}
+
+// {"advance": SECONDS}
+void readAdvance(StepReader const& r, Step& step) {
+  rapidjson::Value const& v = *r.member("advance");
+  if (!v.IsNumber() || v.GetDouble() < 0) {
+    throw r.error("seconds must be a number >= 0, found " + Zol::jsonText(v));
+  }
+  step.seconds = v.GetDouble();
 }
 
 // {"expectLog": KEY, "count": N}: N defaults to 1.
-void parseExpectLog(rapidjson::Value const& s, Step& step, std::set<std::string>& allowed) {
-  rapidjson::Value const& key = s["expectLog"];
-  if (!key.IsString() || key.GetStringLength() == 0) {
-    throw ScenarioError(step.label() + ": 'expectLog' must be a non-empty string");
-  }
-  step.text = str(key);
-  allowed.insert("count");
-  step.count = 1;
-  if (auto it = s.FindMember("count"); it != s.MemberEnd()) {
-    if (!it->value.IsUint()) {
-      throw ScenarioError(step.label() + ": 'count' must be a number >= 0, found " +
-                          Zol::jsonText(it->value));
-    }
-    step.count = it->value.GetUint();
+void readExpectLog(StepReader const& r, Step& step) {
+  step.text = r.nonEmpty("expectLog");
+  step.count = static_cast<uint32_t>(r.count("count").value_or(1));
+}
+
+// {"restart": "hitless"}
+void readRestart(StepReader const& r, Step& step) {
+  step.text = r.nonEmpty("restart");
+  if (step.text != "hitless") {
+    throw r.error("'restart' must be \"hitless\", found \"" + step.text + "\"");
   }
 }
 
-// Reads one step object; every member must be one that the step's kind takes.
+// {"comment": TEXT}, alone: a note for the reader.
+void readComment(StepReader const& r, Step& step) {
+  rapidjson::Value const& v = *r.member("comment");
+  if (!v.IsString()) throw r.error("'comment' must be a string");
+  step.text = str(v);
+}
+
+void readShow(StepReader const& r, Step& step) { step.view = r.nonEmpty("show"); }
+
+// Each kind of step: the member that names it, the others it takes (besides "comment", which
+// any step may carry) and how it reads. A step is of the one kind whose member it has; a lone
+// comment comes last, as a comment goes with any other kind.
+struct StepForm {
+  std::string_view name;
+  Step::Kind kind;
+  std::string_view members[5];
+  void (*read)(StepReader const&, Step&);
+};
+constexpr StepForm kStepForms[] = {
+    {"set", Step::Kind::set, {"attr", "key", "value"}, readWrite},
+    {"del", Step::Kind::del, {"attr", "key"}, readWrite},
+    {"advance", Step::Kind::advance, {}, readAdvance},
+    {"show", Step::Kind::show, {}, readShow},
+    {"expect", Step::Kind::expect, {"attr", "key", "value", "fields", "present"}, readExpect},
+    {"fault", Step::Kind::fault, {"answer", "count", "capacity"}, readFault},
+    // A packet step's "expect" is the packet's fate, not a step of its own.
+    {"packet", Step::Kind::packet, {"expect"}, readPacket},
+    {"expectLog", Step::Kind::expectLog, {"count"}, readExpectLog},
+    {"restart", Step::Kind::restart, {}, readRestart},
+    {"comment", Step::Kind::comment, {}, readComment},
+};
+
+StepForm const& formOf(Step::Kind kind) {
+  return *std::find_if(std::begin(kStepForms), std::end(kStepForms),
+                       [&](StepForm const& f) { return f.kind == kind; });
+}
+
 Step parseStep(rapidjson::Value const& s, size_t number) {
   std::string const where = "step " + std::to_string(number);
-  if (!s.IsObject())
+  if (!s.IsObject()) {
     throw ScenarioError(where + ": a step is an object, found " + Zol::jsonText(s));
-  static constexpr std::pair<char const*, Step::Kind> kinds[] = {
-      {"set", Step::Kind::set},         {"del", Step::Kind::del},
-      {"advance", Step::Kind::advance}, {"show", Step::Kind::show},
-      {"expect", Step::Kind::expect},   {"fault", Step::Kind::fault},
-      {"packet", Step::Kind::packet},   {"expectLog", Step::Kind::expectLog},
-      {"restart", Step::Kind::restart}};
-  std::optional<Step::Kind> kind;
-  for (auto const& [name, k] : kinds) {
-    // A packet step's "expect" is the packet's fate, not a step of its own.
-    if (k == Step::Kind::expect && s.HasMember("packet")) continue;
-    if (s.HasMember(name)) {
-      if (kind)
-        throw ScenarioError(where + ": a step does one thing; found both '" + kindName(*kind) +
-                            "' and '" + name + "'");
-      kind = k;
-    }
   }
-  // A step with nothing but a comment is a note for the reader.
-  if (!kind && s.HasMember("comment")) kind = Step::Kind::comment;
-  if (!kind) {
-    throw ScenarioError(where +
-                        ": expected one of set, del, advance, show, expect, fault, packet, "
-                        "expectLog, restart or a lone comment in " +
+  auto has = [&](std::string_view name) {
+    return s.HasMember(rapidjson::StringRef(name.data(), name.size()));
+  };
+  StepForm const* form = nullptr;
+  for (StepForm const& f : kStepForms) {
+    if (f.kind == Step::Kind::comment || !has(f.name)) continue;
+    if (f.kind == Step::Kind::expect && has("packet")) continue;
+    if (form) {
+      throw ScenarioError(where + ": a step does one thing; found both '" +
+                          std::string(form->name) + "' and '" + std::string(f.name) + "'");
+    }
+    form = &f;
+  }
+  if (!form && has("comment")) form = &formOf(Step::Kind::comment);
+  if (!form) {
+    std::string kinds;
+    for (StepForm const& f : kStepForms) {
+      if (f.kind != Step::Kind::comment) kinds += std::string(f.name) + ", ";
+    }
+    throw ScenarioError(where + ": expected one of " + kinds + "or a lone comment in " +
                         Zol::jsonText(s));
   }
   Step step;
-  step.kind = *kind;
+  step.kind = form->kind;
   step.number = number;
-  std::set<std::string> allowed{kindName(*kind), "comment"};
-  auto requireString = [&](char const* member) {
-    auto it = s.FindMember(member);
-    if (it == s.MemberEnd() || !it->value.IsString() || it->value.GetStringLength() == 0) {
-      throw ScenarioError(where + " (" + kindName(*kind) + "): '" + member +
-                          "' must be a non-empty string");
-    }
-    return str(it->value);
-  };
-  switch (*kind) {
-    case Step::Kind::set:
-    case Step::Kind::del:
-      step.path = requireString(kindName(*kind));
-      allowed.insert({"attr", "key", "value"});
-      step.attr = requireString("attr");
-      if (auto it = s.FindMember("key"); it != s.MemberEnd()) step.key = &it->value;
-      if (auto it = s.FindMember("value"); it != s.MemberEnd()) step.value = &it->value;
-      if (*kind == Step::Kind::del) {
-        allowed.erase("value");
-        if (!step.key) throw ScenarioError(step.label() + ": 'del' needs a 'key'");
-      }
-      break;
-    case Step::Kind::expect:
-      parseExpect(s, step, allowed);
-      break;
-    case Step::Kind::comment:
-      if (!s["comment"].IsString()) {
-        throw ScenarioError(where + " (comment): 'comment' must be a string");
-      }
-      step.text = str(s["comment"]);
-      break;
-    case Step::Kind::expectLog:
-      parseExpectLog(s, step, allowed);
-      break;
-    case Step::Kind::restart:
-      step.text = requireString("restart");
-      if (step.text != "hitless") {
-        throw ScenarioError(step.label() + ": 'restart' must be \"hitless\", found \"" + step.text +
-                            "\"");
-      }
-      break;
-    case Step::Kind::advance: {
-      rapidjson::Value const& v = s["advance"];
-      if (!v.IsNumber() || v.GetDouble() < 0) {
-        throw ScenarioError(where + " (advance): seconds must be a number >= 0, found " +
-                            Zol::jsonText(v));
-      }
-      step.seconds = v.GetDouble();
-      break;
-    }
-    case Step::Kind::show:
-      step.view = requireString("show");
-      break;
-    case Step::Kind::fault:
-      parseFault(s, step, allowed);
-      break;
-    case Step::Kind::packet: {
-      // {"packet": {...}, "expect": "permit"|"deny"|"blocked"|"errdisabled"}
-      step.packet = parsePacket(s["packet"], step);
-      allowed.insert("expect");
-      if (auto it = s.FindMember("expect"); it != s.MemberEnd()) {
-        static constexpr char const* verdicts[] = {"permit", "deny", "blocked", "errdisabled"};
-        if (!it->value.IsString() ||
-            std::none_of(std::begin(verdicts), std::end(verdicts),
-                         [&](char const* v) { return str(it->value) == v; })) {
-          throw ScenarioError(step.label() +
-                              ": 'expect' must be permit, deny, blocked or errdisabled, found " +
-                              Zol::jsonText(it->value));
-        }
-        step.verdict = str(it->value);
-      }
-      break;
-    }
-  }
+  StepReader const reader(s, step);
+  form->read(reader, step);
   for (auto const& m : s.GetObject()) {
-    if (!allowed.count(str(m.name))) {
-      throw ScenarioError(step.label() + ": unexpected member '" + str(m.name) + "'");
+    std::string const name = str(m.name);
+    // The unused slots of members are empty names, which no member may have.
+    bool const known =
+        name == form->name || name == "comment" ||
+        (!name.empty() && std::find(std::begin(form->members), std::end(form->members), name) !=
+                              std::end(form->members));
+    if (!known) {
+      throw reader.error("unexpected member '" + name + "'");
     }
   }
   return step;
@@ -394,7 +354,7 @@ std::string packetText(sim::Packet const& p) {
 }
 
 std::string Step::label() const {
-  std::string l = "step " + std::to_string(number) + " (" + kindName(kind);
+  std::string l = "step " + std::to_string(number) + " (" + std::string(formOf(kind).name);
   if (!path.empty()) l += " " + path;
   if (!table.empty()) l += " " + table;
   if (kind == Kind::expectLog || kind == Kind::restart) l += " " + text;
