@@ -191,128 +191,131 @@ std::string macRuleText(Acl::MacRuleConfig const& rule) {
   return out;
 }
 
+namespace {
+
+// Where one list is applied: the interfaces of each direction.
+using Applied = std::map<AclDirection, std::set<Nepo::IntfId>>;
+
+struct ListedRule {
+  uint32_t seq;
+  std::string text;
+  uint32_t uniqueId;
+  uint64_t hits;
+};
+
+// Every rule with its text and the packets it matched, in sequence order.
+std::vector<ListedRule> listedRules(AclType type, Acl::AclConfig const& acl,
+                                    Acl::StatusDp const& status) {
+  std::vector<ListedRule> rules;
+  auto const typeHits = status.ruleHits(type);
+  auto const hits = typeHits ? typeHits->acl(acl.aclName()) : nullptr;
+  auto hitsOf = [&](Acl::UniqueId id) -> uint64_t { return hits ? hits->hits(id) : 0; };
+  if (type == AclType::mac) {
+    for (auto const& [seq, r] : acl.macRuleBySequenceAll()) {
+      rules.push_back({seq, macRuleText(r), r.uniqueId().value(), hitsOf(r.uniqueId())});
+    }
+  } else {
+    for (auto const& [seq, r] : acl.ipRuleBySequenceAll()) {
+      rules.push_back({seq, ipRuleText(type, r), r.uniqueId().value(), hitsOf(r.uniqueId())});
+    }
+  }
+  return rules;
+}
+
+rapidjson::Value accessListJson(AclType type, Zol::Name const& name, Acl::AclConfig const& acl,
+                                Applied const& applied, Acl::StatusDp const& status,
+                                rapidjson::Document::AllocatorType& alloc) {
+  rapidjson::Value a(rapidjson::kObjectType);
+  a.AddMember("standard", acl.standard(), alloc);
+  a.AddMember("countersEnabled", acl.countersEnabled(), alloc);
+  a.AddMember("currCfg", acl.currCfg(), alloc);
+  rapidjson::Value rules(rapidjson::kArrayType);
+  for (ListedRule const& r : listedRules(type, acl, status)) {
+    rapidjson::Value e(rapidjson::kObjectType);
+    e.AddMember("sequence", r.seq, alloc);
+    e.AddMember("text", str(r.text, alloc), alloc);
+    e.AddMember("uniqueId", r.uniqueId, alloc);
+    e.AddMember("hits", r.hits, alloc);
+    rules.PushBack(e, alloc);
+  }
+  a.AddMember("rules", rules, alloc);
+  rapidjson::Value where(rapidjson::kObjectType);
+  for (auto const& [d, intfs] : applied) {
+    rapidjson::Value list(rapidjson::kArrayType);
+    for (Nepo::IntfId const& intf : intfs) list.PushBack(str(intf.stringValue(), alloc), alloc);
+    where.AddMember(rapidjson::StringRef(dirName(d)), list, alloc);
+  }
+  a.AddMember("appliedTo", where, alloc);
+  rapidjson::Value instances(rapidjson::kObjectType);
+  for (auto const& [key, s] : instancesOf(status, name, type)) {
+    instances.AddMember(str(key, alloc), Zol::toJson(s, alloc), alloc);
+  }
+  a.AddMember("instances", instances, alloc);
+  return a;
+}
+
+std::string accessListText(AclType type, Zol::Name const& name, Acl::AclConfig const& acl,
+                           Applied const& applied, Acl::StatusDp const& status) {
+  std::string out =
+      std::string(acl.standard() ? "Standard " : "") + typeHeading(type) + " " + name + "\n";
+  for (ListedRule const& r : listedRules(type, acl, status)) {
+    out += "        " + std::to_string(r.seq) + " " + r.text;
+    if (r.hits > 0) out += " [match " + std::to_string(r.hits) + " packets]";
+    out += "\n";
+  }
+  for (auto const& [d, intfs] : applied) {
+    out += std::string("        Applied ") + dirName(d) + ":";
+    for (Nepo::IntfId const& intf : intfs) out += " " + intf.stringValue();
+    out += "\n";
+  }
+  for (auto const& [key, s] : instancesOf(status, name, type)) {
+    out += "        Instance " + instanceText(key, s) + "\n";
+  }
+  return out;
+}
+
+}  // namespace
+
 std::string showAccessLists(Acl::AclType type, Acl::Config const& config,
                             Acl::IntfConfig const& intfConfigCli,
                             Acl::IntfConfigDir const& intfConfigDir, Acl::StatusDp const& status,
                             bool json) {
   auto const typeConfig = config.config(type);
   auto const applied = appliedOf(type, intfConfigCli, intfConfigDir);
-  // Every rule with its text and the packets it matched, in sequence order.
-  struct Rule {
-    uint32_t seq;
-    std::string text;
-    uint32_t uniqueId;
-    uint64_t hits;
-  };
-  auto rulesOf = [&](Acl::AclConfig const& acl) {
-    std::vector<Rule> rules;
-    auto const typeHits = status.ruleHits(type);
-    auto const hits = typeHits ? typeHits->acl(acl.aclName()) : nullptr;
-    auto hitsOf = [&](Acl::UniqueId id) -> uint64_t { return hits ? hits->hits(id) : 0; };
-    if (type == AclType::mac) {
-      for (auto const& [seq, r] : acl.macRuleBySequenceAll()) {
-        rules.push_back({seq, macRuleText(r), r.uniqueId().value(), hitsOf(r.uniqueId())});
-      }
-    } else {
-      for (auto const& [seq, r] : acl.ipRuleBySequenceAll()) {
-        rules.push_back({seq, ipRuleText(type, r), r.uniqueId().value(), hitsOf(r.uniqueId())});
-      }
-    }
-    return rules;
-  };
   auto appliedTo = [&](Zol::Name const& name) {
     auto it = applied.find(name);
-    return it == applied.end() ? std::map<AclDirection, std::set<Nepo::IntfId>>() : it->second;
+    return it == applied.end() ? Applied() : it->second;
   };
-
   if (json) {
     rapidjson::Document doc(rapidjson::kObjectType);
     auto& alloc = doc.GetAllocator();
     rapidjson::Value lists(rapidjson::kObjectType);
     if (typeConfig) {
       for (auto const& [name, acl] : typeConfig->aclAll()) {
-        rapidjson::Value a(rapidjson::kObjectType);
-        a.AddMember("standard", acl->standard(), alloc);
-        a.AddMember("countersEnabled", acl->countersEnabled(), alloc);
-        a.AddMember("currCfg", acl->currCfg(), alloc);
-        rapidjson::Value rules(rapidjson::kArrayType);
-        for (Rule const& r : rulesOf(*acl)) {
-          rapidjson::Value e(rapidjson::kObjectType);
-          e.AddMember("sequence", r.seq, alloc);
-          e.AddMember("text", str(r.text, alloc), alloc);
-          e.AddMember("uniqueId", r.uniqueId, alloc);
-          e.AddMember("hits", r.hits, alloc);
-          rules.PushBack(e, alloc);
-        }
-        a.AddMember("rules", rules, alloc);
-        rapidjson::Value where(rapidjson::kObjectType);
-        for (auto const& [d, intfs] : appliedTo(name)) {
-          rapidjson::Value list(rapidjson::kArrayType);
-          for (Nepo::IntfId const& intf : intfs)
-            list.PushBack(str(intf.stringValue(), alloc), alloc);
-          where.AddMember(rapidjson::StringRef(dirName(d)), list, alloc);
-        }
-        a.AddMember("appliedTo", where, alloc);
-        rapidjson::Value instances(rapidjson::kObjectType);
-        for (auto const& [key, s] : instancesOf(status, name, type)) {
-          instances.AddMember(str(key, alloc), Zol::toJson(s, alloc), alloc);
-        }
-        a.AddMember("instances", instances, alloc);
-        lists.AddMember(str(name, alloc), a, alloc);
+        lists.AddMember(str(name, alloc),
+                        accessListJson(type, name, *acl, appliedTo(name), status, alloc), alloc);
       }
     }
     doc.AddMember("accessLists", lists, alloc);
     return prettyJson(doc);
   }
-
   std::string out;
   if (typeConfig) {
     for (auto const& [name, acl] : typeConfig->aclAll()) {
       if (!out.empty()) out += "\n";
-      out +=
-          std::string(acl->standard() ? "Standard " : "") + typeHeading(type) + " " + name + "\n";
-      for (Rule const& r : rulesOf(*acl)) {
-        out += "        " + std::to_string(r.seq) + " " + r.text;
-        if (r.hits > 0) out += " [match " + std::to_string(r.hits) + " packets]";
-        out += "\n";
-      }
-      for (auto const& [d, intfs] : appliedTo(name)) {
-        out += std::string("        Applied ") + dirName(d) + ":";
-        for (Nepo::IntfId const& intf : intfs) out += " " + intf.stringValue();
-        out += "\n";
-      }
-      for (auto const& [key, s] : instancesOf(status, name, type)) {
-        out += "        Instance " + instanceText(key, s) + "\n";
-      }
+      out += accessListText(type, name, *acl, appliedTo(name), status);
     }
   }
   if (out.empty()) out = "(no " + std::string(Zol::enumName(type)) + " access lists)\n";
   return out;
 }
 
-std::string showHardwareAcl(sim::Chip const& chip, Acl::StatusDp const& status, bool json) {
-  rapidjson::Document doc(rapidjson::kObjectType);
-  auto& alloc = doc.GetAllocator();
-  // The tables as the chip dumps them, without the counters that scenarios read beside them.
-  rapidjson::Value dump = chip.toJson(alloc);
-  rapidjson::Value hw = std::move(dump["acl"]);
-  std::vector<std::string> refused;
-  for (std::string const& e : chip.errors()) {
-    if (e.rfind("acl ", 0) == 0 || e.rfind("rangeChecker ", 0) == 0) refused.push_back(e);
-  }
-  if (json) {
-    for (auto& m : hw.GetObject()) doc.AddMember(m.name, m.value, alloc);
-    rapidjson::Value instances(rapidjson::kObjectType);
-    for (auto const& [key, s] : status.aclStatusAll()) {
-      instances.AddMember(str(key, alloc), Zol::toJson(s, alloc), alloc);
-    }
-    doc.AddMember("instances", instances, alloc);
-    rapidjson::Value r(rapidjson::kArrayType);
-    for (std::string const& e : refused) r.PushBack(str(e, alloc), alloc);
-    doc.AddMember("refused", r, alloc);
-    return prettyJson(doc);
-  }
+namespace {
 
+// The chip's ACL tables (as it dumps them), the library's instances and the operations the chip
+// refused, as people read them.
+std::string hardwareAclText(rapidjson::Value const& hw, Acl::StatusDp const& status,
+                            std::vector<std::string> const& refused) {
   auto usedText = [](rapidjson::Value const& v) {
     return std::to_string(v["used"].GetUint64()) + " of " +
            std::to_string(v["capacity"].GetUint64());
@@ -360,6 +363,33 @@ std::string showHardwareAcl(sim::Chip const& chip, Acl::StatusDp const& status, 
     for (std::string const& e : refused) out += "  " + e + "\n";
   }
   return out;
+}
+
+}  // namespace
+
+std::string showHardwareAcl(sim::Chip const& chip, Acl::StatusDp const& status, bool json) {
+  rapidjson::Document doc(rapidjson::kObjectType);
+  auto& alloc = doc.GetAllocator();
+  // The tables as the chip dumps them, without the counters that scenarios read beside them.
+  rapidjson::Value dump = chip.toJson(alloc);
+  rapidjson::Value hw = std::move(dump["acl"]);
+  std::vector<std::string> refused;
+  for (std::string const& e : chip.errors()) {
+    if (e.rfind("acl ", 0) == 0 || e.rfind("rangeChecker ", 0) == 0) refused.push_back(e);
+  }
+  if (json) {
+    for (auto& m : hw.GetObject()) doc.AddMember(m.name, m.value, alloc);
+    rapidjson::Value instances(rapidjson::kObjectType);
+    for (auto const& [key, s] : status.aclStatusAll()) {
+      instances.AddMember(str(key, alloc), Zol::toJson(s, alloc), alloc);
+    }
+    doc.AddMember("instances", instances, alloc);
+    rapidjson::Value r(rapidjson::kArrayType);
+    for (std::string const& e : refused) r.PushBack(str(e, alloc), alloc);
+    doc.AddMember("refused", r, alloc);
+    return prettyJson(doc);
+  }
+  return hardwareAclText(hw, status, refused);
 }
 
 std::string showErrdisable(std::vector<Errdisable::CauseStatus const*> const& causes, bool json) {

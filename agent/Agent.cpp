@@ -181,49 +181,61 @@ Agent::Target Agent::resolve(std::string const& path, bool live, std::string con
   return t;
 }
 
+namespace {
+
+// Packets go through ports: a port-channel's or VLAN's traffic arrives on member ports.
+void validatePacket(Step const& s, sim::Chip const& chip) {
+  if (!chip.hasPort(s.packet.intf)) {
+    throw ScenarioError(s.label() + ": " + s.packet.intf.stringValue() +
+                        " is not a port of the chip (Ethernet1 to Ethernet" +
+                        std::to_string(chip.units() * chip.portsPerUnit()) + ")");
+  }
+}
+
+void validateFault(Step const& s) {
+  if (!sim::tableFromName(s.table)) {
+    throw ScenarioError(s.label() + ": no chip table '" + s.table + "'");
+  }
+  if (!s.capacity && !sim::statusFromText(s.answer)) {
+    throw ScenarioError(s.label() + ": 'answer' must be ok, busy, full or failed, found '" +
+                        s.answer + "'");
+  }
+}
+
+}  // namespace
+
 void Agent::validateStep(Step const& s) const {
-  using Kind = Zol::AttrDesc::Kind;
-  std::string const where = s.label();
-  if (s.kind == Step::Kind::advance || s.kind == Step::Kind::comment ||
-      s.kind == Step::Kind::expectLog || s.kind == Step::Kind::restart) {
-    return;
+  switch (s.kind) {
+    case Step::Kind::advance:
+    case Step::Kind::comment:
+    case Step::Kind::expectLog:
+    case Step::Kind::restart:
+      return;
+    case Step::Kind::packet:
+      return validatePacket(s, platform_->chip());
+    case Step::Kind::fault:
+      return validateFault(s);
+    default:
+      break;
   }
-  if (s.kind == Step::Kind::packet) {
-    // Packets go through ports: a port-channel's or VLAN's traffic arrives on member ports.
-    sim::Chip const& chip = platform_->chip();
-    if (!chip.hasPort(s.packet.intf)) {
-      throw ScenarioError(where + ": " + s.packet.intf.stringValue() +
-                          " is not a port of the chip (Ethernet1 to Ethernet" +
-                          std::to_string(chip.units() * chip.portsPerUnit()) + ")");
-    }
-    return;
-  }
-  if (s.kind == Step::Kind::fault) {
-    if (!sim::tableFromName(s.table))
-      throw ScenarioError(where + ": no chip table '" + s.table + "'");
-    if (!s.capacity && !sim::statusFromText(s.answer)) {
-      throw ScenarioError(where + ": 'answer' must be ok, busy, full or failed, found '" +
-                          s.answer + "'");
-    }
-    return;
-  }
-  if (isHardwarePath(s.path)) {
-    validateHardware(s);
-    return;
-  }
+  if (isHardwarePath(s.path)) return validateHardware(s);
   if (s.kind == Step::Kind::show) {
     if (!views_.count(s.view)) {
       std::string known;
       for (auto const& v : viewNames()) known += (known.empty() ? "" : ", ") + v;
-      throw ScenarioError(where + ": unknown view '" + s.view + "' (views: " + known + ")");
+      throw ScenarioError(s.label() + ": unknown view '" + s.view + "' (views: " + known + ")");
     }
     return;
   }
-  Target const t = resolve(s.path, false, where);
-  if (s.kind == Step::Kind::expect) {
-    validateExpect(s, t);
-    return;
-  }
+  Target const t = resolve(s.path, false, s.label());
+  if (s.kind == Step::Kind::expect) return validateExpect(s, t);
+  validateWrite(s, t);
+}
+
+// A set or del of an attribute: the attribute, its key and the value as its type reads them.
+void Agent::validateWrite(Step const& s, Target const& t) const {
+  using Kind = Zol::AttrDesc::Kind;
+  std::string const where = s.label();
   Zol::AttrDesc const* a = t.type->attr(s.attr);
   if (!a) throw ScenarioError(where + ": " + t.type->name + " has no attribute '" + s.attr + "'");
   bool const keyed = a->kind == Kind::collection || a->kind == Kind::childCollection;
@@ -234,29 +246,22 @@ void Agent::validateStep(Step const& s) const {
       return 0;
     });
   }
-  rapidjson::Document scratch;
-  switch (s.kind) {
-    case Step::Kind::set:
-      if (a->kind == Kind::childCollection) {
-        if (!s.key)
-          throw ScenarioError(where + ": creating a child of '" + s.attr + "' needs a key");
-        if (s.value)
-          throw ScenarioError(where + ": a child is created by key alone, without value");
-        return;
-      }
-      if (!a->set) throw ScenarioError(where + ": '" + s.attr + "' cannot be written");
-      if (a->kind == Kind::collection && !s.key) {
-        throw ScenarioError(where + ": writing collection '" + s.attr + "' needs a 'key'");
-      }
-      if (!s.value) throw ScenarioError(where + ": 'set' needs a 'value'");
-      checked(where + ": value", [&] { return a->normalize(*s.value, scratch.GetAllocator()); });
-      return;
-    case Step::Kind::del:
-      if (!a->del) throw ScenarioError(where + ": '" + s.attr + "' has no entries to delete");
-      return;
-    default:
-      return;
+  if (s.kind == Step::Kind::del) {
+    if (!a->del) throw ScenarioError(where + ": '" + s.attr + "' has no entries to delete");
+    return;
   }
+  if (a->kind == Kind::childCollection) {
+    if (!s.key) throw ScenarioError(where + ": creating a child of '" + s.attr + "' needs a key");
+    if (s.value) throw ScenarioError(where + ": a child is created by key alone, without value");
+    return;
+  }
+  if (!a->set) throw ScenarioError(where + ": '" + s.attr + "' cannot be written");
+  if (a->kind == Kind::collection && !s.key) {
+    throw ScenarioError(where + ": writing collection '" + s.attr + "' needs a 'key'");
+  }
+  if (!s.value) throw ScenarioError(where + ": 'set' needs a 'value'");
+  rapidjson::Document scratch;
+  checked(where + ": value", [&] { return a->normalize(*s.value, scratch.GetAllocator()); });
 }
 
 void Agent::validate(Scenario const& sc) const {

@@ -57,6 +57,7 @@ class Agent {
   Target resolve(std::string const& path, bool live, std::string const& where,
                  bool missingOk = false) const;
   void validateExpect(Step const& s, Target const& t) const;
+  void validateWrite(Step const& s, Target const& t) const;
   // The step's fields read as the attribute's value type reads them; throws ScenarioError for
   // fields the type does not have.
   static rapidjson::Value expectedFields(Zol::AttrDesc const& a, Step const& s,

@@ -40,6 +40,29 @@ std::string protocolName(uint8_t protocol) {
   }
 }
 
+// The packet's fields as written; what kind of packet it is comes from which were written.
+sim::Packet packetOf(AgentScenario::Packet const& spec) {
+  sim::Packet p;
+  p.intf = spec.intf();
+  p.direction = spec.direction() == AgentScenario::Direction::in ? Acl::AclDirection::in
+                                                                 : Acl::AclDirection::out;
+  p.vlan = spec.vlan();
+  p.srcMac = spec.srcMac();
+  p.dstMac = spec.dstMac();
+  p.protocol = spec.protocol();
+  p.srcPort = spec.srcPort();
+  p.dstPort = spec.dstPort();
+  p.tcpFlags = spec.tcpFlags();
+  p.ecn = spec.ecn();
+  p.dscp = spec.dscp();
+  p.ipLen = spec.ipLen();
+  p.ttl = spec.ttl();
+  p.icmpType = spec.icmpType();
+  p.icmpCode = spec.icmpCode();
+  p.fragment = spec.fragment();
+  return p;
+}
+
 // {"intf": "Ethernet1", "direction": "in", "protocol": "tcp", "dstPort": 80, ...}. Fields left
 // out are zero. Any IP field makes an IP packet, whose Ethernet type follows its addresses; an
 // address left out is the zero address of the other one's family.
@@ -62,24 +85,7 @@ sim::Packet parsePacket(rapidjson::Value const& v, Step& step) {
   } catch (std::exception const& e) {
     throw ScenarioError(step.label() + ": packet " + e.what());
   }
-  sim::Packet p;
-  p.intf = spec.intf();
-  p.direction = spec.direction() == AgentScenario::Direction::in ? Acl::AclDirection::in
-                                                                 : Acl::AclDirection::out;
-  p.vlan = spec.vlan();
-  p.srcMac = spec.srcMac();
-  p.dstMac = spec.dstMac();
-  p.protocol = spec.protocol();
-  p.srcPort = spec.srcPort();
-  p.dstPort = spec.dstPort();
-  p.tcpFlags = spec.tcpFlags();
-  p.ecn = spec.ecn();
-  p.dscp = spec.dscp();
-  p.ipLen = spec.ipLen();
-  p.ttl = spec.ttl();
-  p.icmpType = spec.icmpType();
-  p.icmpCode = spec.icmpCode();
-  p.fragment = spec.fragment();
+  sim::Packet p = packetOf(spec);
   // What was written, not what the fields read, decides the kind of packet.
   auto given = [&](char const* name) { return v.HasMember(name); };
   bool const typeGiven = given("etherType");

@@ -84,98 +84,112 @@ struct FloodRow {
   TunnelIpAddrList vteps;
 };
 
-}  // namespace
-
-std::string showVxlan(Vemo::SwTunnelGroupIdData const& groups, Vxlan::VxlanConfigDir const& config,
-                      Vemo::VXLAN::RemoteMacInfoDir const& remoteMacs, bool json) {
-  // Every group that is referenced or numbered, in identifier order.
-  std::map<SwTunnelGroupId, GroupRow> groupRows;
-  for (auto const& [value, count] : groups.refcountTable()->refcountAll()) {
-    groupRows[SwTunnelGroupId(value)].refs = count.count();
-  }
-  for (auto const& [id, list] : groups.swTunnelGroupIdToAddrAll()) groupRows[id];
-  for (auto& [id, r] : groupRows) r.vteps = vtepsOf(groups, id);
-
-  std::vector<FloodRow> floodRows;
-  for (auto const& [vti, c] : config.vxlanConfigAll()) {
-    if (c->floodVtepListSize() > 0) floodRows.push_back({vti, 0, listOf(c->floodVtepListAll())});
-    for (auto const& [vlan, list] : c->vlanToVtepListAll()) {
-      floodRows.push_back({vti, vlan.value(), listOf(list->vtepAll())});
-    }
-  }
+// What the view shows: every group that is referenced or numbered, in identifier order; the
+// flood lists of every interface; the remote MACs in key order.
+struct VxlanRows {
+  std::map<SwTunnelGroupId, GroupRow> groups;
+  std::vector<FloodRow> flood;
   std::vector<Vemo::VXLAN::HostEntry> hosts;
-  for (auto const& [key, entry] : remoteMacs.hostTable()->entryAll()) hosts.push_back(entry);
-  std::sort(hosts.begin(), hosts.end(),
-            [](auto const& a, auto const& b) { return a.key() < b.key(); });
+};
 
-  if (json) {
-    rapidjson::Document doc(rapidjson::kObjectType);
-    auto& alloc = doc.GetAllocator();
-    doc.AddMember("lastSequenceNumber", groups.currentIdx(), alloc);
-    rapidjson::Value g(rapidjson::kArrayType);
-    for (auto const& [id, r] : groupRows) {
-      rapidjson::Value e(rapidjson::kObjectType);
-      e.AddMember("id", id.value(), alloc);
-      e.AddMember("type", str(id.isSingleMemberGroup() ? "single" : "multi", alloc), alloc);
-      e.AddMember("refcount", r.refs, alloc);
-      e.AddMember("vteps", vtepArray(r.vteps, alloc), alloc);
-      g.PushBack(e, alloc);
-    }
-    doc.AddMember("groups", g, alloc);
-    rapidjson::Value f(rapidjson::kArrayType);
-    for (FloodRow const& r : floodRows) {
-      rapidjson::Value e(rapidjson::kObjectType);
-      e.AddMember("interface", str(r.vti.stringValue(), alloc), alloc);
-      e.AddMember("vlan", r.vlan, alloc);
-      e.AddMember("group", groupOf(groups, r.vteps).value(), alloc);
-      e.AddMember("vteps", vtepArray(r.vteps, alloc), alloc);
-      f.PushBack(e, alloc);
-    }
-    doc.AddMember("floodLists", f, alloc);
-    rapidjson::Value h(rapidjson::kArrayType);
-    for (auto const& entry : hosts) {
-      rapidjson::Value e(rapidjson::kObjectType);
-      e.AddMember("mac", str(entry.key().macAddr().stringValue(), alloc), alloc);
-      e.AddMember("vlan", entry.key().vlanId().value(), alloc);
-      e.AddMember("interface", str(entry.intf().stringValue(), alloc), alloc);
-      e.AddMember("group", entry.swTunnelGroupId().value(), alloc);
-      e.AddMember("vteps", vtepArray(vtepsOf(groups, entry.swTunnelGroupId()), alloc), alloc);
-      h.PushBack(e, alloc);
-    }
-    doc.AddMember("remoteMacs", h, alloc);
-    return prettyJson(doc);
+VxlanRows vxlanRows(Vemo::SwTunnelGroupIdData const& groups, Vxlan::VxlanConfigDir const& config,
+                    Vemo::VXLAN::RemoteMacInfoDir const& remoteMacs) {
+  VxlanRows rows;
+  for (auto const& [value, count] : groups.refcountTable()->refcountAll()) {
+    rows.groups[SwTunnelGroupId(value)].refs = count.count();
   }
+  for (auto const& [id, list] : groups.swTunnelGroupIdToAddrAll()) rows.groups[id];
+  for (auto& [id, r] : rows.groups) r.vteps = vtepsOf(groups, id);
 
+  for (auto const& [vti, c] : config.vxlanConfigAll()) {
+    if (c->floodVtepListSize() > 0) rows.flood.push_back({vti, 0, listOf(c->floodVtepListAll())});
+    for (auto const& [vlan, list] : c->vlanToVtepListAll()) {
+      rows.flood.push_back({vti, vlan.value(), listOf(list->vtepAll())});
+    }
+  }
+  for (auto const& [key, entry] : remoteMacs.hostTable()->entryAll()) rows.hosts.push_back(entry);
+  std::sort(rows.hosts.begin(), rows.hosts.end(),
+            [](auto const& a, auto const& b) { return a.key() < b.key(); });
+  return rows;
+}
+
+std::string vxlanJson(Vemo::SwTunnelGroupIdData const& groups, VxlanRows const& rows) {
+  rapidjson::Document doc(rapidjson::kObjectType);
+  auto& alloc = doc.GetAllocator();
+  doc.AddMember("lastSequenceNumber", groups.currentIdx(), alloc);
+  rapidjson::Value g(rapidjson::kArrayType);
+  for (auto const& [id, r] : rows.groups) {
+    rapidjson::Value e(rapidjson::kObjectType);
+    e.AddMember("id", id.value(), alloc);
+    e.AddMember("type", str(id.isSingleMemberGroup() ? "single" : "multi", alloc), alloc);
+    e.AddMember("refcount", r.refs, alloc);
+    e.AddMember("vteps", vtepArray(r.vteps, alloc), alloc);
+    g.PushBack(e, alloc);
+  }
+  doc.AddMember("groups", g, alloc);
+  rapidjson::Value f(rapidjson::kArrayType);
+  for (FloodRow const& r : rows.flood) {
+    rapidjson::Value e(rapidjson::kObjectType);
+    e.AddMember("interface", str(r.vti.stringValue(), alloc), alloc);
+    e.AddMember("vlan", r.vlan, alloc);
+    e.AddMember("group", groupOf(groups, r.vteps).value(), alloc);
+    e.AddMember("vteps", vtepArray(r.vteps, alloc), alloc);
+    f.PushBack(e, alloc);
+  }
+  doc.AddMember("floodLists", f, alloc);
+  rapidjson::Value h(rapidjson::kArrayType);
+  for (auto const& entry : rows.hosts) {
+    rapidjson::Value e(rapidjson::kObjectType);
+    e.AddMember("mac", str(entry.key().macAddr().stringValue(), alloc), alloc);
+    e.AddMember("vlan", entry.key().vlanId().value(), alloc);
+    e.AddMember("interface", str(entry.intf().stringValue(), alloc), alloc);
+    e.AddMember("group", entry.swTunnelGroupId().value(), alloc);
+    e.AddMember("vteps", vtepArray(vtepsOf(groups, entry.swTunnelGroupId()), alloc), alloc);
+    h.PushBack(e, alloc);
+  }
+  doc.AddMember("remoteMacs", h, alloc);
+  return prettyJson(doc);
+}
+
+std::string vxlanText(Vemo::SwTunnelGroupIdData const& groups, VxlanRows const& rows) {
   std::string out = "VTEP groups: " + std::to_string(groups.swTunnelGroupIdToAddrSize()) +
                     " numbered, last sequence number " + std::to_string(groups.currentIdx()) + "\n";
   out += row({{12, "Group"}, {6, "Type"}, {5, "Refs"}, {0, "VTEPs"}});
-  for (auto const& [id, r] : groupRows) {
+  for (auto const& [id, r] : rows.groups) {
     out += row({{12, idText(id)},
                 {6, id.isSingleMemberGroup() ? "single" : "multi"},
                 {5, std::to_string(r.refs)},
                 {0, vtepText(r.vteps)}});
   }
-  if (groupRows.empty()) out += "(no VTEP groups)\n";
+  if (rows.groups.empty()) out += "(no VTEP groups)\n";
   out += "\nFlood lists\n";
   out += row({{12, "Interface"}, {7, "VLAN"}, {12, "Group"}, {0, "VTEPs"}});
-  for (FloodRow const& r : floodRows) {
+  for (FloodRow const& r : rows.flood) {
     out += row({{12, r.vti.stringValue()},
                 {7, r.vlan == 0 ? "default" : std::to_string(r.vlan)},
                 {12, idText(groupOf(groups, r.vteps))},
                 {0, vtepText(r.vteps)}});
   }
-  if (floodRows.empty()) out += "(no flood lists)\n";
+  if (rows.flood.empty()) out += "(no flood lists)\n";
   out += "\nRemote MACs\n";
   out += row({{17, "MAC"}, {5, "VLAN"}, {12, "Interface"}, {12, "Group"}, {0, "VTEPs"}});
-  for (auto const& entry : hosts) {
+  for (auto const& entry : rows.hosts) {
     out += row({{17, entry.key().macAddr().stringValue()},
                 {5, std::to_string(entry.key().vlanId().value())},
                 {12, entry.intf().stringValue()},
                 {12, idText(entry.swTunnelGroupId())},
                 {0, vtepText(vtepsOf(groups, entry.swTunnelGroupId()))}});
   }
-  if (hosts.empty()) out += "(no remote MACs)\n";
+  if (rows.hosts.empty()) out += "(no remote MACs)\n";
   return out;
+}
+
+}  // namespace
+
+std::string showVxlan(Vemo::SwTunnelGroupIdData const& groups, Vxlan::VxlanConfigDir const& config,
+                      Vemo::VXLAN::RemoteMacInfoDir const& remoteMacs, bool json) {
+  VxlanRows const rows = vxlanRows(groups, config, remoteMacs);
+  return json ? vxlanJson(groups, rows) : vxlanText(groups, rows);
 }
 
 }  // namespace vemo::agent
