@@ -23,7 +23,9 @@ std::vector<std::string> split(std::string const& path) {
 bool isHardwarePath(std::string const& path) { return path == "hw" || path.rfind("hw/", 0) == 0; }
 
 std::string scalarText(rapidjson::Value const& v) {
-  if (v.IsString()) return std::string(v.GetString(), v.GetStringLength());
+  // An empty text shows as "", not as nothing after the colon.
+  if (v.IsString())
+    return v.GetStringLength() == 0 ? "\"\"" : std::string(v.GetString(), v.GetStringLength());
   if (v.IsNull()) return "-";
   return Zol::jsonText(v);
 }
