@@ -31,8 +31,6 @@ TEST(AgentAcl, MalformedPacketStepsAreRejectedNamingStepAndMember) {
        "packet 'protocol' must be a number or tcp, udp, icmp, icmpv6"},
       {R"({"packet": {"intf": "Ethernet1", "tcpFlags": ["syn", "fyn"]}})",
        "packet 'tcpFlags' must be a number or a list of fin, syn"},
-      {R"({"packet": {"intf": "Ethernet1", "srcMac": "02:00"}})",
-       "packet 'srcMac' must be a MAC address"},
       {R"({"packet": {"intf": "Ethernet1", "srcIp": "10.0.0.1", "dstIp": "2001:db8::1"}})",
        "'srcIp' and 'dstIp' must be of one family"},
       {R"({"packet": {"intf": "Ethernet1", "dstIp": "10.0.0.1", "etherType": "0x0806"}})",
