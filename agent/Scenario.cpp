@@ -18,26 +18,15 @@ std::string str(rapidjson::Value const& v) {
   return std::string(v.GetString(), v.GetStringLength());
 }
 
-constexpr char const* kTcpFlagNames[] = {"fin", "syn", "rst", "psh", "ack",
-                                         "urg", "ece", "cwr", "ns"};
 constexpr uint16_t kEtherTypeIp = 0x0800;
 constexpr uint16_t kEtherTypeIp6 = 0x86dd;
 
+// Protocols as scenarios name them; 0 is any IP packet.
 std::string protocolName(uint8_t protocol) {
-  switch (protocol) {
-    case 0:
-      return "ip";
-    case 1:
-      return "icmp";
-    case 6:
-      return "tcp";
-    case 17:
-      return "udp";
-    case 58:
-      return "icmpv6";
-    default:
-      return "protocol " + std::to_string(protocol);
+  for (auto const& [name, number] : AgentScenario::Packet::protocolNames) {
+    if (number == protocol) return std::string(name);
   }
+  return protocol == 0 ? "ip" : "protocol " + std::to_string(protocol);
 }
 
 // The packet's fields as written; what kind of packet it is comes from which were written.
@@ -342,9 +331,9 @@ std::string packetText(sim::Packet const& p) {
          endpoint(p.dstIp, p.dstPort);
   if (p.tcpFlags != 0) {
     std::string flags;
-    for (unsigned bit = 0; bit < 9; ++bit) {
-      if (p.tcpFlags & (1u << bit))
-        flags += (flags.empty() ? "" : " ") + std::string(kTcpFlagNames[bit]);
+    unsigned bit = 0;
+    for (std::string_view const name : AgentScenario::Packet::tcpFlagsBits) {
+      if (p.tcpFlags & (1u << bit++)) flags += (flags.empty() ? "" : " ") + std::string(name);
     }
     out += " [" + flags + "]";
   }

@@ -115,8 +115,10 @@ class FamilyEmitter:
                "#pragma once", "",
                "#include <absl/hash/hash.h>", "",
                "#include <array>", "#include <cstdint>", "#include <functional>",
-               "#include <optional>", "#include <string>", "",
-               '#include "Zol/Entity.h"', '#include "Zol/Text.h"']
+               "#include <optional>", "#include <string>"]
+        if any(f.forms() for d in self.fam.values for f in d.fields):
+            out += ["#include <string_view>", "#include <utility>"]
+        out += ["", '#include "Zol/Entity.h"', '#include "Zol/Text.h"']
         incs = []
         for h in self.extern_headers() + self.fam.includes + \
                 [f"ZolGen/{dep}.h" for dep in self.dep_families()]:
@@ -229,6 +231,15 @@ class FamilyEmitter:
             out.append(f"  {explicit}{n}({params});")
         for f in d.fields:
             out += self.value_field_accessors(d, f)
+        for f in d.fields:
+            # The other JSON forms, for code that prints the field as people write it.
+            if f.names:
+                names = ", ".join(f"{{{cstr(k)}, {x}}}" for k, x in f.names.items())
+                out.append(f"  static constexpr std::pair<std::string_view, {f.type.cpp}> "
+                           f"{f.name}Names[] = {{{names}}};")
+            if f.bits:
+                bits = ", ".join(cstr(b) for b in f.bits)
+                out.append(f"  static constexpr std::string_view {f.name}Bits[] = {{{bits}}};")
         out += [
             f"  bool operator==({n} const& o) const;",
             f"  bool operator<({n} const& o) const;",
@@ -653,9 +664,9 @@ class FamilyEmitter:
             else:
                 val = f"fromJson<{self.field_cpp(f)}>(m.value)"
                 if f.forms():
-                    names = ", ".join(f"{{{cstr(k)}, {x}}}" for k, x in f.names.items())
-                    bits = ", ".join(cstr(b) for b in f.bits)
-                    val = (f"numberFromJson<{f.type.cpp}>(m.value, {{{names}}}, {{{bits}}}, "
+                    names = f"{q}::{f.name}Names" if f.names else "{}"
+                    bits = f"{q}::{f.name}Bits" if f.bits else "{}"
+                    val = (f"numberFromJson<{f.type.cpp}>(m.value, {names}, {bits}, "
                            f"{'true' if f.hex else 'false'})")
                 if f.min is not None or f.max is not None:
                     val = f"{q}::{f.name}Check({val})"

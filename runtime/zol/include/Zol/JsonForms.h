@@ -2,7 +2,7 @@
 #pragma once
 
 #include <charconv>
-#include <initializer_list>
+#include <span>
 #include <string_view>
 #include <utility>
 
@@ -13,8 +13,8 @@ namespace Zol {
 // An integer that people may also write by name ("tcp"), as a list of bit names (bit i is
 // bits[i]) or, with hex, as "0x" text; any other text or list is a BindError.
 template <class T>
-T numberFromJson(Json const& j, std::initializer_list<std::pair<std::string_view, T>> names,
-                 std::initializer_list<std::string_view> bits, bool hex) {
+T numberFromJson(Json const& j, std::span<std::pair<std::string_view, T> const> names,
+                 std::span<std::string_view const> bits, bool hex) {
   if (j.IsString()) {
     std::string_view const s(j.GetString(), j.GetStringLength());
     for (auto const& [name, v] : names) {

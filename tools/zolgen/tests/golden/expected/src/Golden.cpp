@@ -295,13 +295,13 @@ Golden::Probe Zol::JsonTraits<Golden::Probe>::from(Json const& j) {
     std::string_view const field(m.name.GetString(), m.name.GetStringLength());
     if (field == "proto") {
       try {
-        v.proto_ = numberFromJson<Zol::U8>(m.value, {{"tcp", 6}, {"udp", 17}}, {}, false);
+        v.proto_ = numberFromJson<Zol::U8>(m.value, Golden::Probe::protoNames, {}, false);
       } catch (std::exception const&) {
         throw BindError("'proto' must be a number or tcp, udp, found " + jsonText(m.value));
       }
     } else if (field == "flags") {
       try {
-        v.flags_ = Golden::Probe::flagsCheck(numberFromJson<Zol::U8>(m.value, {}, {"fin", "syn", "rst"}, false));
+        v.flags_ = Golden::Probe::flagsCheck(numberFromJson<Zol::U8>(m.value, {}, Golden::Probe::flagsBits, false));
       } catch (std::exception const&) {
         throw BindError("'flags' must be a number or a list of fin, syn, rst, found " + jsonText(m.value));
       }

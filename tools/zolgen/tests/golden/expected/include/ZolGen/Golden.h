@@ -8,6 +8,8 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <utility>
 
 #include "Zol/Entity.h"
 #include "Zol/Text.h"
@@ -201,6 +203,8 @@ class Probe {
   void portIs(Nepo::IntfId const& v) { port_ = v; }
   Golden::Colour colour() const { return colour_; }
   void colourIs(Golden::Colour v) { colour_ = v; }
+  static constexpr std::pair<std::string_view, Zol::U8> protoNames[] = {{"tcp", 6}, {"udp", 17}};
+  static constexpr std::string_view flagsBits[] = {"fin", "syn", "rst"};
   bool operator==(Probe const& o) const;
   bool operator<(Probe const& o) const;
   size_t hash() const;
