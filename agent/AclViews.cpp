@@ -346,7 +346,7 @@ std::string hardwareAclText(rapidjson::Value const& hw, Acl::StatusDp const& sta
   for (auto const& b : hw["bindings"].GetObject()) {
     for (auto const& d : b.value.GetObject()) {
       char line[128];
-      std::snprintf(line, sizeof line, "  %-18s %-4s acl %u\n", b.name.GetString(),
+      std::snprintf(line, sizeof line, "  %-18s %-8s acl %u\n", b.name.GetString(),
                     d.name.GetString(), d.value.GetUint());
       out += line;
     }
