@@ -100,7 +100,4 @@ std::string jsonAsText(rapidjson::Value const& v, int indent = 0);
 // facility being the key up to its first underscore and the number the severity.
 std::string syslogLine(Zol::SyslogRecord const& r);
 
-// The scenario run when none is given.
-extern char const* const kDefaultScenario;
-
 }  // namespace vemo::agent

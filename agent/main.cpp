@@ -3,6 +3,7 @@
 #include <iostream>
 
 #include "Agent.h"
+#include "DefaultScenario.h"
 #include "Zol/Trace.h"
 
 namespace {
