@@ -100,10 +100,20 @@ void Platform::start(Zol::Ptr<Vemo::VemoCommonSmData> const& commonData) {
   aclHelper_->establishedSupportedIs(false);
   aclHelper_->installImplicitIcmp6RulesIs(true);
   aclHelper_->asyncAclConfigIs(config_.aclAsync);
-  aclSm_ =
-      Vemo::aclSmFactory(commonData, aclConfig_, aclParam_, aclIntfConfigDir_, aclIntfConfigCli_,
-                         aclHwConfigDir_, aclStatus_, aclCauseStatus_, lagInputConfig_, aclHelper_,
-                         loop_, brConfig_, subIntfStatusDir_, subIntfConfigDir_);
+  aclSm_ = Vemo::aclSmFactory({.commonData = commonData,
+                               .mainConfig = aclConfig_,
+                               .aclParamConfig = aclParam_,
+                               .intfConfigDir = aclIntfConfigDir_,
+                               .intfConfigCli = aclIntfConfigCli_,
+                               .hwConfigDir = aclHwConfigDir_,
+                               .status = aclStatus_,
+                               .aclCauseStatus = aclCauseStatus_,
+                               .lagInputConfig = lagInputConfig_,
+                               .aclHelper = aclHelper_,
+                               .clock = &loop_,
+                               .brConfig = brConfig_,
+                               .subIntfStatusDir = subIntfStatusDir_,
+                               .subIntfConfigDir = subIntfConfigDir_});
   aclSm_->initializedIs(true);
 }
 

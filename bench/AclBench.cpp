@@ -167,12 +167,21 @@ struct InstallWorld {
     }
   }
   Zol::Ptr<Vemo::AclSm> start(Zol::Ptr<VemoHelper::AclHelper> const& helper) {
-    auto sm = Vemo::aclSmFactory(
-        cd, config, Zol::make<Acl::ParamConfig>("param"), Zol::make<Acl::IntfConfigDir>("dir"), cli,
-        Zol::make<Acl::HwConfigDir>("hw"), Zol::make<Acl::StatusDp>("st"),
-        Zol::make<Errdisable::CauseStatus>("acl", "acl"), Zol::make<Lag::Input::Config>("lag"),
-        helper, loop, Zol::make<Bridging::Config>("br"),
-        Zol::make<Interface::SubIntfStatusDir>("ss"), Zol::make<Interface::SubIntfConfigDir>("sc"));
+    auto sm =
+        Vemo::aclSmFactory({.commonData = cd,
+                            .mainConfig = config,
+                            .aclParamConfig = Zol::make<Acl::ParamConfig>("param"),
+                            .intfConfigDir = Zol::make<Acl::IntfConfigDir>("dir"),
+                            .intfConfigCli = cli,
+                            .hwConfigDir = Zol::make<Acl::HwConfigDir>("hw"),
+                            .status = Zol::make<Acl::StatusDp>("st"),
+                            .aclCauseStatus = Zol::make<Errdisable::CauseStatus>("acl", "acl"),
+                            .lagInputConfig = Zol::make<Lag::Input::Config>("lag"),
+                            .aclHelper = helper,
+                            .clock = &loop,
+                            .brConfig = Zol::make<Bridging::Config>("br"),
+                            .subIntfStatusDir = Zol::make<Interface::SubIntfStatusDir>("ss"),
+                            .subIntfConfigDir = Zol::make<Interface::SubIntfConfigDir>("sc")});
     sm->initializedIs(true);
     loop.runUntilIdle();
     return sm;

@@ -334,17 +334,27 @@ class AclSm : public VemoBaseSm {
   // An ACL instance per VLAN interface, beyond the configured limit.
   static constexpr Zol::U32 aclNumbersPerVlan = 4094;
 
-  AclSm(Zol::Ptr<VemoCommonSmData> const& commonData, Zol::Ptr<Acl::Config const> const& mainConfig,
-        Zol::Ptr<Acl::ParamConfig const> const& aclParamConfig,
-        Zol::Ptr<Acl::IntfConfigDir const> const& intfConfigDir,
-        Zol::Ptr<Acl::IntfConfig const> const& intfConfigCli,
-        Zol::Ptr<Acl::HwConfigDir const> const& hwConfigDir, Zol::Ptr<Acl::StatusDp> const& status,
-        Zol::Ptr<Errdisable::CauseStatus> const& aclCauseStatus,
-        Zol::Ptr<Lag::Input::Config const> const& lagInputConfig,
-        Zol::Ptr<VemoHelper::AclHelper> const& aclHelper, Zol::ActivityLoop& clock,
-        Zol::Ptr<Bridging::Config const> const& brConfig,
-        Zol::Ptr<Interface::SubIntfStatusDir const> const& subIntfStatusDir,
-        Zol::Ptr<Interface::SubIntfConfigDir const> const& subIntfConfigDir);
+  // What the SM reads and writes, by name. The agent, the tests and the exported factory fill one
+  // and the SM keeps it, so an input is added here and where it is used.
+  struct Inputs {
+    Zol::Ptr<VemoCommonSmData> commonData;
+    Zol::Ptr<Acl::Config const> mainConfig;
+    Zol::Ptr<Acl::ParamConfig const> aclParamConfig;
+    Zol::Ptr<Acl::IntfConfigDir const> intfConfigDir;
+    Zol::Ptr<Acl::IntfConfig const> intfConfigCli;
+    Zol::Ptr<Acl::HwConfigDir const> hwConfigDir;
+    Zol::Ptr<Acl::StatusDp> status;
+    Zol::Ptr<Errdisable::CauseStatus> aclCauseStatus;
+    Zol::Ptr<Lag::Input::Config const> lagInputConfig;
+    Zol::Ptr<VemoHelper::AclHelper> aclHelper;
+    // The loop the SM's timers run on.
+    Zol::ActivityLoop* clock = nullptr;
+    Zol::Ptr<Bridging::Config const> brConfig;
+    Zol::Ptr<Interface::SubIntfStatusDir const> subIntfStatusDir;
+    Zol::Ptr<Interface::SubIntfConfigDir const> subIntfConfigDir;
+  };
+
+  explicit AclSm(Inputs const& inputs);
   ~AclSm() override;
   std::string_view fwkType() const override { return "Vemo::AclSm"; }
 
@@ -357,22 +367,23 @@ class AclSm : public VemoBaseSm {
   void disableCleanupOnRestartIs(bool v) { disableCleanupOnRestart_ = v; }
 
   // Inputs and outputs.
-  Zol::Ptr<Acl::Config const> const& mainConfig() const { return mainConfig_; }
-  Zol::Ptr<Acl::ParamConfig const> const& aclParamConfig() const { return aclParamConfig_; }
-  Zol::Ptr<Acl::IntfConfigDir const> const& intfConfigDir() const { return intfConfigDir_; }
-  Zol::Ptr<Acl::IntfConfig const> const& intfConfigCli() const { return intfConfigCli_; }
-  Zol::Ptr<Acl::HwConfigDir const> const& hwConfigDir() const { return hwConfigDir_; }
-  Zol::Ptr<Acl::StatusDp> const& status() const { return status_; }
-  Zol::Ptr<Errdisable::CauseStatus> const& aclCauseStatus() const { return aclCauseStatus_; }
-  Zol::Ptr<Lag::Input::Config const> const& lagInputConfig() const { return lagInputConfig_; }
-  Zol::Ptr<VemoHelper::AclHelper> const& aclHelper() const { return aclHelper_; }
-  Zol::ActivityLoop& clock() const { return clock_; }
-  Zol::Ptr<Bridging::Config const> const& brConfig() const { return brConfig_; }
+  Inputs const& inputs() const { return in_; }
+  Zol::Ptr<Acl::Config const> const& mainConfig() const { return in_.mainConfig; }
+  Zol::Ptr<Acl::ParamConfig const> const& aclParamConfig() const { return in_.aclParamConfig; }
+  Zol::Ptr<Acl::IntfConfigDir const> const& intfConfigDir() const { return in_.intfConfigDir; }
+  Zol::Ptr<Acl::IntfConfig const> const& intfConfigCli() const { return in_.intfConfigCli; }
+  Zol::Ptr<Acl::HwConfigDir const> const& hwConfigDir() const { return in_.hwConfigDir; }
+  Zol::Ptr<Acl::StatusDp> const& status() const { return in_.status; }
+  Zol::Ptr<Errdisable::CauseStatus> const& aclCauseStatus() const { return in_.aclCauseStatus; }
+  Zol::Ptr<Lag::Input::Config const> const& lagInputConfig() const { return in_.lagInputConfig; }
+  Zol::Ptr<VemoHelper::AclHelper> const& aclHelper() const { return in_.aclHelper; }
+  Zol::ActivityLoop& clock() const { return *in_.clock; }
+  Zol::Ptr<Bridging::Config const> const& brConfig() const { return in_.brConfig; }
   Zol::Ptr<Interface::SubIntfStatusDir const> const& subIntfStatusDir() const {
-    return subIntfStatusDir_;
+    return in_.subIntfStatusDir;
   }
   Zol::Ptr<Interface::SubIntfConfigDir const> const& subIntfConfigDir() const {
-    return subIntfConfigDir_;
+    return in_.subIntfConfigDir;
   }
 
   AclTypeConfigSm* typeSm(Acl::AclType type) const;
@@ -483,19 +494,7 @@ class AclSm : public VemoBaseSm {
   // Every subrule of every rule in force, and the final rule, are in hardware.
   void verifyRules(AclDataSm const& inst, VerifyData& report) const;
 
-  Zol::Ptr<Acl::Config const> mainConfig_;
-  Zol::Ptr<Acl::ParamConfig const> aclParamConfig_;
-  Zol::Ptr<Acl::IntfConfigDir const> intfConfigDir_;
-  Zol::Ptr<Acl::IntfConfig const> intfConfigCli_;
-  Zol::Ptr<Acl::HwConfigDir const> hwConfigDir_;
-  Zol::Ptr<Acl::StatusDp> status_;
-  Zol::Ptr<Errdisable::CauseStatus> aclCauseStatus_;
-  Zol::Ptr<Lag::Input::Config const> lagInputConfig_;
-  Zol::Ptr<VemoHelper::AclHelper> aclHelper_;
-  Zol::ActivityLoop& clock_;
-  Zol::Ptr<Bridging::Config const> brConfig_;
-  Zol::Ptr<Interface::SubIntfStatusDir const> subIntfStatusDir_;
-  Zol::Ptr<Interface::SubIntfConfigDir const> subIntfConfigDir_;
+  Inputs const in_;
   // A simulation host (SIMULATION_VMID set when the SM was created) applies a changed
   // operational mode at once.
   bool const simulation_;
@@ -548,6 +547,7 @@ void AclSm::forEachInstance(F&& f) const {
   }
 }
 
+// The chip agent's form; the one below takes the inputs by name.
 Zol::Ptr<AclSm> aclSmFactory(Zol::Ptr<VemoCommonSmData> const& commonData,
                              Zol::Ptr<Acl::Config const> const& mainConfig,
                              Zol::Ptr<Acl::ParamConfig const> const& aclParamConfig,
@@ -562,5 +562,6 @@ Zol::Ptr<AclSm> aclSmFactory(Zol::Ptr<VemoCommonSmData> const& commonData,
                              Zol::Ptr<Bridging::Config const> const& brConfig,
                              Zol::Ptr<Interface::SubIntfStatusDir const> const& subIntfStatusDir,
                              Zol::Ptr<Interface::SubIntfConfigDir const> const& subIntfConfigDir);
+Zol::Ptr<AclSm> aclSmFactory(AclSm::Inputs const& inputs);
 
 }  // namespace Vemo

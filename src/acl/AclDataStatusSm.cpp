@@ -130,19 +130,19 @@ void AclDataStatusSm::doSettle() {
 void AclSm::doErrdisable(Nepo::IntfId const& intf, bool errdisable) {
   // A VLAN interface is routed traffic of many ports: taking it down is not the ACL's call.
   if (intf.isVlan()) return;
-  bool const listed = aclCauseStatus_->intfStatusHas(intf);
+  bool const listed = in_.aclCauseStatus->intfStatusHas(intf);
   if (listed && !errdisable) {
     ZOL_TRACE(5, "Removing Errdisable on " << intf);
-    aclCauseStatus_->intfStatusDel(intf);
+    in_.aclCauseStatus->intfStatusDel(intf);
     ZOL_TRACE(5, "Moved " << intf << " out of errdisable state");
   } else if (!listed && errdisable) {
     ZOL_TRACE(5, "Errdisabling " << intf);
-    aclCauseStatus_->intfStatusIs(intf, clock_.now());
+    in_.aclCauseStatus->intfStatusIs(intf, clock().now());
   }
 }
 
 void AclSm::releaseErrdisable(Nepo::IntfId const& intf, AclDataSm const* except) {
-  if (!aclCauseStatus_->intfStatusHas(intf)) return;
+  if (!in_.aclCauseStatus->intfStatusHas(intf)) return;
   bool stillFailing = false;
   forEachInstance([&](AclConfigSm const&, AclDataSm const& inst) {
     stillFailing =
@@ -155,9 +155,9 @@ void AclSm::releaseErrdisable(Nepo::IntfId const& intf, AclDataSm const* except)
 }
 
 void AclSm::doRemoveAllErrdisables() {
-  if (aclCauseStatus_->intfStatusSize() == 0) return;
+  if (in_.aclCauseStatus->intfStatusSize() == 0) return;
   ZOL_TRACE(5, "Removing all errdisables");
-  aclCauseStatus_->intfStatusDelAll();
+  in_.aclCauseStatus->intfStatusDelAll();
 }
 
 void AclSm::instanceFailed(AclDataSm const& inst, AclCreateError e) {
@@ -165,7 +165,7 @@ void AclSm::instanceFailed(AclDataSm const& inst, AclCreateError e) {
     resourceFullLogged_ = true;
     Zol::String units;
     for (Nepo::IntfId const& port : inst.wantedPorts()) {
-      Zol::String const u = aclHelper_->intfLinecardName(port);
+      Zol::String const u = in_.aclHelper->intfLinecardName(port);
       if (units.find(u) == Zol::String::npos) units += (units.empty() ? "" : ", ") + u;
     }
     failedUnits_ = units;
@@ -196,11 +196,11 @@ void AclSm::syslogResourceNormal() {
 }
 
 void AclSm::syslogUnitError(Zol::String const& unit) {
-  AclCreateError const e = aclHelper_->unitErrorHas(unit) ? aclHelper_->unitError(unit)
-                                                          : AclCreateError::aclCreateErrorNone;
-  bool const publish = aclHelper_->publishUnitError(unit);
-  ZOL_TRACE(5, "AclSm::syslogUnitError " << unit << ", dirty " << aclHelper_->dirty() << ", error "
-                                         << Zol::enumName(e));
+  AclCreateError const e = in_.aclHelper->unitErrorHas(unit) ? in_.aclHelper->unitError(unit)
+                                                             : AclCreateError::aclCreateErrorNone;
+  bool const publish = in_.aclHelper->publishUnitError(unit);
+  ZOL_TRACE(5, "AclSm::syslogUnitError " << unit << ", dirty " << in_.aclHelper->dirty()
+                                         << ", error " << Zol::enumName(e));
   if (e != AclCreateError::aclCreateErrorNone && publish) {
     if (unitFullLogged_.insert(unit).second) Zol::Syslog::emit(aclHwResourceFull, unit.c_str());
   } else if (e == AclCreateError::aclCreateErrorNone && unitFullLogged_.erase(unit)) {

@@ -9,36 +9,12 @@ ZOL_TRACE_MODULE("AclSm")
 
 namespace Vemo {
 
-AclSm::AclSm(Zol::Ptr<VemoCommonSmData> const& commonData,
-             Zol::Ptr<Acl::Config const> const& mainConfig,
-             Zol::Ptr<Acl::ParamConfig const> const& aclParamConfig,
-             Zol::Ptr<Acl::IntfConfigDir const> const& intfConfigDir,
-             Zol::Ptr<Acl::IntfConfig const> const& intfConfigCli,
-             Zol::Ptr<Acl::HwConfigDir const> const& hwConfigDir,
-             Zol::Ptr<Acl::StatusDp> const& status,
-             Zol::Ptr<Errdisable::CauseStatus> const& aclCauseStatus,
-             Zol::Ptr<Lag::Input::Config const> const& lagInputConfig,
-             Zol::Ptr<VemoHelper::AclHelper> const& aclHelper, Zol::ActivityLoop& clock,
-             Zol::Ptr<Bridging::Config const> const& brConfig,
-             Zol::Ptr<Interface::SubIntfStatusDir const> const& subIntfStatusDir,
-             Zol::Ptr<Interface::SubIntfConfigDir const> const& subIntfConfigDir)
-    : VemoBaseSm(commonData),
-      mainConfig_(mainConfig),
-      aclParamConfig_(aclParamConfig),
-      intfConfigDir_(intfConfigDir),
-      intfConfigCli_(intfConfigCli),
-      hwConfigDir_(hwConfigDir),
-      status_(status),
-      aclCauseStatus_(aclCauseStatus),
-      lagInputConfig_(lagInputConfig),
-      aclHelper_(aclHelper),
-      clock_(clock),
-      brConfig_(brConfig),
-      subIntfStatusDir_(subIntfStatusDir),
-      subIntfConfigDir_(subIntfConfigDir),
+AclSm::AclSm(Inputs const& inputs)
+    : VemoBaseSm(inputs.commonData),
+      in_(inputs),
       simulation_(std::getenv("SIMULATION_VMID") != nullptr),
-      timer_([this] { handleTime(); }, clock),
-      retryTimer_([this] { scheduleApply(); }, clock),
+      timer_([this] { handleTime(); }, *in_.clock),
+      retryTimer_([this] { scheduleApply(); }, *in_.clock),
       poller_(std::make_unique<AclCountersPoller>(this)),
       configReactor_(std::make_unique<ConfigReactor>(this)),
       paramReactor_(std::make_unique<ParamReactor>(this)),
@@ -49,20 +25,20 @@ AclSm::AclSm(Zol::Ptr<VemoCommonSmData> const& commonData,
       sourceDirReactor_(std::make_unique<SourceDirReactor>(this)),
       subIntfStatusDirReactor_(std::make_unique<SubIntfStatusDirReactor>(this)),
       subIntfConfigDirReactor_(std::make_unique<SubIntfConfigDirReactor>(this)) {
-  for (auto const& [port, lag] : lagInputConfig_->phyIntfAll()) lagMembers_[lag].insert(port);
-  for (auto const& [intf, s] : subIntfStatusDir_->intfStatusAll()) subIntfWatch(intf);
-  for (auto const& [intf, c] : subIntfConfigDir_->intfConfigAll()) subIntfWatch(intf);
+  for (auto const& [port, lag] : in_.lagInputConfig->phyIntfAll()) lagMembers_[lag].insert(port);
+  for (auto const& [intf, s] : in_.subIntfStatusDir->intfStatusAll()) subIntfWatch(intf);
+  for (auto const& [intf, c] : in_.subIntfConfigDir->intfConfigAll()) subIntfWatch(intf);
   watchIntfConfigSources();
-  for (auto const& [type, config] : mainConfig_->configAll()) handleConfig(type);
-  configReactor_->notifierIs(mainConfig_);
-  paramReactor_->notifierIs(aclParamConfig_);
-  commonReactor_->notifierIs(commonData);
-  lagReactor_->notifierIs(lagInputConfig_);
-  helperReactor_->notifierIs(aclHelper_);
-  verifyReactor_->notifierIs(commonData->verifyData());
-  sourceDirReactor_->notifierIs(intfConfigDir_);
-  subIntfStatusDirReactor_->notifierIs(subIntfStatusDir_);
-  subIntfConfigDirReactor_->notifierIs(subIntfConfigDir_);
+  for (auto const& [type, config] : in_.mainConfig->configAll()) handleConfig(type);
+  configReactor_->notifierIs(in_.mainConfig);
+  paramReactor_->notifierIs(in_.aclParamConfig);
+  commonReactor_->notifierIs(in_.commonData);
+  lagReactor_->notifierIs(in_.lagInputConfig);
+  helperReactor_->notifierIs(in_.aclHelper);
+  verifyReactor_->notifierIs(in_.commonData->verifyData());
+  sourceDirReactor_->notifierIs(in_.intfConfigDir);
+  subIntfStatusDirReactor_->notifierIs(in_.subIntfStatusDir);
+  subIntfConfigDirReactor_->notifierIs(in_.subIntfConfigDir);
 }
 
 AclSm::~AclSm() {
@@ -101,15 +77,18 @@ Zol::Ptr<AclSm> aclSmFactory(Zol::Ptr<VemoCommonSmData> const& commonData,
                              Zol::Ptr<Bridging::Config const> const& brConfig,
                              Zol::Ptr<Interface::SubIntfStatusDir const> const& subIntfStatusDir,
                              Zol::Ptr<Interface::SubIntfConfigDir const> const& subIntfConfigDir) {
-  return Zol::make<AclSm>(commonData, mainConfig, aclParamConfig, intfConfigDir, intfConfigCli,
-                          hwConfigDir, status, aclCauseStatus, lagInputConfig, aclHelper, clock,
-                          brConfig, subIntfStatusDir, subIntfConfigDir);
+  return aclSmFactory(AclSm::Inputs{commonData, mainConfig, aclParamConfig, intfConfigDir,
+                                    intfConfigCli, hwConfigDir, status, aclCauseStatus,
+                                    lagInputConfig, aclHelper, &clock, brConfig, subIntfStatusDir,
+                                    subIntfConfigDir});
 }
+
+Zol::Ptr<AclSm> aclSmFactory(AclSm::Inputs const& inputs) { return Zol::make<AclSm>(inputs); }
 
 void AclSm::handleInitialized() {
   if (!initialized()) return;
   ZOL_TRACE(8, "AclSm::handleInitialized");
-  aclHelper_->hwInit();
+  in_.aclHelper->hwInit();
   // Whatever a previous run errdisabled is judged again by this run's first cycle.
   doRemoveAllErrdisables();
   handleOperationalMode();
@@ -132,7 +111,7 @@ AclDirectionTypeConfigSm* AclSm::directionSm(Acl::AclType type, Acl::AclDirectio
 }
 
 void AclSm::handleConfig(Acl::AclType type) {
-  Zol::Ptr<Acl::AclTypeConfig const> const config = mainConfig_->config(type);
+  Zol::Ptr<Acl::AclTypeConfig const> const config = in_.mainConfig->config(type);
   auto it = types_.find(type);
   if (it != types_.end()) {
     if (it->second->config() == config) return;
@@ -171,8 +150,8 @@ Zol::U16 AclSm::aclNumberRangeStartIs(AclTypeDir const& typeDir) {
 
 Zol::U32 AclSm::aclNumberCount(Acl::AclType type) const {
   // The larger of the configured limit and what any chip says it installs.
-  Zol::U32 limit = aclParamConfig_->aclCountLimit();
-  for (auto const& [chip, hw] : hwConfigDir_->hwConfigAll()) {
+  Zol::U32 limit = in_.aclParamConfig->aclCountLimit();
+  for (auto const& [chip, hw] : in_.hwConfigDir->hwConfigAll()) {
     limit = std::max(limit, hw->aclCountLimit());
   }
   if (type != Acl::AclType::mac) limit += aclNumbersPerVlan;
@@ -183,8 +162,8 @@ Zol::U32 AclSm::aclNumberCount(Acl::AclType type) const {
 
 std::vector<Zol::Ptr<Acl::IntfTypeConfig const>> AclSm::intfTypeConfigs(Acl::AclType type) const {
   std::vector<Zol::Ptr<Acl::IntfTypeConfig const>> out;
-  if (auto c = intfConfigCli_->config(type)) out.push_back(c);
-  for (auto const& [source, config] : intfConfigDir_->intfConfigAll()) {
+  if (auto c = in_.intfConfigCli->config(type)) out.push_back(c);
+  for (auto const& [source, config] : in_.intfConfigDir->intfConfigAll()) {
     if (auto c = config->config(type)) out.push_back(c);
   }
   return out;
@@ -196,8 +175,8 @@ void AclSm::watchIntfConfigSources() {
     intfConfigReactors_.push_back(std::make_unique<IntfConfigReactor>(this));
     intfConfigReactors_.back()->notifierIs(c);
   };
-  watch(intfConfigCli_);
-  for (auto const& [source, config] : intfConfigDir_->intfConfigAll()) watch(config);
+  watch(in_.intfConfigCli);
+  for (auto const& [source, config] : in_.intfConfigDir->intfConfigAll()) watch(config);
 }
 
 void AclSm::handleIntfConfigSource(Zol::Name const& source) {
@@ -216,8 +195,8 @@ absl::btree_set<Nepo::IntfId> const& AclSm::lagMembers(Nepo::IntfId const& lag) 
 }
 
 std::optional<Nepo::IntfId> AclSm::lagOf(Nepo::IntfId const& port) const {
-  if (!lagInputConfig_->phyIntfHas(port)) return std::nullopt;
-  return lagInputConfig_->phyIntf(port);
+  if (!in_.lagInputConfig->phyIntfHas(port)) return std::nullopt;
+  return in_.lagInputConfig->phyIntf(port);
 }
 
 bool AclSm::isVlanIntf(Nepo::IntfId const& intf) { return intf.isVlan(); }
@@ -263,8 +242,8 @@ void AclSm::subIntfWatch(Nepo::IntfId const& intf) {
   if (it == subIntfReactors_.end()) {
     it = subIntfReactors_.emplace(intf, std::make_unique<SubIntfReactor>(this, intf)).first;
   }
-  it->second->statusIs(subIntfStatusDir_->intfStatus(intf));
-  it->second->configIs(subIntfConfigDir_->intfConfig(intf));
+  it->second->statusIs(in_.subIntfStatusDir->intfStatus(intf));
+  it->second->configIs(in_.subIntfConfigDir->intfConfig(intf));
   if (it->second->empty()) subIntfReactors_.erase(it);
 }
 
@@ -285,7 +264,7 @@ void AclSm::handleSubIntfCfgVlanId(Nepo::IntfId const& intf) {
 void AclSm::handleOperationalMode() {
   bool const tapAgg = commonData()->operationalMode() == HwOperationalMode::modeTapAgg;
   ZOL_TRACE(5, "AclSm::handleOperationalMode tapAggMode " << tapAgg);
-  aclHelper_->tapAggModeIs(tapAgg);
+  in_.aclHelper->tapAggModeIs(tapAgg);
   if (!initialized()) return;
   forceRecreatePending_ = true;
   // A simulation host runs the whole cycle at once rather than waiting for the updater; a cycle
@@ -298,12 +277,12 @@ void AclSm::handleOperationalMode() {
 }
 
 void AclSm::handleDeepInspSkip() {
-  bool const l2 = aclParamConfig_->deepInspSkipL2();
-  bool const l4 = aclParamConfig_->deepInspSkipL4();
-  if (aclHelper_->deepInspSkipL2() == l2 && aclHelper_->deepInspSkipL4() == l4) return;
+  bool const l2 = in_.aclParamConfig->deepInspSkipL2();
+  bool const l4 = in_.aclParamConfig->deepInspSkipL4();
+  if (in_.aclHelper->deepInspSkipL2() == l2 && in_.aclHelper->deepInspSkipL4() == l4) return;
   ZOL_TRACE(5, "AclSm::handleDeepInspSkip L2 " << l2 << " L4 " << l4);
-  aclHelper_->deepInspSkipL2Is(l2);
-  aclHelper_->deepInspSkipL4Is(l4);
+  in_.aclHelper->deepInspSkipL2Is(l2);
+  in_.aclHelper->deepInspSkipL4Is(l4);
   // Rules are built with the skip in force: all of them are created again.
   forceRecreatePending_ = true;
   scheduleApply();
@@ -312,31 +291,31 @@ void AclSm::handleDeepInspSkip() {
 // ---- Deferred updater ----
 
 void AclSm::scheduleApply() {
-  aclHelper_->dirtyIs(true);
+  in_.aclHelper->dirtyIs(true);
   if (!initialized()) return;
-  aclHelper_->needsDeferredUpdateIs(true);
+  in_.aclHelper->needsDeferredUpdateIs(true);
   if (timer_.armed()) return;
   // Platforms that defer operations batch the changes of a moment into one cycle.
-  Zol::Seconds const delay = aclHelper_->deferredOperationsSupported() ? 0.1 : 0;
-  timer_.timeMinIs(clock_.now() + delay);
+  Zol::Seconds const delay = in_.aclHelper->deferredOperationsSupported() ? 0.1 : 0;
+  timer_.timeMinIs(clock().now() + delay);
 }
 
 void AclSm::retryIs() {
-  if (!retryTimer_.armed()) retryTimer_.timeMinIs(clock_.now() + retryDelay);
+  if (!retryTimer_.armed()) retryTimer_.timeMinIs(clock().now() + retryDelay);
 }
 
 void AclSm::handleTime() {
   ZOL_TRACE(8, "AclSm::handleTime()");
   ZOL_TRACE(8, "Running deferred ACL updater");
-  aclHelper_->needsDeferredUpdateIs(false);
-  if (!aclHelper_->dirty()) return;
+  in_.aclHelper->needsDeferredUpdateIs(false);
+  if (!in_.aclHelper->dirty()) return;
   // A cycle still waiting for the platform finishes first; done looks at dirty again.
   if (applyPhase_ != AclApplyPhase::aclApplyPhaseDone) return;
   ++deferredUpdates_;
-  Zol::Seconds const start = clock_.now();
+  Zol::Seconds const start = clock().now();
   doApplyAcls(std::exchange(forceRecreatePending_, false));
   ZOL_TRACE(6,
-            "Latency: " << clock_.now() - start << ", total time " << clock_.now() - applyStart_);
+            "Latency: " << clock().now() - start << ", total time " << clock().now() - applyStart_);
 }
 
 }  // namespace Vemo

@@ -22,9 +22,9 @@ bool hasWork(AclSm const& sm) {
 void AclSm::doApplyAcls(bool forceRecreateAll) {
   ZOL_TRACE(5, "AclSm::doApplyAcls( forceRecreateAll=" << forceRecreateAll << " )");
   ZOL_TRACE(5, "Applying ACLs");
-  aclHelper_->dirtyIs(false);
+  in_.aclHelper->dirtyIs(false);
   ++applyCycles_;
-  applyStart_ = clock_.now();
+  applyStart_ = clock().now();
   // Instances that failed try again: the cycle's changes may have freed what they lacked.
   forEachInstance([forceRecreateAll](AclConfigSm const&, AclDataSm const& inst) {
     bool const failed = inst.data()->aclDataState() == AclDataState::adFinalRuleStatusFailure;
@@ -40,7 +40,7 @@ void AclSm::doApplyAclsPhase(AclApplyPhase phase) {
                    << " phase=" << Zol::enumName(phase));
   dataOpsRequested_ = 0;
   dataOpsCompleted_ = 0;
-  bool const async = aclHelper_->asyncAclConfig();
+  bool const async = in_.aclHelper->asyncAclConfig();
   switch (phase) {
     case AclApplyPhase::aclApplyPhaseUninstall: {
       if (!hasWork(*this)) return doApplyAclsPhase(AclApplyPhase::aclApplyPhaseUnblock);
@@ -74,10 +74,10 @@ void AclSm::doApplyAclsPhase(AclApplyPhase phase) {
       forEachInstance([&](AclConfigSm const&, AclDataSm& inst) {
         if (inst.data()->aclDataState() != AclDataState::adFinalRuleStatusDone) return;
         prepared = true;
-        if (!aclHelper_->aclBatchCommitSupported()) inst.doCommit();
+        if (!in_.aclHelper->aclBatchCommitSupported()) inst.doCommit();
       });
-      if (prepared && aclHelper_->aclBatchCommitSupported()) {
-        AclCreateError const e = aclHelper_->batchCommitAcls();
+      if (prepared && in_.aclHelper->aclBatchCommitSupported()) {
+        AclCreateError const e = in_.aclHelper->batchCommitAcls();
         if (e != AclCreateError::aclCreateErrorNone) {
           ZOL_TRACE(1, "ACL programming failure on batch commit: " << Zol::enumName(e));
           forEachInstance([&](AclConfigSm const&, AclDataSm& inst) {
@@ -102,11 +102,11 @@ void AclSm::doApplyAclsPhase(AclApplyPhase phase) {
       if (unblockAcls()) vemoAssert("!unblockAcls()");
       forEachInstance([](AclConfigSm const&, AclDataSm& inst) { inst.statusSm().doSettle(); });
       syslogResourceNormal();
-      aclHelper_->cliWaitingIs(false);
+      in_.aclHelper->cliWaitingIs(false);
       // Changes that came while the platform worked get their own cycle.
-      if (aclHelper_->dirty()) {
-        aclHelper_->needsDeferredUpdateIs(true);
-        if (!timer_.armed()) timer_.timeMinIs(clock_.now());
+      if (in_.aclHelper->dirty()) {
+        in_.aclHelper->needsDeferredUpdateIs(true);
+        if (!timer_.armed()) timer_.timeMinIs(clock().now());
       }
       return;
     }
@@ -124,8 +124,8 @@ void AclSm::blockOpRequested(Nepo::IntfId const& intf) {
 }
 
 void AclSm::handleCallbackData(AclKey const& key) {
-  if (!aclHelper_->aclHelperCallbackDataHas(key) || !pendingData_.erase(key)) return;
-  AclCreateError const status = aclHelper_->aclHelperCallbackData(key).status();
+  if (!in_.aclHelper->aclHelperCallbackDataHas(key) || !pendingData_.erase(key)) return;
+  AclCreateError const status = in_.aclHelper->aclHelperCallbackData(key).status();
   AclConfigSm* const acl = typeSm(key.type()) ? typeSm(key.type())->configSm(key.name()) : nullptr;
   if (AclDataSm* const inst = acl ? acl->dataSm(key) : nullptr)
     inst->statusSm().handleCallbackData(status);
@@ -136,7 +136,7 @@ void AclSm::handleCallbackData(AclKey const& key) {
 void AclSm::handleIntfBlockedStatus(Nepo::IntfId const& intf) {
   AclIntfSm* const sm = aclIntfSm(intf);
   if (!sm) return;
-  sm->status()->blockedIs(aclHelper_->aclIntfBlockedStatus(intf));
+  sm->status()->blockedIs(in_.aclHelper->aclIntfBlockedStatus(intf));
   sm->handleBlocked();
 }
 
@@ -147,7 +147,7 @@ void AclSm::blockOpCompleted(Nepo::IntfId const& intf) {
 }
 
 void AclSm::handleAclDataOpsCompleted() {
-  if (!aclHelper_->asyncAclConfig()) vemoAssert("aclHelper()->asyncAclConfig()");
+  if (!in_.aclHelper->asyncAclConfig()) vemoAssert("aclHelper()->asyncAclConfig()");
   if (!(dataOpsRequested() >= dataOpsCompleted())) {
     vemoAssert("dataOpsRequested() >= dataOpsCompleted()");
   }
@@ -178,8 +178,8 @@ bool AclSm::unblockAcls() const {
 
 bool AclSm::permitDuringAclUpdate() const {
   bool const permit =
-      !aclHelper_->ignorePermitDuringAclUpdate() &&
-      (aclParamConfig_->permitDuringAclUpdate() || aclHelper_->permitDuringAclUpdate());
+      !in_.aclHelper->ignorePermitDuringAclUpdate() &&
+      (in_.aclParamConfig->permitDuringAclUpdate() || in_.aclHelper->permitDuringAclUpdate());
   ZOL_TRACE(8, " permitDuringAclUpdateConfig is " << permit);
   return permit;
 }

@@ -29,7 +29,7 @@ Zol::String format(char const* f, ...) {
 void AclSm::handleVerify(Zol::String const& request) {
   if (!initialized()) return;
   ZOL_TRACE(8, "AclSm::handleVerify " << request);
-  Zol::Seconds const start = clock_.now();
+  Zol::Seconds const start = clock().now();
   VerifyData& report = *commonData()->verifyData();
   for (auto const& [type, typeSm] : types_) {
     if (type != Acl::AclType::ip && type != Acl::AclType::ipv6 && type != Acl::AclType::mac) {
@@ -56,7 +56,7 @@ void AclSm::handleVerify(Zol::String const& request) {
       break;
     }
   }
-  ZOL_TRACE(5, "Verify took " << clock_.now() - start << " seconds.");
+  ZOL_TRACE(5, "Verify took " << clock().now() - start << " seconds.");
 }
 
 void AclSm::verifyDirection(AclDirectionTypeConfigSm const& dir, VerifyData& report) const {
@@ -93,7 +93,7 @@ void AclSm::verifyDirection(AclDirectionTypeConfigSm const& dir, VerifyData& rep
 void AclSm::verifyPorts(AclDataSm const& inst, VerifyData& report) const {
   AclData const& data = *inst.data();
   char const* const name = data.key().name().c_str();
-  VemoHelper::AclHelper const& helper = *aclHelper_;
+  VemoHelper::AclHelper const& helper = *in_.aclHelper;
   absl::btree_set<Nepo::IntfId> const wanted = inst.wantedPorts();
   for (Nepo::IntfId const& port : wanted) {
     if (inst.status()->intfStateHas(port) && helper.verifyAclGeneral(data, port)) continue;
@@ -123,7 +123,7 @@ void AclSm::verifyPorts(AclDataSm const& inst, VerifyData& report) const {
 void AclSm::verifyRules(AclDataSm const& inst, VerifyData& report) const {
   AclData const& data = *inst.data();
   char const* const name = data.key().name().c_str();
-  VemoHelper::AclHelper const& helper = *aclHelper_;
+  VemoHelper::AclHelper const& helper = *in_.aclHelper;
   Zol::Ptr<Acl::AclConfig const> const rules = inst.installedRules();
   if (!rules) return;
   Zol::U32 aclRule = 0;

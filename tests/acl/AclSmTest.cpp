@@ -56,8 +56,20 @@ struct World {
     helper->aclCountersSupportedIs(true);
     helper->macAclSupportedIs(true);
     helper->asyncAclConfigIs(async);
-    sm = Vemo::aclSmFactory(cd, config, param, intfDir, cli, hwDir, status, cause, lag, helper,
-                            loop, br, subStatus, subConfig);
+    sm = Vemo::aclSmFactory({.commonData = cd,
+                             .mainConfig = config,
+                             .aclParamConfig = param,
+                             .intfConfigDir = intfDir,
+                             .intfConfigCli = cli,
+                             .hwConfigDir = hwDir,
+                             .status = status,
+                             .aclCauseStatus = cause,
+                             .lagInputConfig = lag,
+                             .aclHelper = helper,
+                             .clock = &loop,
+                             .brConfig = br,
+                             .subIntfStatusDir = subStatus,
+                             .subIntfConfigDir = subConfig});
     sm->initializedIs(true);
     loop.runUntilIdle();
   }
