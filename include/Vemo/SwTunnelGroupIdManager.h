@@ -4,6 +4,7 @@
 // reference goes.
 #pragma once
 
+#include <memory>
 #include <string_view>
 
 #include "Vemo/VemoCommon.h"
@@ -65,30 +66,16 @@ class SwTunnelGroupIdManager : public VemoBaseSm {
   void handleVerify();
 
  private:
-  class RefcountReactor : public VXLAN::RefcountTable::NotifieeConst {
-   public:
-    explicit RefcountReactor(SwTunnelGroupIdManager* sm) : sm_(sm) {}
-    void onRefcount(Zol::U64 value) override;
-
-   private:
-    SwTunnelGroupIdManager* sm_;
-  };
-  class VerifyReactor : public VerifyData::NotifieeConst {
-   public:
-    explicit VerifyReactor(SwTunnelGroupIdManager* sm) : sm_(sm) {}
-    void onVerify(Zol::String const& request) override;
-
-   private:
-    SwTunnelGroupIdManager* sm_;
-  };
+  class RefcountReactor;
+  class VerifyReactor;
 
   Zol::U64 newIndex();
   void reportMismatch(Zol::String const& text) const;
   void traceMaps() const;
 
   Zol::Ptr<SwTunnelGroupIdData> data_;
-  RefcountReactor refcountReactor_{this};
-  VerifyReactor verifyReactor_{this};
+  std::unique_ptr<RefcountReactor> refcountReactor_;
+  std::unique_ptr<VerifyReactor> verifyReactor_;
 };
 
 Zol::Ptr<SwTunnelGroupIdManager> swTunnelGroupIdManagerFactory(

@@ -2,111 +2,84 @@
 #pragma once
 
 #include "Vemo/AclSm.h"
+#include "Vemo/SmReactor.h"
 
 namespace Vemo {
 
-class AclSm::ConfigReactor : public Acl::Config::NotifieeConst {
+class AclSm::ConfigReactor : public SmReactor<Acl::Config::NotifieeConst, AclSm> {
  public:
-  explicit ConfigReactor(AclSm* sm) : sm_(sm) {}
-  void onConfig(Acl::AclType type) override { sm_->handleConfig(type); }
-
- private:
-  AclSm* sm_;
+  using SmReactor::SmReactor;
+  void onConfig(Acl::AclType type) override { sm().handleConfig(type); }
 };
 
-class AclSm::ParamReactor : public Acl::ParamConfig::NotifieeConst {
+class AclSm::ParamReactor : public SmReactor<Acl::ParamConfig::NotifieeConst, AclSm> {
  public:
-  explicit ParamReactor(AclSm* sm) : sm_(sm) {}
-  void onDeepInspSkipL2() override { sm_->handleDeepInspSkip(); }
-  void onDeepInspSkipL4() override { sm_->handleDeepInspSkip(); }
-
- private:
-  AclSm* sm_;
+  using SmReactor::SmReactor;
+  void onDeepInspSkipL2() override { sm().handleDeepInspSkip(); }
+  void onDeepInspSkipL4() override { sm().handleDeepInspSkip(); }
 };
 
-class AclSm::CommonReactor : public VemoCommonSmData::NotifieeConst {
+class AclSm::CommonReactor : public SmReactor<VemoCommonSmData::NotifieeConst, AclSm> {
  public:
-  explicit CommonReactor(AclSm* sm) : sm_(sm) {}
-  void onIntf(Nepo::IntfId const& intf) override { sm_->handleIntf(intf); }
-  void onOperationalMode() override { sm_->handleOperationalMode(); }
-
- private:
-  AclSm* sm_;
+  using SmReactor::SmReactor;
+  void onIntf(Nepo::IntfId const& intf) override { sm().handleIntf(intf); }
+  void onOperationalMode() override { sm().handleOperationalMode(); }
 };
 
-class AclSm::LagReactor : public Lag::Input::Config::NotifieeConst {
+class AclSm::LagReactor : public SmReactor<Lag::Input::Config::NotifieeConst, AclSm> {
  public:
-  explicit LagReactor(AclSm* sm) : sm_(sm) {}
-  void onPhyIntf(Nepo::IntfId const& port) override { sm_->handlePhyIntf(port); }
-
- private:
-  AclSm* sm_;
+  using SmReactor::SmReactor;
+  void onPhyIntf(Nepo::IntfId const& port) override { sm().handlePhyIntf(port); }
 };
 
-class AclSm::HelperReactor : public VemoHelper::AclHelper::NotifieeConst {
+class AclSm::HelperReactor : public SmReactor<VemoHelper::AclHelper::NotifieeConst, AclSm> {
  public:
-  explicit HelperReactor(AclSm* sm) : sm_(sm) {}
-  void onAclHelperCallbackData(AclKey const& key) override { sm_->handleCallbackData(key); }
+  using SmReactor::SmReactor;
+  void onAclHelperCallbackData(AclKey const& key) override { sm().handleCallbackData(key); }
   void onAclIntfBlockedStatus(Nepo::IntfId const& intf) override {
-    sm_->handleIntfBlockedStatus(intf);
+    sm().handleIntfBlockedStatus(intf);
   }
-  void onUnitError(Zol::String const& unit) override { sm_->syslogUnitError(unit); }
-
- private:
-  AclSm* sm_;
+  void onUnitError(Zol::String const& unit) override { sm().syslogUnitError(unit); }
 };
 
-class AclSm::VerifyReactor : public VerifyData::NotifieeConst {
+class AclSm::VerifyReactor : public SmReactor<VerifyData::NotifieeConst, AclSm> {
  public:
-  explicit VerifyReactor(AclSm* sm) : sm_(sm) {}
-  void onVerify(Zol::String const& request) override { sm_->handleVerify(request); }
-
- private:
-  AclSm* sm_;
+  using SmReactor::SmReactor;
+  void onVerify(Zol::String const& request) override { sm().handleVerify(request); }
 };
 
 // The sources of interface configuration other than the command line, and each source's (and
 // the command line's) types: a source's structure changing rewatches every direction.
-class AclSm::SourceDirReactor : public Acl::IntfConfigDir::NotifieeConst {
+class AclSm::SourceDirReactor : public SmReactor<Acl::IntfConfigDir::NotifieeConst, AclSm> {
  public:
-  explicit SourceDirReactor(AclSm* sm) : sm_(sm) {}
-  void onIntfConfig(Zol::Name const& source) override { sm_->handleIntfConfigSource(source); }
-
- private:
-  AclSm* sm_;
+  using SmReactor::SmReactor;
+  void onIntfConfig(Zol::Name const& source) override { sm().handleIntfConfigSource(source); }
 };
 
-class AclSm::IntfConfigReactor : public Acl::IntfConfig::NotifieeConst {
+class AclSm::IntfConfigReactor : public SmReactor<Acl::IntfConfig::NotifieeConst, AclSm> {
  public:
-  explicit IntfConfigReactor(AclSm* sm) : sm_(sm) {}
-  void onConfig(Acl::AclType) override { sm_->handleIntfConfigSource(Zol::Name()); }
-
- private:
-  AclSm* sm_;
+  using SmReactor::SmReactor;
+  void onConfig(Acl::AclType) override { sm().handleIntfConfigSource(Zol::Name()); }
 };
 
-class AclSm::SubIntfStatusDirReactor : public Interface::SubIntfStatusDir::NotifieeConst {
+class AclSm::SubIntfStatusDirReactor
+    : public SmReactor<Interface::SubIntfStatusDir::NotifieeConst, AclSm> {
  public:
-  explicit SubIntfStatusDirReactor(AclSm* sm) : sm_(sm) {}
+  using SmReactor::SmReactor;
   void onIntfStatus(Nepo::IntfId const& intf) override {
-    sm_->subIntfWatch(intf);
-    sm_->handleSubIntfInternalVlanId(intf);
+    sm().subIntfWatch(intf);
+    sm().handleSubIntfInternalVlanId(intf);
   }
-
- private:
-  AclSm* sm_;
 };
 
-class AclSm::SubIntfConfigDirReactor : public Interface::SubIntfConfigDir::NotifieeConst {
+class AclSm::SubIntfConfigDirReactor
+    : public SmReactor<Interface::SubIntfConfigDir::NotifieeConst, AclSm> {
  public:
-  explicit SubIntfConfigDirReactor(AclSm* sm) : sm_(sm) {}
+  using SmReactor::SmReactor;
   void onIntfConfig(Nepo::IntfId const& intf) override {
-    sm_->subIntfWatch(intf);
-    sm_->handleSubIntfCfgVlanId(intf);
+    sm().subIntfWatch(intf);
+    sm().handleSubIntfCfgVlanId(intf);
   }
-
- private:
-  AclSm* sm_;
 };
 
 // One sub-interface's forwarding VLAN and encapsulation.
@@ -118,23 +91,15 @@ class AclSm::SubIntfReactor {
   bool empty() const { return !status_.notifier() && !config_.notifier(); }
 
  private:
-  class Status : public Interface::SubIntfStatus::NotifieeConst {
+  class Status : public SmKeyReactor<Interface::SubIntfStatus::NotifieeConst, AclSm, Nepo::IntfId> {
    public:
-    Status(AclSm* sm, Nepo::IntfId const& intf) : sm_(sm), intf_(intf) {}
-    void onForwardingVlanId() override { sm_->handleSubIntfInternalVlanId(intf_); }
-
-   private:
-    AclSm* sm_;
-    Nepo::IntfId intf_;
+    using SmKeyReactor::SmKeyReactor;
+    void onForwardingVlanId() override { sm().handleSubIntfInternalVlanId(key()); }
   };
-  class Config : public Interface::SubIntfConfig::NotifieeConst {
+  class Config : public SmKeyReactor<Interface::SubIntfConfig::NotifieeConst, AclSm, Nepo::IntfId> {
    public:
-    Config(AclSm* sm, Nepo::IntfId const& intf) : sm_(sm), intf_(intf) {}
-    void onDot1qEncap() override { sm_->handleSubIntfCfgVlanId(intf_); }
-
-   private:
-    AclSm* sm_;
-    Nepo::IntfId intf_;
+    using SmKeyReactor::SmKeyReactor;
+    void onDot1qEncap() override { sm().handleSubIntfCfgVlanId(key()); }
   };
   Status status_;
   Config config_;

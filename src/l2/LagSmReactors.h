@@ -2,63 +2,49 @@
 #pragma once
 
 #include "Vemo/LagSm.h"
+#include "Vemo/SmReactor.h"
 
 namespace Vemo {
 
-class LagSm::DirReactor : public Interface::EthLagIntfStatusDir::NotifieeConst {
+class LagSm::DirReactor : public SmReactor<Interface::EthLagIntfStatusDir::NotifieeConst, LagSm> {
  public:
-  explicit DirReactor(LagSm* sm) : sm_(sm) {}
+  using SmReactor::SmReactor;
   void onIntfStatus(Nepo::IntfId const& lag) override {
     if (notifier()->intfStatusHas(lag)) {
-      sm_->newStatus(lag);
+      sm().newStatus(lag);
     } else {
-      sm_->statusDel(lag);
+      sm().statusDel(lag);
     }
   }
-
- private:
-  LagSm* sm_;
 };
 
-class LagSm::CommonReactor : public VemoCommonSmData::NotifieeConst {
+class LagSm::CommonReactor : public SmReactor<VemoCommonSmData::NotifieeConst, LagSm> {
  public:
-  explicit CommonReactor(LagSm* sm) : sm_(sm) {}
-  void onOperationalMode() override { sm_->handleOperationalMode(); }
-  void onIntf(Nepo::IntfId const& intf) override { sm_->handleIntfManaged(intf); }
-
- private:
-  LagSm* sm_;
+  using SmReactor::SmReactor;
+  void onOperationalMode() override { sm().handleOperationalMode(); }
+  void onIntf(Nepo::IntfId const& intf) override { sm().handleIntfManaged(intf); }
 };
 
-class LagSm::VerifyReactor : public VerifyData::NotifieeConst {
+class LagSm::VerifyReactor : public SmReactor<VerifyData::NotifieeConst, LagSm> {
  public:
-  explicit VerifyReactor(LagSm* sm) : sm_(sm) {}
-  void onVerify(Zol::String const& request) override { sm_->handleVerify(request); }
-  void onReverify(Zol::String const& request) override { sm_->handleRetryVerify(request); }
-
- private:
-  LagSm* sm_;
+  using SmReactor::SmReactor;
+  void onVerify(Zol::String const& request) override { sm().handleVerify(request); }
+  void onReverify(Zol::String const& request) override { sm().handleRetryVerify(request); }
 };
 
-class LagSm::MlagReactor : public Mlag::Status::NotifieeConst {
+class LagSm::MlagReactor : public SmReactor<Mlag::Status::NotifieeConst, LagSm> {
  public:
-  explicit MlagReactor(LagSm* sm) : sm_(sm) {}
-  void onState() override { sm_->handleMlagStateOrPeerLinkIntf(); }
-  void onPeerLinkIntf() override { sm_->handleMlagStateOrPeerLinkIntf(); }
-  void onFastMacRedirection() override { sm_->handleMlagFastMacRedirection(); }
-  void onIntfStatus(Nepo::IntfId const& lag) override { sm_->handleMlagIntfStatus(lag); }
-
- private:
-  LagSm* sm_;
+  using SmReactor::SmReactor;
+  void onState() override { sm().handleMlagStateOrPeerLinkIntf(); }
+  void onPeerLinkIntf() override { sm().handleMlagStateOrPeerLinkIntf(); }
+  void onFastMacRedirection() override { sm().handleMlagFastMacRedirection(); }
+  void onIntfStatus(Nepo::IntfId const& lag) override { sm().handleMlagIntfStatus(lag); }
 };
 
-class LagSm::MounterReactor : public LagMounter::NotifieeConst {
+class LagSm::MounterReactor : public SmReactor<LagMounter::NotifieeConst, LagSm> {
  public:
-  explicit MounterReactor(LagSm* sm) : sm_(sm) {}
-  void onMlagStatus() override { sm_->mlagStatusIs(notifier()->mlagStatus()); }
-
- private:
-  LagSm* sm_;
+  using SmReactor::SmReactor;
+  void onMlagStatus() override { sm().mlagStatusIs(notifier()->mlagStatus()); }
 };
 
 }  // namespace Vemo

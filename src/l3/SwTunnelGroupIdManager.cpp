@@ -1,4 +1,4 @@
-#include "Vemo/SwTunnelGroupIdManager.h"
+#include "SwTunnelGroupIdManagerReactors.h"
 
 ZOL_TRACE_MODULE("SwTunnelGroupIdManager")
 
@@ -10,8 +10,11 @@ SwTunnelGroupId convertToSwTunnelGroupId(SwTunnelGroupType type, Zol::U64 index)
 }
 
 SwTunnelGroupIdManager::SwTunnelGroupIdManager(Zol::Ptr<VemoCommonSmData> const& commonData)
-    : VemoBaseSm(commonData), data_(Zol::make<SwTunnelGroupIdData>("swTunnelGroupIdData")) {
-  verifyReactor_.notifierIs(commonData->verifyData());
+    : VemoBaseSm(commonData),
+      data_(Zol::make<SwTunnelGroupIdData>("swTunnelGroupIdData")),
+      refcountReactor_(std::make_unique<RefcountReactor>(this)),
+      verifyReactor_(std::make_unique<VerifyReactor>(this)) {
+  verifyReactor_->notifierIs(commonData->verifyData());
   // Nothing waits on other inputs: the manager serves from construction on.
   initializedIs(true);
 }
@@ -23,7 +26,7 @@ void SwTunnelGroupIdManager::handleInitialized() {
   if (!initialized()) return;
   // A restart of the SM keeps the references counted so far.
   if (!data_->refcountTable()) data_->refcountTableIs("swTunnelGroupIdRefcountTable");
-  refcountReactor_.notifierIs(data_->refcountTable());
+  refcountReactor_->notifierIs(data_->refcountTable());
 }
 
 Zol::U64 SwTunnelGroupIdManager::newIndex() {
@@ -139,16 +142,6 @@ void SwTunnelGroupIdManager::releaseSwTunnelGroupId(SwTunnelGroupId swTunnelGrou
   }
   data_->tunnelIpAddrListToTunnelIdDel(list);
   data_->swTunnelGroupIdToAddrDel(swTunnelGroupId);
-}
-
-void SwTunnelGroupIdManager::RefcountReactor::onRefcount(Zol::U64 value) {
-  if (!sm_->hasNotificationActive()) return;
-  sm_->handleSwTunnelGroupId(value);
-}
-
-void SwTunnelGroupIdManager::VerifyReactor::onVerify(Zol::String const&) {
-  if (!sm_->hasNotificationActive()) return;
-  sm_->handleVerify();
 }
 
 Zol::Ptr<SwTunnelGroupIdManager> swTunnelGroupIdManagerFactory(
