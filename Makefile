@@ -1,6 +1,6 @@
 # The two everyday commands: `make run` and `make test`. Each installs what is missing, builds
 # from nothing if needed and runs. The others: asan, bench, fuzz, fuzz-long, examples-update,
-# format, clean.
+# format, clean, api.
 SHELL := /bin/bash
 JOBS ?= $(shell nproc)
 DEPS := cmake ninja-build g++ python3 libabsl-dev rapidjson-dev libgtest-dev libgmock-dev \
@@ -12,7 +12,7 @@ SCENARIO ?=
 FUZZ_LONG_RUNS ?= 10000000
 FUZZ_LONG_SECONDS ?= 1800
 
-.PHONY: all deps run test asan bench fuzz fuzz-long fuzz-build examples-update format clean
+.PHONY: all deps run test asan bench fuzz fuzz-long fuzz-build examples-update api format clean
 
 all: build
 
@@ -60,6 +60,13 @@ examples-update: build
 	    python3 tools/check-example.py build/default/agent/vemo-agent $$f --json --update || exit 1; \
 	  fi; \
 	done
+
+# Where the headers a platform port reads are: the hand-written ones and those generated from the
+# schema (entity, value and helper-state classes), after a build.
+api: build
+	@echo "hand-written: include/Vemo (SMs, helper contracts, types), runtime/*/include (framework)"
+	@echo "generated:    build/default/gen/include/ZolGen (one NAME.h and NAMEJson.h per schema/NAME.toml)"
+	@ls build/default/gen/include/ZolGen
 
 format:
 	git ls-files '*.h' '*.cpp' | xargs clang-format -i

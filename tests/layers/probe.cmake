@@ -1,0 +1,16 @@
+# Builds each probe target and fails unless its build fails for want of the header it includes.
+foreach(probe ${PROBES})
+  string(REPLACE ":" ";" parts ${probe})
+  list(GET parts 0 target)
+  list(GET parts 1 header)
+  execute_process(COMMAND ${CMAKE_COMMAND} --build ${BUILD_DIR} --target ${target}
+                  RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  if(rc EQUAL 0)
+    message(FATAL_ERROR "${target}: including ${header} compiled")
+  endif()
+  string(FIND "${out}${err}" "${header}: No such file or directory" at)
+  if(at EQUAL -1)
+    message(FATAL_ERROR "${target} failed for another reason:\n${out}${err}")
+  endif()
+  message(STATUS "${target}: ${header} is out of reach")
+endforeach()
