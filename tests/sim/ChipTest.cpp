@@ -111,45 +111,4 @@ TEST(SimChip, LagHardwareIdsAreTheLowestFreeAndReused) {
   EXPECT_EQ(hwId("Port-Channel3"), 4u);
 }
 
-TEST(SimChip, DumpAndLookupInKeyOrder) {
-  Chip chip(Chip::Config{2, 2});
-  chip.lacpEnabledIs(false);
-  ASSERT_EQ(chip.lagCreate(intf("Port-Channel10")), Status::ok);
-  ASSERT_EQ(chip.lagCreate(intf("Port-Channel2")), Status::ok);
-  ASSERT_EQ(chip.lagMemberIs(intf("Port-Channel2"), intf("Ethernet3"), true, {true, false}),
-            Status::ok);
-  ASSERT_EQ(chip.lagShareIs(intf("Port-Channel2"), intf("Port-Channel10"), true), Status::ok);
-  chip.capacityIs(Table::lag, 2);
-  EXPECT_EQ(chip.lagCreate(intf("Port-Channel1")), Status::full);
-
-  rapidjson::Document doc;
-  auto& alloc = doc.GetAllocator();
-  EXPECT_EQ(Zol::jsonText(chip.toJson(alloc)),
-            R"({"units":[{"unit":0,"ports":2},{"unit":1,"ports":2}],"lacpEnabled":false,)"
-            R"("lag":{"Port-Channel2":{"hwId":2,"members":{"Ethernet3":)"
-            R"({"collecting":true,"distributing":false}},"sharedPeerLink":"Port-Channel10"},)"
-            R"("Port-Channel10":{"hwId":1,"members":{}}},"acl":{"units":[)"
-            R"({"unit":0,"in":{"used":0,"capacity":1024,"instances":{}},)"
-            R"("out":{"used":0,"capacity":1024,"instances":{}},)"
-            R"("rangeCheckers":{"used":0,"capacity":32}},)"
-            R"({"unit":1,"in":{"used":0,"capacity":1024,"instances":{}},)"
-            R"("out":{"used":0,"capacity":1024,"instances":{}},)"
-            R"("rangeCheckers":{"used":0,"capacity":32}}],"bindings":{},"blocked":[]},)"
-            R"("capacity":{"lag":2},)"
-            R"("errors":["lag create Port-Channel1: full"]})");
-
-  auto text = [&](std::vector<std::string> const& path) {
-    auto const v = chip.lookup(path, alloc);
-    return v ? Zol::jsonText(*v) : "absent";
-  };
-  EXPECT_EQ(text({"lag", "Port-Channel2", "members"}),
-            R"({"Ethernet3":{"collecting":true,"distributing":false}})");
-  EXPECT_EQ(text({"lag", "Port-Channel2", "members", "Ethernet3", "distributing"}), "false");
-  EXPECT_EQ(text({"units", "1", "ports"}), "2");
-  EXPECT_EQ(text({"lag", "Port-Channel10", "sharedPeerLink"}), "absent");
-  EXPECT_EQ(text({"lag", "Port-Channel1"}), "absent");
-  EXPECT_EQ(text({"units", "x"}), "absent");
-  EXPECT_EQ(text({"lag", "Port-Channel2", "hwId", "x"}), "absent");
-}
-
 }  // namespace

@@ -107,32 +107,6 @@ TEST(VxlanTypes, ReceivedEntriesOrderTotallyAndKeepTheirMoveCountInJson) {
   EXPECT_EQ(Zol::fromJson<Vemo::VXLAN::ReceivedEntry>(Zol::toJson(b, doc.GetAllocator())), b);
 }
 
-TEST(RemoteMacInfoDir, ConstructionMakesEveryTableUnderItsAttributeName) {
-  ActivityLoop loop(ActivityLoop::TimeMode::simulated);
-  auto const dir = Zol::make<Vemo::VXLAN::RemoteMacInfoDir>("rmac");
-  std::vector<std::pair<Zol::Entity const*, std::string>> const children = {
-      {dir->hostTable().ptr(), "hostTable"},
-      {dir->hostStatusTable().ptr(), "hostStatusTable"},
-      {dir->receivedHostTable().ptr(), "receivedHostTable"},
-      {dir->nextHopIdRefcountTable().ptr(), "nextHopIdRefcountTable"},
-      {dir->vlanRefcountTable().ptr(), "vlanRefcountTable"},
-      {dir->tunnelInfoDir().ptr(), "tunnelInfoDir"},
-      {dir->tunnelLearnEvent().ptr(), "tunnelLearnEvent"},
-      {dir->vniInfo().ptr(), "vniInfo"},
-      {dir->remoteMacFlushReqTable().ptr(), "remoteMacFlushReqTable"},
-      {dir->eventCounts().ptr(), "eventCounts"},
-  };
-  for (auto const& [child, name] : children) {
-    ASSERT_NE(child, nullptr) << name;
-    EXPECT_EQ(child->name(), name);
-  }
-  EXPECT_NE(dir->nextHopIdRefcountTable(), dir->vlanRefcountTable());
-  EXPECT_FALSE(dir->vxlanBootStatus()) << "owned elsewhere";
-  // Each directory has tables of its own.
-  auto const other = Zol::make<Vemo::VXLAN::RemoteMacInfoDir>("other");
-  EXPECT_NE(other->hostTable(), dir->hostTable());
-}
-
 TEST(RemoteMacInfoDir, HostIndicesAppearWithTheirFirstMacAndGoWithTheLast) {
   ActivityLoop loop(ActivityLoop::TimeMode::simulated);
   auto const dir = Zol::make<Vemo::VXLAN::RemoteMacInfoDir>("rmac");
