@@ -68,6 +68,7 @@ class RecordingHelper : public VemoHelper::AclHelper {
 };
 
 struct Fixture {
+  Zol::ActivityLoop loop{Zol::ActivityLoop::TimeMode::simulated};
   Zol::Ptr<RecordingHelper> helper = Zol::make<RecordingHelper>("acl");
   Zol::Ptr<AclData> data;
   Zol::Ptr<Acl::AclConfig> config = Zol::make<Acl::AclConfig>("web", "web");

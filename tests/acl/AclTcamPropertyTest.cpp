@@ -358,6 +358,7 @@ void install(sim::AclHelper& helper, sim::Chip& chip, Lists const& lists, Acl::A
 }  // namespace
 
 TEST(AclTcamProperty, ClassifierAgreesWithFirstMatchOfTheConfiguredRules) {
+  Zol::ActivityLoop loop(Zol::ActivityLoop::TimeMode::simulated);
   // Ethernet1 sits on unit 0, Ethernet6 on unit 1.
   std::vector<Nepo::IntfId> const ports = {Nepo::IntfId::fromString("Ethernet1"),
                                            Nepo::IntfId::fromString("Ethernet6")};
@@ -403,6 +404,7 @@ TEST(AclTcamProperty, ClassifierAgreesWithFirstMatchOfTheConfiguredRules) {
 // ("syn/syn"), a full mask and a partial one, plain and established, with and without the
 // hardware's own established match, against every combination a packet can carry.
 TEST(AclTcamProperty, TcpFlagsMasksAndEstablishedOverEveryFlagCombination) {
+  Zol::ActivityLoop loop(Zol::ActivityLoop::TimeMode::simulated);
   Nepo::IntfId const port = Nepo::IntfId::fromString("Ethernet1");
   sim::Packet p;
   p.intf = port;

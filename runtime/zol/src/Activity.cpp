@@ -39,11 +39,8 @@ ActivityLoop::~ActivityLoop() {
 }
 
 ActivityLoop& ActivityLoop::current() {
-  if (!currentLoop) {
-    // Lives for the thread; made only for code that runs without an agent's loop.
-    static thread_local ActivityLoop fallback;
-    return fallback;
-  }
+  // Never made on demand: code that forgot its simulated loop would run on wall-clock time.
+  ZOL_ASSERT_MSG(currentLoop, "no activity loop was set");
   return *currentLoop;
 }
 

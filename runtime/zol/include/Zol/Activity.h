@@ -121,7 +121,7 @@ class ActivityLoop {
   ActivityLoop(ActivityLoop const&) = delete;
   ActivityLoop& operator=(ActivityLoop const&) = delete;
 
-  // The thread's current loop; a real-time loop is made on first use if none exists.
+  // The thread's current loop: the one its owner constructed last; asking without one asserts.
   static ActivityLoop& current();
 
   TimeMode timeMode() const { return mode_; }
