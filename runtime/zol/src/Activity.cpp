@@ -1,8 +1,16 @@
 #include "Zol/Activity.h"
 
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <time.h>
+#include <unistd.h>
 
+#include <absl/container/flat_hash_map.h>
+
+#include <algorithm>
+#include <atomic>
 #include <cmath>
+#include <mutex>
 
 #include "Zol/Assert.h"
 
@@ -24,9 +32,118 @@ Seconds monotonicNow() {
 void threadSafePtrsIs(bool on) { threadSafePtrsOn = on; }
 bool threadSafePtrs() { return threadSafePtrsOn; }
 
+// Posted work and watched descriptors. One epoll set holds the watched descriptors and an eventfd
+// that post() writes, so a loop waiting in epoll_wait wakes for either.
+struct ActivityLoop::Outside {
+  static constexpr uint64_t wakeId = 0;
+
+  Outside()
+      : epollFd(epoll_create1(EPOLL_CLOEXEC)), wakeFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    ZOL_ASSERT_MSG(epollFd >= 0 && wakeFd >= 0, "cannot create the loop's epoll set");
+    epoll_event ev{};
+    ev.events = EPOLLIN;
+    ev.data.u64 = wakeId;
+    epoll_ctl(epollFd, EPOLL_CTL_ADD, wakeFd, &ev);
+  }
+  ~Outside() {
+    close(wakeFd);
+    close(epollFd);
+  }
+
+  int const epollFd;
+  int const wakeFd;
+  // Posting threads write these under the mutex; the flag lets a pass skip the lock.
+  std::mutex mutex;
+  std::vector<std::function<void()>> posted;
+  std::atomic<bool> anyPosted{false};
+  // Watches by id: ids are never reused, so an event for a watch destroyed meanwhile finds nothing.
+  absl::flat_hash_map<uint64_t, FdHandler> watches;
+  uint64_t nextId = wakeId + 1;
+};
+
 ActivityLoop::ActivityLoop(TimeMode mode, Seconds simulatedStart)
-    : mode_(mode), now_(mode == TimeMode::simulated ? simulatedStart : 0), previous_(currentLoop) {
+    : outside_(std::make_unique<Outside>()),
+      mode_(mode),
+      now_(mode == TimeMode::simulated ? simulatedStart : 0),
+      previous_(currentLoop) {
   currentLoop = this;
+}
+
+void ActivityLoop::post(std::function<void()> work) {
+  Outside& o = *outside_;
+  bool wake;
+  {
+    std::lock_guard lock(o.mutex);
+    wake = o.posted.empty();
+    o.posted.push_back(std::move(work));
+    o.anyPosted.store(true, std::memory_order_release);
+  }
+  // One wake-up per batch: later posts find the batch not yet taken.
+  if (wake) {
+    uint64_t one = 1;
+    [[maybe_unused]] ssize_t n = write(o.wakeFd, &one, sizeof one);
+  }
+}
+
+std::unique_ptr<ActivityLoop::FdWatch> ActivityLoop::watchFd(int fd, FdHandler handler,
+                                                             uint32_t events) {
+  Outside& o = *outside_;
+  uint64_t const id = o.nextId++;
+  epoll_event ev{};
+  ev.events = events;
+  ev.data.u64 = id;
+  ZOL_ASSERT_MSG(epoll_ctl(o.epollFd, EPOLL_CTL_ADD, fd, &ev) == 0,
+                 "cannot watch the file descriptor");
+  o.watches.emplace(id, std::move(handler));
+  return std::unique_ptr<FdWatch>(new FdWatch(*this, fd, id));
+}
+
+ActivityLoop::FdWatch::~FdWatch() {
+  Outside& o = *loop_.outside_;
+  epoll_ctl(o.epollFd, EPOLL_CTL_DEL, fd_, nullptr);
+  o.watches.erase(id_);
+}
+
+bool ActivityLoop::runOutside(Seconds timeout) {
+  Outside& o = *outside_;
+  epoll_event ready[64];
+  int n = 0;
+  if (timeout > 0 || !o.watches.empty()) {
+    int const ms = timeout <= 0 ? 0
+                   : timeout == std::numeric_limits<Seconds>::infinity()
+                       ? -1
+                       : int(std::ceil(timeout * 1e3));
+    n = std::max(0, epoll_wait(o.epollFd, ready, 64, ms));
+  }
+  bool ran = false;
+  // Posted work first: what a thread posted before a descriptor it then signalled became ready
+  // runs before that descriptor's handler.
+  if (o.anyPosted.load(std::memory_order_acquire)) {
+    std::vector<std::function<void()>> batch;
+    {
+      std::lock_guard lock(o.mutex);
+      batch.swap(o.posted);
+      o.anyPosted.store(false, std::memory_order_relaxed);
+    }
+    // What this work posts runs in the next pass.
+    for (auto& work : batch) work();
+    ran = !batch.empty();
+  }
+  for (int i = 0; i < n; ++i) {
+    if (ready[i].data.u64 == Outside::wakeId) {
+      // Drained whenever seen, or a wake-up whose work was already taken keeps epoll ready.
+      uint64_t count;
+      [[maybe_unused]] ssize_t r = read(o.wakeFd, &count, sizeof count);
+      continue;
+    }
+    // A handler may destroy this watch or another one: look each up afresh.
+    auto const it = o.watches.find(ready[i].data.u64);
+    if (it == o.watches.end()) continue;
+    FdHandler const handler = it->second;
+    handler(ready[i].events);
+    ran = true;
+  }
+  return ran;
 }
 
 ActivityLoop::~ActivityLoop() {
@@ -92,7 +209,8 @@ bool ActivityLoop::runDueTimers() {
 bool ActivityLoop::runOnePass() {
   bool const delivered = deliverPass();
   bool const fired = runDueTimers();
-  return delivered || fired;
+  bool const outside = runOutside(0);
+  return delivered || fired || outside;
 }
 
 void ActivityLoop::runUntilIdle() {
@@ -104,18 +222,17 @@ void ActivityLoop::run() {
   stopped_ = false;
   while (!stopped_) {
     if (runOnePass()) continue;
-    if (heap_.empty()) return;
+    bool const watching = !outside_->watches.empty();
+    if (heap_.empty() && !watching) return;
     if (mode_ == TimeMode::simulated) {
+      // Simulated time never waits on the outside world: descriptors are looked at in each pass.
+      if (heap_.empty()) return;
       now_ = heap_.front().deadline;
       continue;
     }
-    Seconds const wait = heap_.front().deadline - now();
-    if (wait > 0) {
-      timespec ts;
-      ts.tv_sec = static_cast<time_t>(wait);
-      ts.tv_nsec = static_cast<long>((wait - std::floor(wait)) * 1e9);
-      nanosleep(&ts, nullptr);
-    }
+    Seconds const wait =
+        heap_.empty() ? std::numeric_limits<Seconds>::infinity() : heap_.front().deadline - now();
+    if (wait > 0) runOutside(wait);
   }
 }
 

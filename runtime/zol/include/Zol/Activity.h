@@ -1,11 +1,13 @@
 // The activity loop: one per agent thread. It delivers deferred notifications in passes, runs
-// due timers, and owns the only reading of time (real monotonic or simulated).
+// due timers, runs work posted from other threads and handles ready file descriptors, and owns
+// the only reading of time (real monotonic or simulated).
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <limits>
+#include <memory>
 #include <vector>
 
 #include "Zol/Ptr.h"
@@ -140,9 +142,37 @@ class ActivityLoop {
   bool runOnePass();
   // Passes until no notification is queued and no timer is due.
   void runUntilIdle();
-  // Real time: runs passes and waits for timers until stop() or until nothing is left to wait for.
+  // Real time: runs passes and waits for timers and watched file descriptors until stop() or
+  // until nothing is left to wait for (no timer armed, no descriptor watched).
   void run();
   void stop() { stopped_ = true; }
+
+  // The outside world. The library makes no thread; a chip driver's threads hand their events
+  // (completions, learn events) to the loop with post(), the one call that is safe from any thread:
+  // the work runs on the loop's thread, in posting order, in the loop's next pass (in simulated
+  // time too, so a scenario stays deterministic).
+  void post(std::function<void()> work);
+  // A file descriptor the loop waits on (epoll events, EPOLLIN by default): handler(events) runs
+  // on the loop's thread in a pass after it is ready. Destroying the watch stops it, also from
+  // inside a handler. In simulated time ready descriptors are looked at in each pass, never
+  // waited for.
+  class FdWatch {
+   public:
+    ~FdWatch();
+    FdWatch(FdWatch const&) = delete;
+    FdWatch& operator=(FdWatch const&) = delete;
+    int fd() const { return fd_; }
+
+   private:
+    friend class ActivityLoop;
+    FdWatch(ActivityLoop& loop, int fd, uint64_t id) : loop_(loop), fd_(fd), id_(id) {}
+    ActivityLoop& loop_;
+    int fd_;
+    uint64_t id_;
+  };
+  using FdHandler = std::function<void(uint32_t events)>;
+  [[nodiscard]] std::unique_ptr<FdWatch> watchFd(int fd, FdHandler handler,
+                                                 uint32_t events = 0x001 /* EPOLLIN */);
 
   bool hasPendingNotifications() const { return queue_.linked() || batch_.linked(); }
   size_t armedTimers() const { return heap_.size(); }
@@ -170,6 +200,11 @@ class ActivityLoop {
   void heapRemove(size_t i);
   bool runDueTimers();
   bool deliverPass();
+  // Posted work and ready descriptors; waits up to timeout seconds for them (0: only looks).
+  bool runOutside(Seconds timeout);
+
+  struct Outside;
+  std::unique_ptr<Outside> outside_;
 
   TimeMode mode_;
   mutable Seconds now_;
