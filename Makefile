@@ -1,6 +1,6 @@
 # The two everyday commands: `make run` and `make test`. Each installs what is missing, builds
 # from nothing if needed and runs. The others: asan, bench, fuzz, fuzz-long, examples-update,
-# format, clean, api.
+# format, clean, api, tsan.
 SHELL := /bin/bash
 JOBS ?= $(shell nproc)
 DEPS := cmake ninja-build g++ python3 libabsl-dev rapidjson-dev libgtest-dev libgmock-dev \
@@ -12,7 +12,7 @@ SCENARIO ?=
 FUZZ_LONG_RUNS ?= 10000000
 FUZZ_LONG_SECONDS ?= 1800
 
-.PHONY: all deps run test asan bench fuzz fuzz-long fuzz-build examples-update api format clean
+.PHONY: all deps run test asan bench fuzz fuzz-long fuzz-build examples-update api tsan format clean
 
 all: build
 
@@ -33,6 +33,13 @@ asan: deps
 	cmake --preset asan >/dev/null
 	cmake --build --preset asan -j $(JOBS)
 	ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 ctest --preset asan -j $(JOBS)
+
+# The loop's cross-thread posting and descriptor watching under ThreadSanitizer (the runtime's
+# tests only: nothing else in the library runs more than one thread).
+tsan: deps
+	cmake --preset tsan >/dev/null
+	cmake --build --preset tsan -j $(JOBS) --target test_zol
+	setarch $$(uname -m) -R ./build/tsan/tests/test_zol
 
 bench: deps
 	cmake --preset release >/dev/null
