@@ -26,24 +26,6 @@ Zol::SyslogMessage const aclSubIntfUnsharedNotSupported{
 
 // ---- AclTypeConfigSm ----
 
-class AclTypeConfigSm::Reactor : public Acl::AclTypeConfig::NotifieeConst {
- public:
-  explicit Reactor(AclTypeConfigSm* sm) : sm_(sm) {}
-  void onAcl(Zol::Name const& name) override { sm_->handleAcl(name); }
-
- private:
-  AclTypeConfigSm* sm_;
-};
-
-class AclTypeConfigSm::IntfTypeReactor : public Acl::IntfTypeConfig::NotifieeConst {
- public:
-  explicit IntfTypeReactor(AclTypeConfigSm* sm) : sm_(sm) {}
-  void onIntf(Acl::AclDirection direction) override { sm_->handleIntf(direction); }
-
- private:
-  AclTypeConfigSm* sm_;
-};
-
 AclTypeConfigSm::AclTypeConfigSm(AclSm* root, Zol::Ptr<Acl::AclTypeConfig const> const& config)
     : root_(root), config_(config), reactor_(std::make_unique<Reactor>(this)) {
   for (auto const d : {Acl::AclDirection::in, Acl::AclDirection::out}) {
@@ -115,16 +97,6 @@ void AclTypeConfigSm::handleIntf(Acl::AclDirection direction) {
 }
 
 // ---- AclConfigSm ----
-
-class AclConfigSm::Reactor : public Acl::AclConfig::NotifieeConst {
- public:
-  explicit Reactor(AclConfigSm* sm) : sm_(sm) {}
-  void onCurrCfg() override { sm_->handleCurrCfg(); }
-  void onCounterUpdateRequestTime() override { sm_->handleCounterUpdateRequestTime(); }
-
- private:
-  AclConfigSm* sm_;
-};
 
 AclConfigSm::AclConfigSm(AclTypeConfigSm* typeSm, Zol::Ptr<Acl::AclConfig const> const& config)
     : typeSm_(typeSm),
@@ -217,24 +189,6 @@ void AclConfigSm::handleCounterUpdateRequestTime() {
 void AclConfigSm::handleTime() { root()->countersPoller().pollAcl(*this); }
 
 // ---- AclDirectionTypeConfigSm ----
-
-class AclDirectionTypeConfigSm::SourceReactor : public Acl::AclIntf::NotifieeConst {
- public:
-  explicit SourceReactor(AclDirectionTypeConfigSm* sm) : sm_(sm) {}
-  void onIntf(Nepo::IntfId const& intf) override { sm_->handleIntf(intf); }
-
- private:
-  AclDirectionTypeConfigSm* sm_;
-};
-
-class AclDirectionTypeConfigSm::BrReactor : public Bridging::Config::NotifieeConst {
- public:
-  explicit BrReactor(AclDirectionTypeConfigSm* sm) : sm_(sm) {}
-  void onSwitchIntfConfig(Nepo::IntfId const& intf) override { sm_->handleSwitchIntfConfig(intf); }
-
- private:
-  AclDirectionTypeConfigSm* sm_;
-};
 
 AclDirectionTypeConfigSm::AclDirectionTypeConfigSm(AclTypeConfigSm* typeSm,
                                                    Acl::AclDirection direction,

@@ -197,35 +197,6 @@ AclIntfSm* AclSm::aclIntfSmIs(Nepo::IntfId const& intf) {
   return it->second.get();
 }
 
-class AclIntfSm::Reactor {
- public:
-  explicit Reactor(AclIntfSm* sm) : intf_(sm), status_(sm) {}
-  void notifiersIs(Zol::Ptr<AclIntf const> const& i, Zol::Ptr<AclIntfStatus const> const& s) {
-    intf_.notifierIs(i);
-    status_.notifierIs(s);
-  }
-
- private:
-  class Intf : public AclIntf::NotifieeConst {
-   public:
-    explicit Intf(AclIntfSm* sm) : sm_(sm) {}
-    void onWantToBlock(AclKey const&) override { sm_->handleWantToBlock(); }
-
-   private:
-    AclIntfSm* sm_;
-  };
-  class Status : public AclIntfStatus::NotifieeConst {
-   public:
-    explicit Status(AclIntfSm* sm) : sm_(sm) {}
-    void onBlocked() override { sm_->handleBlocked(); }
-
-   private:
-    AclIntfSm* sm_;
-  };
-  Intf intf_;
-  Status status_;
-};
-
 AclIntfSm::AclIntfSm(AclSm* root, Nepo::IntfId const& intf)
     : root_(root),
       intf_(Zol::make<AclIntf>(intf.stringValue(), intf)),

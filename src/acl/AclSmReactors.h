@@ -1,4 +1,5 @@
-// The ACL SMs' reactors on their inputs; each hands the change to the handler of the same name.
+// The ACL SMs' reactors on their inputs, the root's and its sub-SMs'; each hands the change to
+// the handler of the same name.
 #pragma once
 
 #include "Vemo/AclSm.h"
@@ -103,6 +104,67 @@ class AclSm::SubIntfReactor {
   };
   Status status_;
   Config config_;
+};
+
+// The sub-SMs' reactors.
+
+class AclTypeConfigSm::Reactor
+    : public SmReactor<Acl::AclTypeConfig::NotifieeConst, AclTypeConfigSm> {
+ public:
+  using SmReactor::SmReactor;
+  void onAcl(Zol::Name const& name) override { sm().handleAcl(name); }
+};
+
+class AclTypeConfigSm::IntfTypeReactor
+    : public SmReactor<Acl::IntfTypeConfig::NotifieeConst, AclTypeConfigSm> {
+ public:
+  using SmReactor::SmReactor;
+  void onIntf(Acl::AclDirection direction) override { sm().handleIntf(direction); }
+};
+
+class AclConfigSm::Reactor : public SmReactor<Acl::AclConfig::NotifieeConst, AclConfigSm> {
+ public:
+  using SmReactor::SmReactor;
+  void onCurrCfg() override { sm().handleCurrCfg(); }
+  void onCounterUpdateRequestTime() override { sm().handleCounterUpdateRequestTime(); }
+};
+
+class AclDirectionTypeConfigSm::SourceReactor
+    : public SmReactor<Acl::AclIntf::NotifieeConst, AclDirectionTypeConfigSm> {
+ public:
+  using SmReactor::SmReactor;
+  void onIntf(Nepo::IntfId const& intf) override { sm().handleIntf(intf); }
+};
+
+class AclDirectionTypeConfigSm::BrReactor
+    : public SmReactor<Bridging::Config::NotifieeConst, AclDirectionTypeConfigSm> {
+ public:
+  using SmReactor::SmReactor;
+  void onSwitchIntfConfig(Nepo::IntfId const& intf) override { sm().handleSwitchIntfConfig(intf); }
+};
+
+// One blocked interface's request and the platform's answer.
+class AclIntfSm::Reactor {
+ public:
+  explicit Reactor(AclIntfSm* sm) : intf_(sm), status_(sm) {}
+  void notifiersIs(Zol::Ptr<AclIntf const> const& i, Zol::Ptr<AclIntfStatus const> const& s) {
+    intf_.notifierIs(i);
+    status_.notifierIs(s);
+  }
+
+ private:
+  class Intf : public SmReactor<AclIntf::NotifieeConst, AclIntfSm> {
+   public:
+    using SmReactor::SmReactor;
+    void onWantToBlock(AclKey const&) override { sm().handleWantToBlock(); }
+  };
+  class Status : public SmReactor<AclIntfStatus::NotifieeConst, AclIntfSm> {
+   public:
+    using SmReactor::SmReactor;
+    void onBlocked() override { sm().handleBlocked(); }
+  };
+  Intf intf_;
+  Status status_;
 };
 
 }  // namespace Vemo
