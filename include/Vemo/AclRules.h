@@ -6,6 +6,7 @@
 // rule.
 #pragma once
 
+#include "Vemo/AclHelper.h"
 #include "Vemo/AclTypes.h"
 
 namespace Vemo {

@@ -18,6 +18,7 @@
 #include <optional>
 #include <vector>
 
+#include "Vemo/AclHelper.h"
 #include "Vemo/AclTypes.h"
 #include "Vemo/VemoCommon.h"
 #include "ZolGen/Bridging.h"

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <array>
+#include <iosfwd>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -29,14 +30,21 @@ struct AclKeyTextMatch {
 };
 std::optional<AclKeyTextMatch> matchAclKeyText(std::string_view text);
 
-// One ternary entry of a range: the values v with (v & mask) == start, which run to end.
+// What one subrule matches on a 16-bit field (source port, destination port, IP length). With a
+// mask, one ternary entry: the values v with (v & mask) == start, which run to end. Without
+// (mask 0), the range start..end for a hardware range checker; a field the rule leaves open is
+// (0, 0, mask 0).
 struct AclL4Mask {
   Zol::U16 start = 0;
   Zol::U16 end = 0;
   Zol::U16 mask = 0;
+  // The value the helper is given beside the mask: 0 for a range.
+  Zol::U16 value() const { return start & mask; }
   friend bool operator==(AclL4Mask const&, AclL4Mask const&) = default;
 };
 using AclL4MaskVector = std::vector<AclL4Mask>;
+// "value/0xmask" for an entry, "start-end" for a range, as the rule-creation trace prints them.
+std::ostream& operator<<(std::ostream& os, AclL4Mask const& f);
 
 // Appends the fewest aligned entries that cover [low, high] exactly, lowest first; 0..65535 is
 // one entry with mask 0. A disabled range is the wildcard (0, 0, mask 0). low > high is a

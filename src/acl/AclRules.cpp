@@ -40,21 +40,7 @@ namespace {
 constexpr unsigned allRangeFields =
     aclRangeFieldSrcPort | aclRangeFieldDstPort | aclRangeFieldIpLen;
 
-// What one subrule matches on a 16-bit field: a range (value and mask 0) or one ternary entry.
-struct FieldMatch {
-  Zol::U16 value = 0;
-  Zol::U16 mask = 0;
-  Zol::U16 low = 0;
-  Zol::U16 high = 0;
-};
-
-std::ostream& operator<<(std::ostream& os, FieldMatch const& f) {
-  if (f.mask != 0) return os << f.value << "/0x" << std::hex << f.mask << std::dec;
-  return os << f.low << "-" << f.high;
-}
-
-FieldMatch rangeMatch(Acl::MatchRange const& r) { return FieldMatch{0, 0, r.low(), r.high()}; }
-FieldMatch maskMatch(AclL4Mask const& m) { return FieldMatch{m.start, m.mask, m.start, m.end}; }
+AclL4Mask rangeMatch(Acl::MatchRange const& r) { return AclL4Mask{r.low(), r.high(), 0}; }
 
 // One rule's subrules, numbered in the order they are created.
 class IpRuleCreator {
@@ -95,7 +81,7 @@ class IpRuleCreator {
   // The subrule of ranges idx; when the hardware is out of range checkers, its fields that ran
   // out as value/mask entries, widening to more fields if those run out too.
   Err createWithRanges(Index const& idx, Zol::U8 flags, Zol::U8 ecnValue, Zol::U8 ecnMask) {
-    std::array<FieldMatch, 3> m = {rangeMatch(d_.srcPort.range[idx[0]]),
+    std::array<AclL4Mask, 3> m = {rangeMatch(d_.srcPort.range[idx[0]]),
                                    rangeMatch(d_.dstPort.range[idx[1]]),
                                    rangeMatch(d_.ipLen.range[idx[2]])};
     Err e = call("Adding subrule ", m, flags, ecnValue, ecnMask);
@@ -109,14 +95,14 @@ class IpRuleCreator {
   }
 
   // Every combination of the ternary entries of the masked fields, from field number i on.
-  Err createMasked(Index const& idx, unsigned masked, unsigned i, std::array<FieldMatch, 3>& m,
+  Err createMasked(Index const& idx, unsigned masked, unsigned i, std::array<AclL4Mask, 3>& m,
                    Zol::U8 flags, Zol::U8 ecnValue, Zol::U8 ecnMask) {
     if (i == 3) return call("Adding data/mask subrule ", m, flags, ecnValue, ecnMask);
     unsigned const field = 1u << i;
     AclRuleRanges const& r = ranges(field);
     if (!(masked & field)) return createMasked(idx, masked, i + 1, m, flags, ecnValue, ecnMask);
     for (AclL4Mask const& entry : r.masks(idx[i])) {
-      m[i] = maskMatch(entry);
+      m[i] = entry;
       Err const e = createMasked(idx, masked, i + 1, m, flags, ecnValue, ecnMask);
       if (e != Err::aclCreateErrorNone) {
         m[i] = rangeMatch(r.range[idx[i]]);
@@ -127,13 +113,13 @@ class IpRuleCreator {
     return Err::aclCreateErrorNone;
   }
 
-  Err call(char const* what, std::array<FieldMatch, 3> const& m, Zol::U8 flags, Zol::U8 ecnValue,
+  Err call(char const* what, std::array<AclL4Mask, 3> const& m, Zol::U8 flags, Zol::U8 ecnValue,
            Zol::U8 ecnMask) {
     auto const& [src, dst, len] = m;
     Err const e = helper_.createIpAclSubrule(
-        data_.key().type(), rule_, rule_.uniqueId(), data_, aclRule_, subRule_, src.value, src.mask,
-        dst.value, dst.mask, src.low, src.high, dst.low, dst.high, len.value, len.mask, len.low,
-        len.high, flags, d_.l4Rule, ecnValue, ecnMask);
+        data_.key().type(), rule_, rule_.uniqueId(), data_, aclRule_, subRule_, src.value(), src.mask,
+        dst.value(), dst.mask, src.start, src.end, dst.start, dst.end, len.value(), len.mask,
+        len.start, len.end, flags, d_.l4Rule, ecnValue, ecnMask);
     ZOL_TRACE(8, what << subRule_ << " flags(" << unsigned{flags} << "), src(" << src << "), dst("
                       << dst << "), iplen(" << len << "), success:" << Zol::enumName(e));
     if (e == Err::aclCreateErrorNone) ++subRule_;

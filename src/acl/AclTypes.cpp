@@ -1,11 +1,18 @@
-// The text form of an AclKey: name-type-direction(std=...,vlanId=...,aclGroup=...).
+// The text form of an AclKey (name-type-direction(std=...,vlanId=...,aclGroup=...)) and a port
+// specification as the ranges it matches.
 #include "Vemo/AclTypes.h"
 
 #include <algorithm>
+#include <ostream>
 
 #include "Zol/Text.h"
 
 namespace Vemo {
+
+std::ostream& operator<<(std::ostream& os, AclL4Mask const& f) {
+  if (f.mask != 0) return os << f.start << "/0x" << std::hex << f.mask << std::dec;
+  return os << f.start << "-" << f.end;
+}
 
 namespace {
 
@@ -115,3 +122,60 @@ AclKey AclKey::fromText(std::string_view text) {
 }
 
 }  // namespace Vemo
+
+namespace Acl {
+
+std::optional<MatchRangeList> PortSpec::ranges() const {
+  if (oper_ == PortOper::portAny) return MatchRangeList();
+  constexpr Zol::U16 top = 0xFFFF;
+  std::array<Zol::U16, maxValues> v{};
+  std::copy_n(value_.begin(), count_, v.begin());
+  auto const first = v.begin();
+  auto const last = v.begin() + count_;
+  MatchRangeList out;
+  switch (oper_) {
+    case PortOper::portAny:
+      return out;
+    case PortOper::portLt:
+      if (count_ != 1 || v[0] == 0) return std::nullopt;
+      out.add(MatchRange(0, static_cast<Zol::U16>(v[0] - 1)));
+      return out;
+    case PortOper::portGt:
+      if (count_ != 1 || v[0] == top) return std::nullopt;
+      out.add(MatchRange(static_cast<Zol::U16>(v[0] + 1), top));
+      return out;
+    case PortOper::portRange:
+      if (count_ != 2 || v[0] > v[1]) return std::nullopt;
+      out.add(MatchRange(v[0], v[1]));
+      return out;
+    case PortOper::portEq: {
+      if (count_ == 0) return std::nullopt;
+      std::sort(first, last);
+      // Neighbouring values make one range: eq 80 81 82 is 80..82.
+      for (auto it = first; it != last;) {
+        Zol::U16 const low = *it;
+        Zol::U16 high = low;
+        for (++it; it != last && (*it == high || *it == high + 1); ++it) high = *it;
+        out.add(MatchRange(low, high));
+      }
+      return out;
+    }
+    case PortOper::portNeq: {
+      if (count_ == 0) return std::nullopt;
+      std::sort(first, last);
+      // The gaps between the excluded values; at most maxValues + 1 of them.
+      Zol::U32 next = 0;
+      for (auto it = first; it != last; ++it) {
+        if (*it > next)
+          out.add(MatchRange(static_cast<Zol::U16>(next), static_cast<Zol::U16>(*it - 1)));
+        next = std::max<Zol::U32>(next, Zol::U32{*it} + 1);
+      }
+      if (next <= top) out.add(MatchRange(static_cast<Zol::U16>(next), top));
+      if (out.isEmpty()) return std::nullopt;
+      return out;
+    }
+  }
+  return std::nullopt;
+}
+
+}  // namespace Acl

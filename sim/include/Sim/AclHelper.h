@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "Sim/Chip.h"
+#include "Vemo/AclHelper.h"
 #include "Vemo/AclTypes.h"
 #include "Zol/Activity.h"
 
