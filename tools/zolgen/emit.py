@@ -543,47 +543,39 @@ class FamilyEmitter:
                 f"  return {q}(fromJson<{q}::Base>(j));", "}", ""]
 
     def value_defs(self, d):
-        q, n = d.qname, d.name
         fields = [f for f in d.fields if not f.internal]
-        out = []
-        plain = [f for f in d.fields if not f.key and not f.array and not f.internal]
-        if d.ctor and plain and len(plain) == len(fields):
-            params = ", ".join(f"{f.type.param()} {f.name}" for f in plain)
-            inits = ", ".join(
-                f"{f.name}_({f.name}Check({f.name}))" if (f.min is not None or f.max is not None)
-                else f"{f.name}_({f.name})" for f in plain)
-            out += [f"{q}::{n}({params}) : {inits} {{}}", ""]
-        # An array with a count compares, like it prints and hashes, only its counted elements.
-        def same(f):
-            if f.array and f.count_field:
-                return (f"std::equal({f.name}_.begin(), {f.name}_.begin() + {f.name}_count(), "
-                        f"o.{f.name}_.begin(), o.{f.name}_.begin() + o.{f.name}_count())")
-            if f.type.builtin in ("double", "Seconds") and not f.array and not f.key:
-                # Bitwise, as writes compare: a NaN field reads back equal to itself.
-                return f"Zol::sameValue({f.name}_, o.{f.name}_)"
-            return f"{f.name}_ == o.{f.name}_"
+        return (self.value_ctor_def(d, fields) + self.value_compare_defs(d, fields) +
+                self.value_print_defs(d, fields) + self.value_text_parse(d, fields) +
+                self.value_json_to(d, fields) + self.value_json_from(d, fields))
 
-        def less(f):
-            if f.array and f.count_field:
-                return (f"std::lexicographical_compare({f.name}_.begin(), {f.name}_.begin() + "
-                        f"{f.name}_count(), o.{f.name}_.begin(), o.{f.name}_.begin() + "
-                        f"o.{f.name}_count())")
-            if f.type.kind == "extern" and not f.array and not f.key:
-                # An extern type's own < need not be a total order (serial numbers); its
-                # std::less is, where the two differ.
-                return f"std::less<{f.type.cpp}>{{}}({f.name}_, o.{f.name}_)"
-            return f"{f.name}_ < o.{f.name}_"
-        eq = " && ".join(same(f) for f in fields) or "true"
-        out += [f"bool {q}::operator==({n} const& o) const {{ return {eq}; }}", ""]
+    def value_ctor_def(self, d, fields):
+        q, n = d.qname, d.name
+        plain = [f for f in d.fields if not f.key and not f.array and not f.internal]
+        if not (d.ctor and plain and len(plain) == len(fields)):
+            return []
+        params = ", ".join(f"{f.type.param()} {f.name}" for f in plain)
+        inits = ", ".join(
+            f"{f.name}_({f.name}Check({f.name}))" if (f.min is not None or f.max is not None)
+            else f"{f.name}_({f.name})" for f in plain)
+        return [f"{q}::{n}({params}) : {inits} {{}}", ""]
+
+    def value_compare_defs(self, d, fields):
+        q, n = d.qname, d.name
+        eq = " && ".join(_same(f) for f in fields) or "true"
+        out = [f"bool {q}::operator==({n} const& o) const {{ return {eq}; }}", ""]
         out += [f"bool {q}::operator<({n} const& o) const {{"]
         for f in fields:
-            out.append(f"  if (!({same(f)})) return {less(f)};")
+            out.append(f"  if (!({_same(f)})) return {_less(f)};")
         out += ["  return false;", "}", "",
-                f"size_t {q}::hash() const {{ return absl::Hash<{n}>{{}}(*this); }}", "",
-                f"std::string {q}::stringValue() const {{",
-                "  std::string out;", "  zolPrint(out);", "  return out;", "}", "",
-                f"void {q}::zolPrint(std::string& out) const {{",
-                f"  out += {cstr(f'Value(' + chr(39) + q + chr(39) + ', ** {')};"]
+                f"size_t {q}::hash() const {{ return absl::Hash<{n}>{{}}(*this); }}", ""]
+        return out
+
+    def value_print_defs(self, d, fields):
+        q = d.qname
+        out = [f"std::string {q}::stringValue() const {{",
+               "  std::string out;", "  zolPrint(out);", "  return out;", "}", "",
+               f"void {q}::zolPrint(std::string& out) const {{",
+               f"  out += {cstr(f'Value(' + chr(39) + q + chr(39) + ', ** {')};"]
         for i, f in enumerate(fields):
             sep = ", " if i else ""
             out.append(f"  out += {cstr(sep + chr(39) + f.name + chr(39) + ': ')};")
@@ -595,48 +587,54 @@ class FamilyEmitter:
             else:
                 out.append(f"  Zol::textPrint(out, {f.name}_);")
         out += ['  out += "})";', "}", ""]
-        out += [f"{q} {q}::zolParse(Zol::TextParser& p) {{"]
+        return out
+
+    def value_text_parse(self, d, fields):
+        q, n = d.qname, d.name
+        out = [f"{q} {q}::zolParse(Zol::TextParser& p) {{"]
         if not d.parse:
-            out += [f"  throw Zol::ParseError({cstr(f'No String constructor for {n} - has collection')});",
-                    "}", ""]
+            return out + [
+                f"  throw Zol::ParseError({cstr(f'No String constructor for {n} - has collection')});",
+                "}", ""]
+        out += ['  p.expect("Value(");',
+                f"  if (p.quoted() != {cstr(q)}) p.fail({cstr(chr(39) + q + chr(39))});",
+                '  p.expect(",");', '  p.expect("**");', '  p.expect("{");',
+                f"  {n} v;"]
+        counted = [f for f in fields if f.array and f.count_field]
+        out += [f"  size_t {f.name}Listed = 0;" for f in counted]
+        out += ['  if (!p.consume("}")) {', "    do {",
+                "      std::string const field = p.quoted();", '      p.expect(":");']
+        for i, f in enumerate(fields):
+            out.append(f"      {'} else if' if i else 'if'} (field == {cstr(f.name)}) {{")
+            out += self.field_text_parse(f)
+        if fields:
+            out += ["      } else {", f"        p.fail(\"a field of {q}\");", "      }"]
         else:
-            out += ['  p.expect("Value(");',
-                    f"  if (p.quoted() != {cstr(q)}) p.fail({cstr(chr(39) + q + chr(39))});",
-                    '  p.expect(",");', '  p.expect("**");', '  p.expect("{");',
-                    f"  {n} v;"]
-            counted = [f for f in fields if f.array and f.count_field]
-            out += [f"  size_t {f.name}Listed = 0;" for f in counted]
-            out += ['  if (!p.consume("}")) {', "    do {",
-                    "      std::string const field = p.quoted();", '      p.expect(":");']
-            first = True
-            for f in fields:
-                kw = "if" if first else "} else if"
-                first = False
-                out.append(f"      {kw} (field == {cstr(f.name)}) {{")
-                if f.array and f.count_field:
-                    out += ['        p.expect("[");', "        size_t i = 0;",
-                            f"        v.{f.name}_ = {{}};",
-                            '        if (!p.consume("]")) {', "          do {",
-                            f"            if (i >= {f.array}) p.fail(\"at most {f.array} elements\");",
-                            f"            v.{f.name}_[i++] = Zol::textParse<{f.type.cpp}>(p);",
-                            '          } while (p.consume(","));', '          p.expect("]");',
-                            "        }", f"        {f.name}Listed = i;"]
-                else:
-                    val = f"Zol::textParse<{self.field_cpp(f)}>(p)"
-                    if f.min is not None or f.max is not None:
-                        val = f"{f.name}Check({val})"
-                    out.append(f"        v.{f.name}_ = {val};")
-            if fields:
-                out += ["      } else {", f"        p.fail(\"a field of {q}\");", "      }"]
-            else:
-                out += [f"      p.fail(\"a field of {q}\");"]
-            out += ['    } while (p.consume(","));', '    p.expect("}");', "  }",
-                    '  p.expect(")");']
-            out += _agreement_checks(d, counted, "p.fail({})")
-            out += ["  return v;", "}", ""]
-        # JSON
-        out += [f"Zol::Json Zol::JsonTraits<{q}>::to({q} const& v, JsonAlloc& a) {{",
-                "  Json o(rapidjson::kObjectType);"]
+            out += [f"      p.fail(\"a field of {q}\");"]
+        out += ['    } while (p.consume(","));', '    p.expect("}");', "  }",
+                '  p.expect(")");']
+        out += _agreement_checks(d, counted, "p.fail({})")
+        out += ["  return v;", "}", ""]
+        return out
+
+    def field_text_parse(self, f):
+        if f.array and f.count_field:
+            return ['        p.expect("[");', "        size_t i = 0;",
+                    f"        v.{f.name}_ = {{}};",
+                    '        if (!p.consume("]")) {', "          do {",
+                    f"            if (i >= {f.array}) p.fail(\"at most {f.array} elements\");",
+                    f"            v.{f.name}_[i++] = Zol::textParse<{f.type.cpp}>(p);",
+                    '          } while (p.consume(","));', '          p.expect("]");',
+                    "        }", f"        {f.name}Listed = i;"]
+        val = f"Zol::textParse<{self.field_cpp(f)}>(p)"
+        if f.min is not None or f.max is not None:
+            val = f"{f.name}Check({val})"
+        return [f"        v.{f.name}_ = {val};"]
+
+    def value_json_to(self, d, fields):
+        q = d.qname
+        out = [f"Zol::Json Zol::JsonTraits<{q}>::to({q} const& v, JsonAlloc& a) {{",
+               "  Json o(rapidjson::kObjectType);"]
         for f in fields:
             if f.array and f.count_field:
                 out += ["  {", "    Json arr(rapidjson::kArrayType);",
@@ -645,38 +643,21 @@ class FamilyEmitter:
                         f"    o.AddMember({cstr(f.name)}, arr, a);", "  }"]
             else:
                 out.append(f"  o.AddMember({cstr(f.name)}, toJson(v.{f.name}_, a), a);")
-        out += ["  return o;", "}", "",
-                f"{q} Zol::JsonTraits<{q}>::from(Json const& j) {{",
-                f"  if (!j.IsObject()) jsonTypeError(j, \"an object with the fields of {q}\");",
-                f"  {q} v;"]
+        out += ["  return o;", "}", ""]
+        return out
+
+    def value_json_from(self, d, fields):
+        q = d.qname
+        out = [f"{q} Zol::JsonTraits<{q}>::from(Json const& j) {{",
+               f"  if (!j.IsObject()) jsonTypeError(j, \"an object with the fields of {q}\");",
+               f"  {q} v;"]
         counted = [f for f in fields if f.array and f.count_field]
         out += [f"  size_t {f.name}Listed = 0;" for f in counted]
         out += ["  for (auto const& m : j.GetObject()) {",
                 "    std::string_view const field(m.name.GetString(), m.name.GetStringLength());"]
-        first = True
-        for f in fields:
-            kw = "if" if first else "} else if"
-            first = False
-            out.append(f"    {kw} (field == {cstr(f.name)}) {{")
-            if f.array and f.count_field:
-                out += [f"      v.{f.name}_ = fromJson<std::array<{f.type.cpp}, {f.array}>>(m.value);",
-                        f"      {f.name}Listed = m.value.Size();"]
-            else:
-                val = f"fromJson<{self.field_cpp(f)}>(m.value)"
-                if f.forms():
-                    names = f"{q}::{f.name}Names" if f.names else "{}"
-                    bits = f"{q}::{f.name}Bits" if f.bits else "{}"
-                    val = (f"numberFromJson<{f.type.cpp}>(m.value, {names}, {bits}, "
-                           f"{'true' if f.hex else 'false'})")
-                if f.min is not None or f.max is not None:
-                    val = f"{q}::{f.name}Check({val})"
-                if d.input:
-                    why = cstr(f"'{f.name}' must be {_accepts(f)}, found ")
-                    out += ["      try {", f"        v.{f.name}_ = {val};",
-                            "      } catch (std::exception const&) {",
-                            f"        throw BindError({why} + jsonText(m.value));", "      }"]
-                else:
-                    out.append(f"      v.{f.name}_ = {val};")
+        for i, f in enumerate(fields):
+            out.append(f"    {'} else if' if i else 'if'} (field == {cstr(f.name)}) {{")
+            out += self.field_json_read(d, f)
         # People misspell: an input value lists the fields it has.
         unknown = (f"\"'\" + std::string(field) + \"' is not a field "
                    f"({', '.join(f.name for f in fields)})\"" if d.input else
@@ -689,6 +670,26 @@ class FamilyEmitter:
         out += _agreement_checks(d, counted, "jsonTypeError(j, {})")
         out += ["  return v;", "}", ""]
         return out
+
+    def field_json_read(self, d, f):
+        q = d.qname
+        if f.array and f.count_field:
+            return [f"      v.{f.name}_ = fromJson<std::array<{f.type.cpp}, {f.array}>>(m.value);",
+                    f"      {f.name}Listed = m.value.Size();"]
+        val = f"fromJson<{self.field_cpp(f)}>(m.value)"
+        if f.forms():
+            names = f"{q}::{f.name}Names" if f.names else "{}"
+            bits = f"{q}::{f.name}Bits" if f.bits else "{}"
+            val = (f"numberFromJson<{f.type.cpp}>(m.value, {names}, {bits}, "
+                   f"{'true' if f.hex else 'false'})")
+        if f.min is not None or f.max is not None:
+            val = f"{q}::{f.name}Check({val})"
+        if not d.input:
+            return [f"      v.{f.name}_ = {val};"]
+        why = cstr(f"'{f.name}' must be {_accepts(f)}, found ")
+        return ["      try {", f"        v.{f.name}_ = {val};",
+                "      } catch (std::exception const&) {",
+                f"        throw BindError({why} + jsonText(m.value));", "      }"]
 
     def entity_defs(self, d):
         q, n = d.qname, d.name
@@ -905,6 +906,31 @@ class FamilyEmitter:
                     f"  EXPECT_EQ(c.immediate, 1) << \"{a.name}: new value\";"]
         out += ["}", ""]
         return out
+
+
+def _same(f):
+    """A field's equality test in a value's operator==."""
+    # An array with a count compares, like it prints and hashes, only its counted elements.
+    if f.array and f.count_field:
+        return (f"std::equal({f.name}_.begin(), {f.name}_.begin() + {f.name}_count(), "
+                f"o.{f.name}_.begin(), o.{f.name}_.begin() + o.{f.name}_count())")
+    if f.type.builtin in ("double", "Seconds") and not f.array and not f.key:
+        # Bitwise, as writes compare: a NaN field reads back equal to itself.
+        return f"Zol::sameValue({f.name}_, o.{f.name}_)"
+    return f"{f.name}_ == o.{f.name}_"
+
+
+def _less(f):
+    """A field's ordering in a value's operator<, asked once the fields differ."""
+    if f.array and f.count_field:
+        return (f"std::lexicographical_compare({f.name}_.begin(), {f.name}_.begin() + "
+                f"{f.name}_count(), o.{f.name}_.begin(), o.{f.name}_.begin() + "
+                f"o.{f.name}_count())")
+    if f.type.kind == "extern" and not f.array and not f.key:
+        # An extern type's own < need not be a total order (serial numbers); its
+        # std::less is, where the two differ.
+        return f"std::less<{f.type.cpp}>{{}}({f.name}_, o.{f.name}_)"
+    return f"{f.name}_ < o.{f.name}_"
 
 
 def _accepts(f):
