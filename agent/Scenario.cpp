@@ -30,32 +30,31 @@ std::string protocolName(uint8_t protocol) {
 }
 
 // The packet's fields as written; what kind of packet it is comes from which were written.
-sim::Packet packetOf(AgentScenario::Packet const& spec) {
+sim::Packet packetOf(AgentScenario::Packet const& given) {
   sim::Packet p;
-  p.intf = spec.intf();
-  p.direction = spec.direction() == AgentScenario::Direction::in ? Acl::AclDirection::in
-                                                                 : Acl::AclDirection::out;
-  p.vlan = spec.vlan();
-  p.srcMac = spec.srcMac();
-  p.dstMac = spec.dstMac();
-  p.protocol = spec.protocol();
-  p.srcPort = spec.srcPort();
-  p.dstPort = spec.dstPort();
-  p.tcpFlags = spec.tcpFlags();
-  p.ecn = spec.ecn();
-  p.dscp = spec.dscp();
-  p.ipLen = spec.ipLen();
-  p.ttl = spec.ttl();
-  p.icmpType = spec.icmpType();
-  p.icmpCode = spec.icmpCode();
-  p.fragment = spec.fragment();
+  p.intf = given.intf();
+  p.direction = given.direction() == AgentScenario::Direction::in ? Acl::AclDirection::in
+                                                                  : Acl::AclDirection::out;
+  p.vlan = given.vlan();
+  p.srcMac = given.srcMac();
+  p.dstMac = given.dstMac();
+  p.protocol = given.protocol();
+  p.srcPort = given.srcPort();
+  p.dstPort = given.dstPort();
+  p.tcpFlags = given.tcpFlags();
+  p.ecn = given.ecn();
+  p.dscp = given.dscp();
+  p.ipLen = given.ipLen();
+  p.ttl = given.ttl();
+  p.icmpType = given.icmpType();
+  p.icmpCode = given.icmpCode();
+  p.fragment = given.fragment();
   return p;
 }
 
-// {"intf": "Ethernet1", "direction": "in", "protocol": "tcp", "dstPort": 80, ...}. Fields left
-// out are zero. Any IP field makes an IP packet, whose Ethernet type follows its addresses; an
-// address left out is the zero address of the other one's family.
-sim::Packet parsePacket(rapidjson::Value const& v, Step& step) {
+// The packet object read by the generated binding. The interface is read first, as it names the
+// step in messages about the packet's other fields.
+AgentScenario::Packet packetFields(rapidjson::Value const& v, Step& step) {
   if (!v.IsObject()) {
     throw ScenarioError(step.label() + ": 'packet' must be an object, found " + Zol::jsonText(v));
   }
@@ -63,51 +62,70 @@ sim::Packet parsePacket(rapidjson::Value const& v, Step& step) {
   if (intf == v.MemberEnd()) {
     throw ScenarioError(step.label() + ": a packet needs 'intf', the port it goes through");
   }
-  // The interface names the step in messages about the packet's other fields.
   try {
     step.path = Zol::fromJson<Nepo::IntfId>(intf->value).stringValue();
   } catch (std::exception const&) {
   }
-  AgentScenario::Packet spec;
   try {
-    spec = Zol::fromJson<AgentScenario::Packet>(v);
+    return Zol::fromJson<AgentScenario::Packet>(v);
   } catch (std::exception const& e) {
     throw ScenarioError(step.label() + ": packet " + e.what());
   }
-  sim::Packet p = packetOf(spec);
-  // What was written, not what the fields read, decides the kind of packet.
-  auto given = [&](char const* name) { return v.HasMember(name); };
-  bool const typeGiven = given("etherType");
-  uint16_t const etherType = spec.etherType();
-  bool ip = typeGiven && (etherType == kEtherTypeIp || etherType == kEtherTypeIp6);
-  for (auto const& m : v.GetObject()) {
-    static constexpr std::string_view kEthernetFields[] = {"intf",   "direction", "vlan",
-                                                           "srcMac", "dstMac",    "etherType"};
-    ip = ip || std::find(std::begin(kEthernetFields), std::end(kEthernetFields), str(m.name)) ==
-                   std::end(kEthernetFields);
+}
+
+// What was written, not what the fields read, decides the kind of packet: an IP Ethernet type
+// or any member beyond the Ethernet header's makes an IP packet.
+bool writtenAsIp(rapidjson::Value const& v, AgentScenario::Packet const& given) {
+  if (v.HasMember("etherType") &&
+      (given.etherType() == kEtherTypeIp || given.etherType() == kEtherTypeIp6)) {
+    return true;
   }
-  if (!ip) {
-    p.etherType = etherType;
-    return p;
-  }
+  static constexpr std::string_view kEthernetFields[] = {"intf",   "direction", "vlan",
+                                                         "srcMac", "dstMac",    "etherType"};
+  return std::any_of(v.MemberBegin(), v.MemberEnd(), [](auto const& m) {
+    return std::find(std::begin(kEthernetFields), std::end(kEthernetFields), str(m.name)) ==
+           std::end(kEthernetFields);
+  });
+}
+
+// An IP packet's addresses, one left out being the zero address of the other's family, and the
+// Ethernet type that family implies.
+void addressIp(sim::Packet& p, rapidjson::Value const& v, AgentScenario::Packet const& given,
+               Step const& step) {
+  bool const typeGiven = v.HasMember("etherType");
   std::optional<Nepo::IpAddr> const src =
-      given("srcIp") ? std::optional(spec.srcIp()) : std::nullopt;
+      v.HasMember("srcIp") ? std::optional(given.srcIp()) : std::nullopt;
   std::optional<Nepo::IpAddr> const dst =
-      given("dstIp") ? std::optional(spec.dstIp()) : std::nullopt;
+      v.HasMember("dstIp") ? std::optional(given.dstIp()) : std::nullopt;
   if (src && dst && src->isV6() != dst->isV6()) {
     throw ScenarioError(step.label() + ": packet 'srcIp' and 'dstIp' must be of one family");
   }
-  bool const v6 = src ? src->isV6() : dst ? dst->isV6() : typeGiven && etherType == kEtherTypeIp6;
+  bool const v6 = src   ? src->isV6()
+                  : dst ? dst->isV6()
+                        : typeGiven && given.etherType() == kEtherTypeIp6;
   Nepo::IpAddr const zero = v6 ? Nepo::IpAddr::fromString("::") : Nepo::IpAddr();
   p.isIp = true;
   p.srcIp = src.value_or(zero);
   p.dstIp = dst.value_or(zero);
   uint16_t const type = v6 ? kEtherTypeIp6 : kEtherTypeIp;
-  if (typeGiven && etherType != type) {
+  if (typeGiven && given.etherType() != type) {
     throw ScenarioError(step.label() + ": an IP packet's 'etherType' follows its addresses (" +
                         (v6 ? "0x86dd" : "0x0800") + ")");
   }
   p.etherType = type;
+}
+
+// {"intf": "Ethernet1", "direction": "in", "protocol": "tcp", "dstPort": 80, ...}. Fields left
+// out are zero. Any IP field makes an IP packet, whose Ethernet type follows its addresses; an
+// address left out is the zero address of the other one's family.
+sim::Packet parsePacket(rapidjson::Value const& v, Step& step) {
+  AgentScenario::Packet const given = packetFields(v, step);
+  sim::Packet p = packetOf(given);
+  if (writtenAsIp(v, given)) {
+    addressIp(p, v, given, step);
+  } else {
+    p.etherType = given.etherType();
+  }
   return p;
 }
 
@@ -266,11 +284,8 @@ StepForm const& formOf(Step::Kind kind) {
                        [&](StepForm const& f) { return f.kind == kind; });
 }
 
-Step parseStep(rapidjson::Value const& s, size_t number) {
-  std::string const where = "step " + std::to_string(number);
-  if (!s.IsObject()) {
-    throw ScenarioError(where + ": a step is an object, found " + Zol::jsonText(s));
-  }
+// The one kind of step whose member the step has, or a lone comment.
+StepForm const& whichForm(rapidjson::Value const& s, std::string const& where) {
   auto has = [&](std::string_view name) {
     return s.HasMember(rapidjson::StringRef(name.data(), name.size()));
   };
@@ -293,22 +308,34 @@ Step parseStep(rapidjson::Value const& s, size_t number) {
     throw ScenarioError(where + ": expected one of " + kinds + "or a lone comment in " +
                         Zol::jsonText(s));
   }
-  Step step;
-  step.kind = form->kind;
-  step.number = number;
-  StepReader const reader(s, step);
-  form->read(reader, step);
+  return *form;
+}
+
+void checkMembers(rapidjson::Value const& s, StepForm const& form, StepReader const& reader) {
   for (auto const& m : s.GetObject()) {
     std::string const name = str(m.name);
     // The unused slots of members are empty names, which no member may have.
-    bool const known =
-        name == form->name || name == "comment" ||
-        (!name.empty() && std::find(std::begin(form->members), std::end(form->members), name) !=
-                              std::end(form->members));
+    bool const known = name == form.name || name == "comment" ||
+                       (!name.empty() && std::find(std::begin(form.members), std::end(form.members),
+                                                   name) != std::end(form.members));
     if (!known) {
       throw reader.error("unexpected member '" + name + "'");
     }
   }
+}
+
+Step parseStep(rapidjson::Value const& s, size_t number) {
+  std::string const where = "step " + std::to_string(number);
+  if (!s.IsObject()) {
+    throw ScenarioError(where + ": a step is an object, found " + Zol::jsonText(s));
+  }
+  StepForm const& form = whichForm(s, where);
+  Step step;
+  step.kind = form.kind;
+  step.number = number;
+  StepReader const reader(s, step);
+  form.read(reader, step);
+  checkMembers(s, form, reader);
   return step;
 }
 

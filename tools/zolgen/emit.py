@@ -232,14 +232,7 @@ class FamilyEmitter:
         for f in d.fields:
             out += self.value_field_accessors(d, f)
         for f in d.fields:
-            # The other JSON forms, for code that prints the field as people write it.
-            if f.names:
-                names = ", ".join(f"{{{cstr(k)}, {x}}}" for k, x in f.names.items())
-                out.append(f"  static constexpr std::pair<std::string_view, {f.type.cpp}> "
-                           f"{f.name}Names[] = {{{names}}};")
-            if f.bits:
-                bits = ", ".join(cstr(b) for b in f.bits)
-                out.append(f"  static constexpr std::string_view {f.name}Bits[] = {{{bits}}};")
+            out += self.value_field_forms(f)
         out += [
             f"  bool operator==({n} const& o) const;",
             f"  bool operator<({n} const& o) const;",
@@ -247,9 +240,33 @@ class FamilyEmitter:
             "  std::string stringValue() const;",
             "  void zolPrint(std::string& out) const;",
             f"  static {n} zolParse(Zol::TextParser& p);",
-            "  template <class H>",
-            f"  friend H AbslHashValue(H h, {n} const& v) {{",
         ]
+        out += self.value_hash_decl(d)
+        out += [f"  {method_decl(m)}" for m in d.methods]
+        out += ["", " private:", f"  friend struct Zol::JsonTraits<{n}>;"]
+        for f in d.fields:
+            out += self.value_field_slot(d, f)
+        if d.check:
+            out.append(f"  char const* {d.check}() const;")
+        for m in d.members:
+            out.append(f"  {m};")
+        out.append("};")
+        return out
+
+    def value_field_forms(self, f):
+        """The other JSON forms, for code that prints the field as people write it."""
+        out = []
+        if f.names:
+            names = ", ".join(f"{{{cstr(k)}, {x}}}" for k, x in f.names.items())
+            out.append(f"  static constexpr std::pair<std::string_view, {f.type.cpp}> "
+                       f"{f.name}Names[] = {{{names}}};")
+        if f.bits:
+            bits = ", ".join(cstr(b) for b in f.bits)
+            out.append(f"  static constexpr std::string_view {f.name}Bits[] = {{{bits}}};")
+        return out
+
+    def value_hash_decl(self, d):
+        out = ["  template <class H>", f"  friend H AbslHashValue(H h, {d.name} const& v) {{"]
         for f in d.fields:
             if f.internal:
                 continue
@@ -258,28 +275,22 @@ class FamilyEmitter:
                         f"                              static_cast<size_t>(v.{f.name}_count()));"]
             else:
                 out.append(f"    h = H::combine(std::move(h), v.{f.name}_);")
-        out += ["    return h;", "  }"]
-        out += [f"  {method_decl(m)}" for m in d.methods]
-        out += ["", " private:", f"  friend struct Zol::JsonTraits<{n}>;"]
-        for f in d.fields:
-            init = default_expr(f.type, f.default, f.default_expr) if not (f.key or f.array) \
-                else ""
-            out.append(f"  {self.field_cpp(f)} {f.name}_{{{init}}};")
-            if f.min is not None or f.max is not None:
-                chk = range_check(f.type.cpp, f.type.builtin, f.min, f.max,
-                                  f.error or f"{n}::{f.name} < {f.min} or > {f.max} not allowed")
-                out.append(f"  static {f.type.cpp} {f.name}Check({f.type.cpp} v) {{ {chk} "
-                           "return v; }")
-            if f.array and f.count_field:
-                cf = next(x for x in d.fields if x.name == f.count_field)
-                val = f"{cf.name}_.value()" if cf.type.kind == "range" else f"{cf.name}_"
-                out.append(f"  size_t {f.name}_count() const {{ return std::min<size_t>({val}, "
-                           f"{f.array}); }}")
-        if d.check:
-            out.append(f"  char const* {d.check}() const;")
-        for m in d.members:
-            out.append(f"  {m};")
-        out.append("};")
+        return out + ["    return h;", "  }"]
+
+    def value_field_slot(self, d, f):
+        """A field's storage, with its range check and, for a counted array, its count."""
+        init = default_expr(f.type, f.default, f.default_expr) if not (f.key or f.array) else ""
+        out = [f"  {self.field_cpp(f)} {f.name}_{{{init}}};"]
+        if f.min is not None or f.max is not None:
+            chk = range_check(f.type.cpp, f.type.builtin, f.min, f.max,
+                              f.error or f"{d.name}::{f.name} < {f.min} or > {f.max} not allowed")
+            out.append(f"  static {f.type.cpp} {f.name}Check({f.type.cpp} v) {{ {chk} "
+                       "return v; }")
+        if f.array and f.count_field:
+            cf = next(x for x in d.fields if x.name == f.count_field)
+            val = f"{cf.name}_.value()" if cf.type.kind == "range" else f"{cf.name}_"
+            out.append(f"  size_t {f.name}_count() const {{ return std::min<size_t>({val}, "
+                       f"{f.array}); }}")
         return out
 
     def value_field_accessors(self, d, f):
@@ -385,83 +396,96 @@ class FamilyEmitter:
         return ""
 
     def entity_accessors(self, d, a):
+        if a.kind == "scalar":
+            return self.scalar_accessors(d, a)
+        if a.kind in ("reference", "child"):
+            return self.pointer_accessors(a)
+        return self.collection_accessors(a)
+
+    def scalar_accessors(self, d, a):
         nm, t, K = a.name, a.type, f"k{cap(a.name)}"
         ret = t.cpp if t.by_value else f"{t.cpp} const&"
-        out = []
-        if a.kind == "scalar":
-            out.append(f"  {ret} {nm}() const {{ return {nm}_.value; }}")
-            if not a.is_key:
-                if a.min is not None or a.max is not None:
-                    chk = range_check(t.cpp, t.builtin, a.min, a.max,
-                                      a.error or f"{d.name}::{nm} < {a.min} or > {a.max} "
-                                      "not allowed")
-                    out.append(f"  void {nm}Is({t.param()} v) {{")
-                    out.append(f"    {chk}")
-                    out.append(f"    zolScalarWrite({nm}_, v, {K});")
-                    out.append("  }")
-                else:
-                    out.append(f"  void {nm}Is({t.param()} v) {{ zolScalarWrite({nm}_, v, {K}); }}")
-            out.append(f"  void {nm}Notify() {{ zolScalarChanged({nm}_.pending, {K}); }}")
-        elif a.kind == "reference":
-            p = f"Zol::Ptr<{t.cpp}>"
-            out += [f"  {p} const& {nm}() const {{ return {nm}_.value; }}",
-                    f"  void {nm}Is({p} const& v) {{ zolScalarWrite({nm}_, v, {K}); }}"]
-        elif a.kind == "child":
-            p = f"Zol::Ptr<{t.cpp}>"
-            out += [f"  {p} const& {nm}() const {{ return {nm}_.value; }}",
-                    f"  {p} {nm}Is(Zol::Name const& name) {{",
-                    f"    zolScalarWrite({nm}_, Zol::make<{t.cpp}>(name), {K});",
-                    f"    return {nm}_.value;", "  }",
-                    f"  void {nm}Del() {{ zolScalarWrite({nm}_, {p}(), {K}); }}"]
+        out = [f"  {ret} {nm}() const {{ return {nm}_.value; }}"]
+        if not a.is_key:
+            if a.min is not None or a.max is not None:
+                chk = range_check(t.cpp, t.builtin, a.min, a.max,
+                                  a.error or f"{d.name}::{nm} < {a.min} or > {a.max} "
+                                  "not allowed")
+                out.append(f"  void {nm}Is({t.param()} v) {{")
+                out.append(f"    {chk}")
+                out.append(f"    zolScalarWrite({nm}_, v, {K});")
+                out.append("  }")
+            else:
+                out.append(f"  void {nm}Is({t.param()} v) {{ zolScalarWrite({nm}_, v, {K}); }}")
+        out.append(f"  void {nm}Notify() {{ zolScalarChanged({nm}_.pending, {K}); }}")
+        return out
+
+    def pointer_accessors(self, a):
+        nm, t, K = a.name, a.type, f"k{cap(a.name)}"
+        p = f"Zol::Ptr<{t.cpp}>"
+        out = [f"  {p} const& {nm}() const {{ return {nm}_.value; }}"]
+        if a.kind == "reference":
+            return out + [f"  void {nm}Is({p} const& v) {{ zolScalarWrite({nm}_, v, {K}); }}"]
+        return out + [f"  {p} {nm}Is(Zol::Name const& name) {{",
+                      f"    zolScalarWrite({nm}_, Zol::make<{t.cpp}>(name), {K});",
+                      f"    return {nm}_.value;", "  }",
+                      f"  void {nm}Del() {{ zolScalarWrite({nm}_, {p}(), {K}); }}"]
+
+    def collection_accessors(self, a):
+        nm, k, K = a.name, a.key, f"k{cap(a.name)}"
+        out = [f"  size_t {nm}Size() const {{ return {nm}_.map.size(); }}",
+               f"  bool {nm}Has({k.param()} k) const {{ return {nm}_.map.contains(k); }}",
+               f"  auto const& {nm}All() const {{ return {nm}_.map; }}"]
+        if a.on_delete:
+            out += [f"  void {nm}Del({k.param()} k) {{",
+                    f"    if ({nm}_.map.contains(k)) {a.on_delete}(k);",
+                    f"    zolEntryDel({nm}_, k, {K});", "  }",
+                    f"  void {nm}DelAll() {{",
+                    f"    for (auto const& e : {nm}_.map) {a.on_delete}(e.first);",
+                    f"    zolEntryDelAll({nm}_, {K});", "  }"]
         else:
-            k = a.key
-            out.append(f"  size_t {nm}Size() const {{ return {nm}_.map.size(); }}")
-            out.append(f"  bool {nm}Has({k.param()} k) const {{ return {nm}_.map.contains(k); }}")
-            out.append(f"  auto const& {nm}All() const {{ return {nm}_.map; }}")
-            if a.on_delete:
-                out += [f"  void {nm}Del({k.param()} k) {{",
-                        f"    if ({nm}_.map.contains(k)) {a.on_delete}(k);",
-                        f"    zolEntryDel({nm}_, k, {K});", "  }",
-                        f"  void {nm}DelAll() {{",
-                        f"    for (auto const& e : {nm}_.map) {a.on_delete}(e.first);",
-                        f"    zolEntryDelAll({nm}_, {K});", "  }"]
-            else:
-                out.append(f"  void {nm}Del({k.param()} k) {{ zolEntryDel({nm}_, k, {K}); }}")
-                out.append(f"  void {nm}DelAll() {{ zolEntryDelAll({nm}_, {K}); }}")
-            out.append(f"  void {nm}Notify({k.param()} k) {{ zolKeyChanged({nm}_, k, {K}); }}")
-            if a.kind == "collection":
-                out += [f"  {t.cpp if a.default_fn else ret} {nm}({k.param()} k) const {{",
-                        f"    auto it = {nm}_.map.find(k);"]
-                if a.default_fn:
-                    out.append(f"    return it == {nm}_.map.end() ? {a.default_fn}(k) : "
-                               "it->second;")
-                elif t.by_value:
-                    out.append(f"    return it == {nm}_.map.end() ? {t.cpp}{{}} : it->second;")
-                else:
-                    out += [f"    static {t.cpp} const empty{{}};",
-                            f"    return it == {nm}_.map.end() ? empty : it->second;"]
-                out += ["  }",
-                        f"  void {nm}Is({k.param()} k, {t.param()} v) {{ "
-                        f"zolEntryWrite({nm}_, k, v, {K}); }}"]
-                if a.default_fn:
-                    out += [f"  // What {nm}(k) reads for a key without an entry.",
-                            f"  static {t.cpp} {a.default_fn}({k.param()} k);"]
-            else:
-                child = t.decl
-                ckey = child.key_attr()
-                args = "Zol::keyText(k)" + (", k" if ckey else "")
-                p = f"Zol::Ptr<{t.cpp}>"
-                out += [f"  {p} {nm}({k.param()} k) const {{",
-                        f"    auto it = {nm}_.map.find(k);",
-                        f"    return it == {nm}_.map.end() ? {p}() : it->second;", "  }",
-                        f"  // Creates the child of that key if it does not exist yet.",
-                        f"  {p} {nm}Is({k.param()} k) {{",
-                        f"    auto it = {nm}_.map.find(k);",
-                        f"    if (it != {nm}_.map.end()) return it->second;",
-                        f"    {p} c = Zol::make<{t.cpp}>({args});"]
-                if a.on_create:
-                    out.append(f"    {a.on_create}(*c);")
-                out += [f"    zolEntryWrite({nm}_, k, c, {K});", "    return c;", "  }"]
+            out.append(f"  void {nm}Del({k.param()} k) {{ zolEntryDel({nm}_, k, {K}); }}")
+            out.append(f"  void {nm}DelAll() {{ zolEntryDelAll({nm}_, {K}); }}")
+        out.append(f"  void {nm}Notify({k.param()} k) {{ zolKeyChanged({nm}_, k, {K}); }}")
+        if a.kind == "collection":
+            return out + self.value_entry_accessors(a)
+        return out + self.child_entry_accessors(a)
+
+    def value_entry_accessors(self, a):
+        nm, t, k, K = a.name, a.type, a.key, f"k{cap(a.name)}"
+        ret = t.cpp if t.by_value else f"{t.cpp} const&"
+        out = [f"  {t.cpp if a.default_fn else ret} {nm}({k.param()} k) const {{",
+               f"    auto it = {nm}_.map.find(k);"]
+        if a.default_fn:
+            out.append(f"    return it == {nm}_.map.end() ? {a.default_fn}(k) : it->second;")
+        elif t.by_value:
+            out.append(f"    return it == {nm}_.map.end() ? {t.cpp}{{}} : it->second;")
+        else:
+            out += [f"    static {t.cpp} const empty{{}};",
+                    f"    return it == {nm}_.map.end() ? empty : it->second;"]
+        out += ["  }",
+                f"  void {nm}Is({k.param()} k, {t.param()} v) {{ "
+                f"zolEntryWrite({nm}_, k, v, {K}); }}"]
+        if a.default_fn:
+            out += [f"  // What {nm}(k) reads for a key without an entry.",
+                    f"  static {t.cpp} {a.default_fn}({k.param()} k);"]
+        return out
+
+    def child_entry_accessors(self, a):
+        nm, t, k, K = a.name, a.type, a.key, f"k{cap(a.name)}"
+        args = "Zol::keyText(k)" + (", k" if t.decl.key_attr() else "")
+        p = f"Zol::Ptr<{t.cpp}>"
+        out = [f"  {p} {nm}({k.param()} k) const {{",
+               f"    auto it = {nm}_.map.find(k);",
+               f"    return it == {nm}_.map.end() ? {p}() : it->second;", "  }",
+               "  // Creates the child of that key if it does not exist yet.",
+               f"  {p} {nm}Is({k.param()} k) {{",
+               f"    auto it = {nm}_.map.find(k);",
+               f"    if (it != {nm}_.map.end()) return it->second;",
+               f"    {p} c = Zol::make<{t.cpp}>({args});"]
+        if a.on_create:
+            out.append(f"    {a.on_create}(*c);")
+        out += [f"    zolEntryWrite({nm}_, k, c, {K});", "    return c;", "  }"]
         return out
 
     def notifiee_decl(self, d):
@@ -543,47 +567,39 @@ class FamilyEmitter:
                 f"  return {q}(fromJson<{q}::Base>(j));", "}", ""]
 
     def value_defs(self, d):
-        q, n = d.qname, d.name
         fields = [f for f in d.fields if not f.internal]
-        out = []
-        plain = [f for f in d.fields if not f.key and not f.array and not f.internal]
-        if d.ctor and plain and len(plain) == len(fields):
-            params = ", ".join(f"{f.type.param()} {f.name}" for f in plain)
-            inits = ", ".join(
-                f"{f.name}_({f.name}Check({f.name}))" if (f.min is not None or f.max is not None)
-                else f"{f.name}_({f.name})" for f in plain)
-            out += [f"{q}::{n}({params}) : {inits} {{}}", ""]
-        # An array with a count compares, like it prints and hashes, only its counted elements.
-        def same(f):
-            if f.array and f.count_field:
-                return (f"std::equal({f.name}_.begin(), {f.name}_.begin() + {f.name}_count(), "
-                        f"o.{f.name}_.begin(), o.{f.name}_.begin() + o.{f.name}_count())")
-            if f.type.builtin in ("double", "Seconds") and not f.array and not f.key:
-                # Bitwise, as writes compare: a NaN field reads back equal to itself.
-                return f"Zol::sameValue({f.name}_, o.{f.name}_)"
-            return f"{f.name}_ == o.{f.name}_"
+        return (self.value_ctor_def(d, fields) + self.value_compare_defs(d, fields) +
+                self.value_print_defs(d, fields) + self.value_text_parse(d, fields) +
+                self.value_json_to(d, fields) + self.value_json_from(d, fields))
 
-        def less(f):
-            if f.array and f.count_field:
-                return (f"std::lexicographical_compare({f.name}_.begin(), {f.name}_.begin() + "
-                        f"{f.name}_count(), o.{f.name}_.begin(), o.{f.name}_.begin() + "
-                        f"o.{f.name}_count())")
-            if f.type.kind == "extern" and not f.array and not f.key:
-                # An extern type's own < need not be a total order (serial numbers); its
-                # std::less is, where the two differ.
-                return f"std::less<{f.type.cpp}>{{}}({f.name}_, o.{f.name}_)"
-            return f"{f.name}_ < o.{f.name}_"
-        eq = " && ".join(same(f) for f in fields) or "true"
-        out += [f"bool {q}::operator==({n} const& o) const {{ return {eq}; }}", ""]
+    def value_ctor_def(self, d, fields):
+        q, n = d.qname, d.name
+        plain = [f for f in d.fields if not f.key and not f.array and not f.internal]
+        if not (d.ctor and plain and len(plain) == len(fields)):
+            return []
+        params = ", ".join(f"{f.type.param()} {f.name}" for f in plain)
+        inits = ", ".join(
+            f"{f.name}_({f.name}Check({f.name}))" if (f.min is not None or f.max is not None)
+            else f"{f.name}_({f.name})" for f in plain)
+        return [f"{q}::{n}({params}) : {inits} {{}}", ""]
+
+    def value_compare_defs(self, d, fields):
+        q, n = d.qname, d.name
+        eq = " && ".join(_same(f) for f in fields) or "true"
+        out = [f"bool {q}::operator==({n} const& o) const {{ return {eq}; }}", ""]
         out += [f"bool {q}::operator<({n} const& o) const {{"]
         for f in fields:
-            out.append(f"  if (!({same(f)})) return {less(f)};")
+            out.append(f"  if (!({_same(f)})) return {_less(f)};")
         out += ["  return false;", "}", "",
-                f"size_t {q}::hash() const {{ return absl::Hash<{n}>{{}}(*this); }}", "",
-                f"std::string {q}::stringValue() const {{",
-                "  std::string out;", "  zolPrint(out);", "  return out;", "}", "",
-                f"void {q}::zolPrint(std::string& out) const {{",
-                f"  out += {cstr(f'Value(' + chr(39) + q + chr(39) + ', ** {')};"]
+                f"size_t {q}::hash() const {{ return absl::Hash<{n}>{{}}(*this); }}", ""]
+        return out
+
+    def value_print_defs(self, d, fields):
+        q = d.qname
+        out = [f"std::string {q}::stringValue() const {{",
+               "  std::string out;", "  zolPrint(out);", "  return out;", "}", "",
+               f"void {q}::zolPrint(std::string& out) const {{",
+               f"  out += {cstr(f'Value(' + chr(39) + q + chr(39) + ', ** {')};"]
         for i, f in enumerate(fields):
             sep = ", " if i else ""
             out.append(f"  out += {cstr(sep + chr(39) + f.name + chr(39) + ': ')};")
@@ -595,48 +611,54 @@ class FamilyEmitter:
             else:
                 out.append(f"  Zol::textPrint(out, {f.name}_);")
         out += ['  out += "})";', "}", ""]
-        out += [f"{q} {q}::zolParse(Zol::TextParser& p) {{"]
+        return out
+
+    def value_text_parse(self, d, fields):
+        q, n = d.qname, d.name
+        out = [f"{q} {q}::zolParse(Zol::TextParser& p) {{"]
         if not d.parse:
-            out += [f"  throw Zol::ParseError({cstr(f'No String constructor for {n} - has collection')});",
-                    "}", ""]
+            return out + [
+                f"  throw Zol::ParseError({cstr(f'No String constructor for {n} - has collection')});",
+                "}", ""]
+        out += ['  p.expect("Value(");',
+                f"  if (p.quoted() != {cstr(q)}) p.fail({cstr(chr(39) + q + chr(39))});",
+                '  p.expect(",");', '  p.expect("**");', '  p.expect("{");',
+                f"  {n} v;"]
+        counted = [f for f in fields if f.array and f.count_field]
+        out += [f"  size_t {f.name}Listed = 0;" for f in counted]
+        out += ['  if (!p.consume("}")) {', "    do {",
+                "      std::string const field = p.quoted();", '      p.expect(":");']
+        for i, f in enumerate(fields):
+            out.append(f"      {'} else if' if i else 'if'} (field == {cstr(f.name)}) {{")
+            out += self.field_text_parse(f)
+        if fields:
+            out += ["      } else {", f"        p.fail(\"a field of {q}\");", "      }"]
         else:
-            out += ['  p.expect("Value(");',
-                    f"  if (p.quoted() != {cstr(q)}) p.fail({cstr(chr(39) + q + chr(39))});",
-                    '  p.expect(",");', '  p.expect("**");', '  p.expect("{");',
-                    f"  {n} v;"]
-            counted = [f for f in fields if f.array and f.count_field]
-            out += [f"  size_t {f.name}Listed = 0;" for f in counted]
-            out += ['  if (!p.consume("}")) {', "    do {",
-                    "      std::string const field = p.quoted();", '      p.expect(":");']
-            first = True
-            for f in fields:
-                kw = "if" if first else "} else if"
-                first = False
-                out.append(f"      {kw} (field == {cstr(f.name)}) {{")
-                if f.array and f.count_field:
-                    out += ['        p.expect("[");', "        size_t i = 0;",
-                            f"        v.{f.name}_ = {{}};",
-                            '        if (!p.consume("]")) {', "          do {",
-                            f"            if (i >= {f.array}) p.fail(\"at most {f.array} elements\");",
-                            f"            v.{f.name}_[i++] = Zol::textParse<{f.type.cpp}>(p);",
-                            '          } while (p.consume(","));', '          p.expect("]");',
-                            "        }", f"        {f.name}Listed = i;"]
-                else:
-                    val = f"Zol::textParse<{self.field_cpp(f)}>(p)"
-                    if f.min is not None or f.max is not None:
-                        val = f"{f.name}Check({val})"
-                    out.append(f"        v.{f.name}_ = {val};")
-            if fields:
-                out += ["      } else {", f"        p.fail(\"a field of {q}\");", "      }"]
-            else:
-                out += [f"      p.fail(\"a field of {q}\");"]
-            out += ['    } while (p.consume(","));', '    p.expect("}");', "  }",
-                    '  p.expect(")");']
-            out += _agreement_checks(d, counted, "p.fail({})")
-            out += ["  return v;", "}", ""]
-        # JSON
-        out += [f"Zol::Json Zol::JsonTraits<{q}>::to({q} const& v, JsonAlloc& a) {{",
-                "  Json o(rapidjson::kObjectType);"]
+            out += [f"      p.fail(\"a field of {q}\");"]
+        out += ['    } while (p.consume(","));', '    p.expect("}");', "  }",
+                '  p.expect(")");']
+        out += _agreement_checks(d, counted, "p.fail({})")
+        out += ["  return v;", "}", ""]
+        return out
+
+    def field_text_parse(self, f):
+        if f.array and f.count_field:
+            return ['        p.expect("[");', "        size_t i = 0;",
+                    f"        v.{f.name}_ = {{}};",
+                    '        if (!p.consume("]")) {', "          do {",
+                    f"            if (i >= {f.array}) p.fail(\"at most {f.array} elements\");",
+                    f"            v.{f.name}_[i++] = Zol::textParse<{f.type.cpp}>(p);",
+                    '          } while (p.consume(","));', '          p.expect("]");',
+                    "        }", f"        {f.name}Listed = i;"]
+        val = f"Zol::textParse<{self.field_cpp(f)}>(p)"
+        if f.min is not None or f.max is not None:
+            val = f"{f.name}Check({val})"
+        return [f"        v.{f.name}_ = {val};"]
+
+    def value_json_to(self, d, fields):
+        q = d.qname
+        out = [f"Zol::Json Zol::JsonTraits<{q}>::to({q} const& v, JsonAlloc& a) {{",
+               "  Json o(rapidjson::kObjectType);"]
         for f in fields:
             if f.array and f.count_field:
                 out += ["  {", "    Json arr(rapidjson::kArrayType);",
@@ -645,38 +667,21 @@ class FamilyEmitter:
                         f"    o.AddMember({cstr(f.name)}, arr, a);", "  }"]
             else:
                 out.append(f"  o.AddMember({cstr(f.name)}, toJson(v.{f.name}_, a), a);")
-        out += ["  return o;", "}", "",
-                f"{q} Zol::JsonTraits<{q}>::from(Json const& j) {{",
-                f"  if (!j.IsObject()) jsonTypeError(j, \"an object with the fields of {q}\");",
-                f"  {q} v;"]
+        out += ["  return o;", "}", ""]
+        return out
+
+    def value_json_from(self, d, fields):
+        q = d.qname
+        out = [f"{q} Zol::JsonTraits<{q}>::from(Json const& j) {{",
+               f"  if (!j.IsObject()) jsonTypeError(j, \"an object with the fields of {q}\");",
+               f"  {q} v;"]
         counted = [f for f in fields if f.array and f.count_field]
         out += [f"  size_t {f.name}Listed = 0;" for f in counted]
         out += ["  for (auto const& m : j.GetObject()) {",
                 "    std::string_view const field(m.name.GetString(), m.name.GetStringLength());"]
-        first = True
-        for f in fields:
-            kw = "if" if first else "} else if"
-            first = False
-            out.append(f"    {kw} (field == {cstr(f.name)}) {{")
-            if f.array and f.count_field:
-                out += [f"      v.{f.name}_ = fromJson<std::array<{f.type.cpp}, {f.array}>>(m.value);",
-                        f"      {f.name}Listed = m.value.Size();"]
-            else:
-                val = f"fromJson<{self.field_cpp(f)}>(m.value)"
-                if f.forms():
-                    names = f"{q}::{f.name}Names" if f.names else "{}"
-                    bits = f"{q}::{f.name}Bits" if f.bits else "{}"
-                    val = (f"numberFromJson<{f.type.cpp}>(m.value, {names}, {bits}, "
-                           f"{'true' if f.hex else 'false'})")
-                if f.min is not None or f.max is not None:
-                    val = f"{q}::{f.name}Check({val})"
-                if d.input:
-                    why = cstr(f"'{f.name}' must be {_accepts(f)}, found ")
-                    out += ["      try {", f"        v.{f.name}_ = {val};",
-                            "      } catch (std::exception const&) {",
-                            f"        throw BindError({why} + jsonText(m.value));", "      }"]
-                else:
-                    out.append(f"      v.{f.name}_ = {val};")
+        for i, f in enumerate(fields):
+            out.append(f"    {'} else if' if i else 'if'} (field == {cstr(f.name)}) {{")
+            out += self.field_json_read(d, f)
         # People misspell: an input value lists the fields it has.
         unknown = (f"\"'\" + std::string(field) + \"' is not a field "
                    f"({', '.join(f.name for f in fields)})\"" if d.input else
@@ -689,6 +694,26 @@ class FamilyEmitter:
         out += _agreement_checks(d, counted, "jsonTypeError(j, {})")
         out += ["  return v;", "}", ""]
         return out
+
+    def field_json_read(self, d, f):
+        q = d.qname
+        if f.array and f.count_field:
+            return [f"      v.{f.name}_ = fromJson<std::array<{f.type.cpp}, {f.array}>>(m.value);",
+                    f"      {f.name}Listed = m.value.Size();"]
+        val = f"fromJson<{self.field_cpp(f)}>(m.value)"
+        if f.forms():
+            names = f"{q}::{f.name}Names" if f.names else "{}"
+            bits = f"{q}::{f.name}Bits" if f.bits else "{}"
+            val = (f"numberFromJson<{f.type.cpp}>(m.value, {names}, {bits}, "
+                   f"{'true' if f.hex else 'false'})")
+        if f.min is not None or f.max is not None:
+            val = f"{q}::{f.name}Check({val})"
+        if not d.input:
+            return [f"      v.{f.name}_ = {val};"]
+        why = cstr(f"'{f.name}' must be {_accepts(f)}, found ")
+        return ["      try {", f"        v.{f.name}_ = {val};",
+                "      } catch (std::exception const&) {",
+                f"        throw BindError({why} + jsonText(m.value));", "      }"]
 
     def entity_defs(self, d):
         q, n = d.qname, d.name
@@ -755,88 +780,15 @@ class FamilyEmitter:
         return out
 
     def attr_desc(self, d, a):
-        q, nm, t = d.qname, a.name, a.type
-        E = f"static_cast<{q}&>(e)"
-        CE = f"static_cast<{q} const&>(e)"
-        kind = {"scalar": "scalar", "collection": "collection", "child": "child",
-                "childCollection": "childCollection", "reference": "reference"}[a.kind]
+        ops = {"scalar": _scalar_ops, "collection": _collection_ops, "child": _child_ops,
+               "childCollection": _child_collection_ops, "reference": _reference_ops}[a.kind]
+        fields = ops(f"static_cast<{d.qname}&>(e)", f"static_cast<{d.qname} const&>(e)", a)
         keyt = cstr(a.key.cpp) if a.key else '""'
-        fields = {"normalize": "nullptr", "checkKey": "nullptr", "set": "nullptr",
-                  "get": "nullptr", "del": "nullptr", "child": "nullptr", "childIs": "nullptr",
-                  "forEachChild": "nullptr", "childType": "nullptr"}
-        if a.kind in ("scalar", "collection"):
-            fields["normalize"] = (f"[](Json const& v, JsonAlloc& a) {{ return Zol::toJson("
-                                   f"Zol::fromJson<{t.cpp}>(v), a); }}")
-        if a.kind == "scalar":
-            if a.writable and not a.is_key:
-                fields["set"] = (f"[](Zol::Entity& e, Json const*, Json const& v) {{ "
-                                 f"{E}.{nm}Is(Zol::fromJson<{t.cpp}>(v)); }}")
-            fields["get"] = (f"[](Zol::Entity const& e, Json const*, JsonAlloc& a) {{ "
-                             f"return Zol::toJson({CE}.{nm}(), a); }}")
-        elif a.kind == "reference":
-            fields["get"] = (f"[](Zol::Entity const& e, Json const*, JsonAlloc& a) {{ "
-                             f"return Zol::toJson({CE}.{nm}(), a); }}")
-        if a.kind in ("collection", "childCollection"):
-            K = a.key.cpp
-            fields["checkKey"] = f"[](Json const& k) {{ (void)Zol::keyFromJson<{K}>(k); }}"
-            fields["del"] = (f"[](Zol::Entity& e, Json const& k) {{ "
-                             f"{E}.{nm}Del(Zol::keyFromJson<{K}>(k)); }}")
-        if a.kind == "collection":
-            K = a.key.cpp
-            if a.writable:
-                fields["set"] = (f"[](Zol::Entity& e, Json const* k, Json const& v) {{ "
-                                 f"{E}.{nm}Is(Zol::keyFromJson<{K}>(*k), "
-                                 f"Zol::fromJson<{t.cpp}>(v)); }}")
-            fields["get"] = "\n".join([
-                "[](Zol::Entity const& e, Json const* k, JsonAlloc& a) {",
-                f"          auto const& m = {CE}.{nm}All();",
-                "          if (k) {",
-                f"            auto it = m.find(Zol::keyFromJson<{K}>(*k));",
-                "            return it == m.end() ? Json() : Zol::toJson(it->second, a);",
-                "          }",
-                "          std::vector<typename std::decay_t<decltype(m)>::const_pointer> es;",
-                "          for (auto const& entry : m) es.push_back(&entry);",
-                "          std::sort(es.begin(), es.end(),",
-                "                    [](auto x, auto y) { return x->first < y->first; });",
-                "          Json o(rapidjson::kObjectType);",
-                "          for (auto x : es) {",
-                "            o.AddMember(Zol::toJson(Zol::keyText(x->first), a), "
-                "Zol::toJson(x->second, a), a);",
-                "          }",
-                "          return o;",
-                "        }"])
-        if a.kind in ("child", "childCollection"):
-            fields["childType"] = f"[]() {{ return &{t.cpp}::zolType(); }}"
-        if a.kind == "child":
-            fields["child"] = (f"[](Zol::Entity& e, std::string_view) -> Zol::Entity* {{ "
-                               f"return {E}.{nm}().ptr(); }}")
-            fields["forEachChild"] = "\n".join([
-                "[](Zol::Entity const& e, std::function<void(std::string const&, "
-                "Zol::Entity const&)> const& f) {",
-                f"          if (auto c = {CE}.{nm}()) f(c->name(), *c);", "        }"])
-        if a.kind == "childCollection":
-            K = a.key.cpp
-            fields["child"] = "\n".join([
-                "[](Zol::Entity& e, std::string_view k) -> Zol::Entity* {",
-                f"          return {E}.{nm}(Zol::keyFromText<{K}>(k)).ptr();", "        }"])
-            fields["childIs"] = (f"[](Zol::Entity& e, Json const& k) -> Zol::Entity* {{ "
-                                 f"return {E}.{nm}Is(Zol::keyFromJson<{K}>(k)).ptr(); }}")
-            fields["forEachChild"] = "\n".join([
-                "[](Zol::Entity const& e, std::function<void(std::string const&, "
-                "Zol::Entity const&)> const& f) {",
-                f"          auto const& m = {CE}.{nm}All();",
-                "          std::vector<typename std::decay_t<decltype(m)>::const_pointer> es;",
-                "          for (auto const& entry : m) es.push_back(&entry);",
-                "          std::sort(es.begin(), es.end(),",
-                "                    [](auto x, auto y) { return x->first < y->first; });",
-                "          for (auto x : es) f(Zol::keyText(x->first), *x->second);",
-                "        }"])
-        order = ["childType", "normalize", "checkKey", "set", "get", "del", "child", "childIs",
-                 "forEachChild"]
-        out = [f"      AttrDesc{{{cstr(nm)}, AttrDesc::Kind::{kind}, {keyt}, {cstr(t.cpp)},"]
-        for i, k in enumerate(order):
-            end = "}," if i == len(order) - 1 else ","
-            out.append(f"        {fields[k]}{end}")
+        out = [f"      AttrDesc{{{cstr(a.name)}, AttrDesc::Kind::{a.kind}, {keyt}, "
+               f"{cstr(a.type.cpp)},"]
+        for i, k in enumerate(ATTR_DESC_OPS):
+            end = "}," if i == len(ATTR_DESC_OPS) - 1 else ","
+            out.append(f"        {fields.get(k, 'nullptr')}{end}")
         return out
 
     # ---- conformance tests -------------------------------------------------------------
@@ -905,6 +857,125 @@ class FamilyEmitter:
                     f"  EXPECT_EQ(c.immediate, 1) << \"{a.name}: new value\";"]
         out += ["}", ""]
         return out
+
+
+# The operations of an attribute's descriptor, in the order AttrDesc declares them; an attribute
+# kind supplies those it has (each given the entity cast to its class, E, and const, CE).
+ATTR_DESC_OPS = ["childType", "normalize", "checkKey", "set", "get", "del", "child", "childIs",
+                 "forEachChild"]
+
+
+def _normalize_op(a):
+    return (f"[](Json const& v, JsonAlloc& a) {{ return Zol::toJson("
+            f"Zol::fromJson<{a.type.cpp}>(v), a); }}")
+
+
+def _keyed_ops(E, a):
+    K = a.key.cpp
+    return {"checkKey": f"[](Json const& k) {{ (void)Zol::keyFromJson<{K}>(k); }}",
+            "del": (f"[](Zol::Entity& e, Json const& k) {{ "
+                    f"{E}.{a.name}Del(Zol::keyFromJson<{K}>(k)); }}")}
+
+
+# A collection's entries in key order, as pointers into the map m.
+_SORTED_ENTRIES = [
+    "          std::vector<typename std::decay_t<decltype(m)>::const_pointer> es;",
+    "          for (auto const& entry : m) es.push_back(&entry);",
+    "          std::sort(es.begin(), es.end(),",
+    "                    [](auto x, auto y) { return x->first < y->first; });"]
+
+
+def _scalar_ops(E, CE, a):
+    ops = {"normalize": _normalize_op(a),
+           "get": (f"[](Zol::Entity const& e, Json const*, JsonAlloc& a) {{ "
+                   f"return Zol::toJson({CE}.{a.name}(), a); }}")}
+    if a.writable and not a.is_key:
+        ops["set"] = (f"[](Zol::Entity& e, Json const*, Json const& v) {{ "
+                      f"{E}.{a.name}Is(Zol::fromJson<{a.type.cpp}>(v)); }}")
+    return ops
+
+
+def _reference_ops(E, CE, a):
+    return {"get": (f"[](Zol::Entity const& e, Json const*, JsonAlloc& a) {{ "
+                    f"return Zol::toJson({CE}.{a.name}(), a); }}")}
+
+
+def _collection_ops(E, CE, a):
+    K, nm = a.key.cpp, a.name
+    ops = {"normalize": _normalize_op(a), **_keyed_ops(E, a)}
+    if a.writable:
+        ops["set"] = (f"[](Zol::Entity& e, Json const* k, Json const& v) {{ "
+                      f"{E}.{nm}Is(Zol::keyFromJson<{K}>(*k), "
+                      f"Zol::fromJson<{a.type.cpp}>(v)); }}")
+    ops["get"] = "\n".join([
+        "[](Zol::Entity const& e, Json const* k, JsonAlloc& a) {",
+        f"          auto const& m = {CE}.{nm}All();",
+        "          if (k) {",
+        f"            auto it = m.find(Zol::keyFromJson<{K}>(*k));",
+        "            return it == m.end() ? Json() : Zol::toJson(it->second, a);",
+        "          }",
+        *_SORTED_ENTRIES,
+        "          Json o(rapidjson::kObjectType);",
+        "          for (auto x : es) {",
+        "            o.AddMember(Zol::toJson(Zol::keyText(x->first), a), "
+        "Zol::toJson(x->second, a), a);",
+        "          }",
+        "          return o;",
+        "        }"])
+    return ops
+
+
+def _child_ops(E, CE, a):
+    return {"childType": f"[]() {{ return &{a.type.cpp}::zolType(); }}",
+            "child": (f"[](Zol::Entity& e, std::string_view) -> Zol::Entity* {{ "
+                      f"return {E}.{a.name}().ptr(); }}"),
+            "forEachChild": "\n".join([
+                "[](Zol::Entity const& e, std::function<void(std::string const&, "
+                "Zol::Entity const&)> const& f) {",
+                f"          if (auto c = {CE}.{a.name}()) f(c->name(), *c);", "        }"])}
+
+
+def _child_collection_ops(E, CE, a):
+    K, nm = a.key.cpp, a.name
+    return {"childType": f"[]() {{ return &{a.type.cpp}::zolType(); }}",
+            **_keyed_ops(E, a),
+            "child": "\n".join([
+                "[](Zol::Entity& e, std::string_view k) -> Zol::Entity* {",
+                f"          return {E}.{nm}(Zol::keyFromText<{K}>(k)).ptr();", "        }"]),
+            "childIs": (f"[](Zol::Entity& e, Json const& k) -> Zol::Entity* {{ "
+                        f"return {E}.{nm}Is(Zol::keyFromJson<{K}>(k)).ptr(); }}"),
+            "forEachChild": "\n".join([
+                "[](Zol::Entity const& e, std::function<void(std::string const&, "
+                "Zol::Entity const&)> const& f) {",
+                f"          auto const& m = {CE}.{nm}All();",
+                *_SORTED_ENTRIES,
+                "          for (auto x : es) f(Zol::keyText(x->first), *x->second);",
+                "        }"])}
+
+
+def _same(f):
+    """A field's equality test in a value's operator==."""
+    # An array with a count compares, like it prints and hashes, only its counted elements.
+    if f.array and f.count_field:
+        return (f"std::equal({f.name}_.begin(), {f.name}_.begin() + {f.name}_count(), "
+                f"o.{f.name}_.begin(), o.{f.name}_.begin() + o.{f.name}_count())")
+    if f.type.builtin in ("double", "Seconds") and not f.array and not f.key:
+        # Bitwise, as writes compare: a NaN field reads back equal to itself.
+        return f"Zol::sameValue({f.name}_, o.{f.name}_)"
+    return f"{f.name}_ == o.{f.name}_"
+
+
+def _less(f):
+    """A field's ordering in a value's operator<, asked once the fields differ."""
+    if f.array and f.count_field:
+        return (f"std::lexicographical_compare({f.name}_.begin(), {f.name}_.begin() + "
+                f"{f.name}_count(), o.{f.name}_.begin(), o.{f.name}_.begin() + "
+                f"o.{f.name}_count())")
+    if f.type.kind == "extern" and not f.array and not f.key:
+        # An extern type's own < need not be a total order (serial numbers); its
+        # std::less is, where the two differ.
+        return f"std::less<{f.type.cpp}>{{}}({f.name}_, o.{f.name}_)"
+    return f"{f.name}_ < o.{f.name}_"
 
 
 def _accepts(f):

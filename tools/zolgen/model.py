@@ -267,14 +267,147 @@ def _known(table, where, allowed):
             raise SchemaError(f"{where}: unknown setting '{k}'")
 
 
-def load_family(path):
-    path = Path(path)
+def _read_toml(path):
     with open(path, "rb") as f:
         try:
-            data = tomllib.load(f)
+            return tomllib.load(f)
         except tomllib.TOMLDecodeError as e:
             raise SchemaError(f"{path.name}: {e}") from None
-    fam_name = path.stem
+
+
+def _load_extern(e, fname):
+    _known(e, f"{fname} extern", {"name", "header", "kind"})
+    _required(e, f"{fname} extern {e.get('name')}", ("name", "header"))
+    return Extern(e["name"], e["header"], e.get("kind", "extern"))
+
+
+def _load_enum(e, fam, fname):
+    where = f"{fname} enum {e.get('name')}"
+    _known(e, where, {"name", "values", "doc", "namespace"})
+    _check_ident(e.get("name"), where)
+    values = e.get("values", [])
+    if not values:
+        raise SchemaError(f"{where}: needs at least one value")
+    for v in values:
+        _check_ident(v, where)
+    if len(set(values)) != len(values):
+        raise SchemaError(f"{where}: duplicate enumerator")
+    return Enum(fam.name, e.get("namespace", fam.ns), e["name"], values, e.get("doc", ""))
+
+
+def _load_range(r, fam, fname):
+    where = f"{fname} range {r.get('name')}"
+    _known(r, where, {"name", "base", "min", "max", "error", "default", "doc", "namespace",
+                      "methods"})
+    _required(r, where, ("name", "base", "min", "max"))
+    _check_ident(r.get("name"), where)
+    if r.get("base") not in INTEGER_BUILTINS:
+        raise SchemaError(f"{where}: base must be an integer type")
+    if r["min"] > r["max"]:
+        raise SchemaError(f"{where}: min is above max")
+    lo, hi = INTEGER_LIMITS[r["base"]]
+    if r["min"] < lo or r["max"] > hi:
+        raise SchemaError(f"{where}: min and max must fit in {r['base']}")
+    if not r["min"] <= r.get("default", r["min"]) <= r["max"]:
+        raise SchemaError(f"{where}: default {r['default']} is outside {r['min']}..{r['max']}")
+    return Range(fam.name, r.get("namespace", fam.ns), r["name"], r["base"], r["min"], r["max"],
+                 r.get("error") or f"{r['name']}::value < {r['min']} or > {r['max']} not allowed",
+                 r.get("default", r["min"]), r.get("doc", ""), _lines(r, "methods", where))
+
+
+def _load_field(f, where):
+    fw = f"{where} field {f.get('name')}"
+    _known(f, fw, {"name", "type", "default", "default_expr", "min", "max", "error", "array",
+                   "index", "count_field", "key", "setter", "internal", "names", "bits", "hex",
+                   "what"})
+    _check_ident(f.get("name"), fw)
+    if "type" not in f:
+        raise SchemaError(f"{fw}: 'type' is required")
+    return Field(f["name"], type_name=f["type"], default=f.get("default"),
+                 default_expr=f.get("default_expr", ""), min=f.get("min"), max=f.get("max"),
+                 error=f.get("error", ""), array=f.get("array", 0), index_name=f.get("index", ""),
+                 count_field=f.get("count_field", ""), key_name=f.get("key", ""),
+                 setter=f.get("setter", True), internal=f.get("internal", False),
+                 names=f.get("names", {}), bits=f.get("bits", []), hex=f.get("hex", False),
+                 what=f.get("what", ""))
+
+
+def _load_value(v, fam, fname):
+    where = f"{fname} value {v.get('name')}"
+    _known(v, where, {"name", "fields", "methods", "members", "parse", "doc", "namespace", "ctor",
+                      "aliases", "check", "input"})
+    _check_ident(v.get("name"), where)
+    fields = [_load_field(f, where) for f in v.get("fields", [])]
+    names = [f.name for f in fields]
+    if len(set(names)) != len(names):
+        raise SchemaError(f"{where}: duplicate field name")
+    return Value(fam.name, v.get("namespace", fam.ns), v["name"], fields, v.get("methods", []),
+                 v.get("members", []), v.get("parse", True), v.get("doc", ""), v.get("ctor", True),
+                 v.get("aliases", {}), v.get("check", ""), v.get("input", False))
+
+
+def _attr_kind(a, aw):
+    """What an attribute holds follows from which of 'child', 'ref' and 'type' names its type."""
+    if "child" in a:
+        return ("childCollection" if "key" in a else "child"), a["child"]
+    if "ref" in a:
+        return "reference", a["ref"]
+    if "type" in a:
+        return ("collection" if "key" in a else "scalar"), a["type"]
+    raise SchemaError(f"{aw}: needs 'type', 'child' or 'ref'")
+
+
+def _load_attr(a, where):
+    aw = f"{where} attr {a.get('name')}"
+    _known(a, aw, {"name", "type", "key", "ordered", "child", "ref", "default", "default_expr",
+                   "min", "max", "error", "is_key", "writable", "on_create", "on_delete",
+                   "default_fn", "construct"})
+    _check_ident(a.get("name"), aw)
+    kind, tname = _attr_kind(a, aw)
+    attr = Attr(a["name"], kind, type_name=tname, key_name=a.get("key", ""),
+                ordered=a.get("ordered", False), default=a.get("default"),
+                default_expr=a.get("default_expr", ""), min=a.get("min"), max=a.get("max"),
+                error=a.get("error", ""), is_key=a.get("is_key", False),
+                writable=a.get("writable", True), on_create=a.get("on_create", ""),
+                on_delete=a.get("on_delete", ""), default_fn=a.get("default_fn", ""),
+                construct=a.get("construct", False))
+    if (attr.on_create or attr.on_delete) and kind != "childCollection":
+        raise SchemaError(f"{aw}: on_create and on_delete need a child collection")
+    if attr.default_fn:
+        if kind != "collection":
+            raise SchemaError(f"{aw}: default_fn needs a collection of values")
+        _check_ident(attr.default_fn, f"{aw} default_fn")
+    if not isinstance(attr.construct, bool):
+        raise SchemaError(f"{aw}: construct must be true or false")
+    if attr.construct and kind != "child":
+        raise SchemaError(f"{aw}: construct needs a single child")
+    return attr
+
+
+def _load_entity(e, fam, fname):
+    where = f"{fname} entity {e.get('name')}"
+    _known(e, where, {"name", "attrs", "base", "methods", "members", "hooks", "doc", "namespace",
+                      "abstract", "conformance", "ctor_params"})
+    _check_ident(e.get("name"), where)
+    attrs = [_load_attr(a, where) for a in e.get("attrs", [])]
+    names = [a.name for a in attrs]
+    if len(set(names)) != len(names):
+        raise SchemaError(f"{where}: duplicate attribute name")
+    if "name" in names:
+        # Every entity is constructed from, and answers name() with, its own name.
+        raise SchemaError(f"{where}: attribute 'name' clashes with the entity's own name")
+    d = Entity(fam.name, e.get("namespace", fam.ns), e["name"], attrs, e.get("base", ""), None,
+               e.get("methods", []), e.get("members", []), e.get("hooks", []), e.get("doc", ""),
+               e.get("abstract", False), e.get("conformance", True), e.get("ctor_params", []))
+    for h in d.hooks:
+        if h not in ("constructed", "destroyed"):
+            raise SchemaError(f"{where}: unknown hook '{h}'")
+    return d
+
+
+def load_family(path):
+    path = Path(path)
+    data = _read_toml(path)
     _known(data, path.name, {"namespace", "includes", "source_includes", "enum", "range",
                              "value", "entity", "extern", "doc"})
     if "namespace" not in data:
@@ -282,132 +415,17 @@ def load_family(path):
     ns = data["namespace"]
     for part in ns.split("::"):
         _check_ident(part, f"{path.name} namespace")
-    fam = Family(fam_name, path, ns, data.get("includes", []), data.get("source_includes", []),
+    fam = Family(path.stem, path, ns, data.get("includes", []), data.get("source_includes", []),
                  [], [], [], [], [])
-    for e in data.get("extern", []):
-        _known(e, f"{path.name} extern", {"name", "header", "kind"})
-        _required(e, f"{path.name} extern {e.get('name')}", ("name", "header"))
-        fam.externs.append(Extern(e["name"], e["header"], e.get("kind", "extern")))
-    for e in data.get("enum", []):
-        where = f"{path.name} enum {e.get('name')}"
-        _known(e, where, {"name", "values", "doc", "namespace"})
-        _check_ident(e.get("name"), where)
-        values = e.get("values", [])
-        if not values:
-            raise SchemaError(f"{where}: needs at least one value")
-        for v in values:
-            _check_ident(v, where)
-        if len(set(values)) != len(values):
-            raise SchemaError(f"{where}: duplicate enumerator")
-        d = Enum(fam_name, e.get("namespace", ns), e["name"], values, e.get("doc", ""))
-        fam.enums.append(d)
-        fam.order.append(d)
-    for r in data.get("range", []):
-        where = f"{path.name} range {r.get('name')}"
-        _known(r, where, {"name", "base", "min", "max", "error", "default", "doc", "namespace",
-                          "methods"})
-        _required(r, where, ("name", "base", "min", "max"))
-        _check_ident(r.get("name"), where)
-        if r.get("base") not in INTEGER_BUILTINS:
-            raise SchemaError(f"{where}: base must be an integer type")
-        if r["min"] > r["max"]:
-            raise SchemaError(f"{where}: min is above max")
-        lo, hi = INTEGER_LIMITS[r["base"]]
-        if r["min"] < lo or r["max"] > hi:
-            raise SchemaError(f"{where}: min and max must fit in {r['base']}")
-        if not r["min"] <= r.get("default", r["min"]) <= r["max"]:
-            raise SchemaError(f"{where}: default {r['default']} is outside {r['min']}..{r['max']}")
-        d = Range(fam_name, r.get("namespace", ns), r["name"], r["base"], r["min"], r["max"],
-                  r.get("error") or f"{r['name']}::value < {r['min']} or > {r['max']} not allowed",
-                  r.get("default", r["min"]), r.get("doc", ""), _lines(r, "methods", where))
-        fam.ranges.append(d)
-        fam.order.append(d)
-    for v in data.get("value", []):
-        where = f"{path.name} value {v.get('name')}"
-        _known(v, where, {"name", "fields", "methods", "members", "parse", "doc", "namespace",
-                          "ctor", "aliases", "check", "input"})
-        _check_ident(v.get("name"), where)
-        fields = []
-        for f in v.get("fields", []):
-            fw = f"{where} field {f.get('name')}"
-            _known(f, fw, {"name", "type", "default", "default_expr", "min", "max", "error",
-                           "array", "index", "count_field", "key", "setter", "internal",
-                           "names", "bits", "hex", "what"})
-            _check_ident(f.get("name"), fw)
-            if "type" not in f:
-                raise SchemaError(f"{fw}: 'type' is required")
-            fields.append(Field(f["name"], type_name=f["type"], default=f.get("default"),
-                                default_expr=f.get("default_expr", ""), min=f.get("min"),
-                                max=f.get("max"), error=f.get("error", ""),
-                                array=f.get("array", 0), index_name=f.get("index", ""),
-                                count_field=f.get("count_field", ""), key_name=f.get("key", ""),
-                                setter=f.get("setter", True), internal=f.get("internal", False),
-                                names=f.get("names", {}), bits=f.get("bits", []),
-                                hex=f.get("hex", False), what=f.get("what", "")))
-        names = [f.name for f in fields]
-        if len(set(names)) != len(names):
-            raise SchemaError(f"{where}: duplicate field name")
-        d = Value(fam_name, v.get("namespace", ns), v["name"], fields, v.get("methods", []),
-                  v.get("members", []), v.get("parse", True), v.get("doc", ""),
-                  v.get("ctor", True), v.get("aliases", {}), v.get("check", ""),
-                  v.get("input", False))
-        fam.values.append(d)
-        fam.order.append(d)
-    for e in data.get("entity", []):
-        where = f"{path.name} entity {e.get('name')}"
-        _known(e, where, {"name", "attrs", "base", "methods", "members", "hooks", "doc",
-                          "namespace", "abstract", "conformance", "ctor_params"})
-        _check_ident(e.get("name"), where)
-        attrs = []
-        for a in e.get("attrs", []):
-            aw = f"{where} attr {a.get('name')}"
-            _known(a, aw, {"name", "type", "key", "ordered", "child", "ref", "default",
-                           "default_expr", "min", "max", "error", "is_key", "writable",
-                           "on_create", "on_delete", "default_fn", "construct"})
-            _check_ident(a.get("name"), aw)
-            if "child" in a:
-                kind = "childCollection" if "key" in a else "child"
-                tname = a["child"]
-            elif "ref" in a:
-                kind, tname = "reference", a["ref"]
-            elif "type" in a:
-                kind = "collection" if "key" in a else "scalar"
-                tname = a["type"]
-            else:
-                raise SchemaError(f"{aw}: needs 'type', 'child' or 'ref'")
-            attrs.append(Attr(a["name"], kind, type_name=tname, key_name=a.get("key", ""),
-                              ordered=a.get("ordered", False), default=a.get("default"),
-                              default_expr=a.get("default_expr", ""), min=a.get("min"),
-                              max=a.get("max"), error=a.get("error", ""),
-                              is_key=a.get("is_key", False), writable=a.get("writable", True),
-                              on_create=a.get("on_create", ""), on_delete=a.get("on_delete", ""),
-                              default_fn=a.get("default_fn", ""),
-                              construct=a.get("construct", False)))
-            if (attrs[-1].on_create or attrs[-1].on_delete) and kind != "childCollection":
-                raise SchemaError(f"{aw}: on_create and on_delete need a child collection")
-            if attrs[-1].default_fn:
-                if kind != "collection":
-                    raise SchemaError(f"{aw}: default_fn needs a collection of values")
-                _check_ident(attrs[-1].default_fn, f"{aw} default_fn")
-            if not isinstance(attrs[-1].construct, bool):
-                raise SchemaError(f"{aw}: construct must be true or false")
-            if attrs[-1].construct and kind != "child":
-                raise SchemaError(f"{aw}: construct needs a single child")
-        names = [a.name for a in attrs]
-        if len(set(names)) != len(names):
-            raise SchemaError(f"{where}: duplicate attribute name")
-        if "name" in names:
-            # Every entity is constructed from, and answers name() with, its own name.
-            raise SchemaError(f"{where}: attribute 'name' clashes with the entity's own name")
-        d = Entity(fam_name, e.get("namespace", ns), e["name"], attrs, e.get("base", ""),
-                   None, e.get("methods", []), e.get("members", []), e.get("hooks", []),
-                   e.get("doc", ""), e.get("abstract", False), e.get("conformance", True),
-                   e.get("ctor_params", []))
-        for h in d.hooks:
-            if h not in ("constructed", "destroyed"):
-                raise SchemaError(f"{where}: unknown hook '{h}'")
-        fam.entities.append(d)
-        fam.order.append(d)
+    fam.externs = [_load_extern(e, path.name) for e in data.get("extern", [])]
+    # Each kind is read in its turn, and declarations are emitted in the order read.
+    for key, load, decls in (("enum", _load_enum, fam.enums), ("range", _load_range, fam.ranges),
+                             ("value", _load_value, fam.values),
+                             ("entity", _load_entity, fam.entities)):
+        for table in data.get(key, []):
+            d = load(table, fam, path.name)
+            decls.append(d)
+            fam.order.append(d)
     return fam
 
 
@@ -457,61 +475,72 @@ class Schema:
     def _resolve(self, fam, d):
         where = f"{fam.path.name} {d.name}"
         if isinstance(d, Value):
-            names = {f.name for f in d.fields}
-            for f in d.fields:
-                f.type = self.lookup(f.type_name, d.ns, f"{where}.{f.name}")
-                if f.type.kind == "entity":
-                    raise SchemaError(f"{where}.{f.name}: a value cannot hold an entity")
-                if f.key_name:
-                    f.key = self.lookup(f.key_name, d.ns, f"{where}.{f.name}")
-                    if f.key.kind == "entity":
-                        raise SchemaError(f"{where}.{f.name}: an entity cannot be a key")
-                if (f.index_name or f.count_field) and not f.array:
-                    raise SchemaError(f"{where}.{f.name}: index and count_field need an array")
-                if f.index_name:
-                    f.index = self.lookup(f.index_name, d.ns, f"{where}.{f.name}")
-                    if f.index.kind != "range":
-                        raise SchemaError(f"{where}.{f.name}: index must be a range type")
-                if f.count_field and f.count_field not in names:
-                    raise SchemaError(f"{where}.{f.name}: unknown count_field '{f.count_field}'")
-                _check_bounds(f"{where}.{f.name}", f.min, f.max, f.default, f.type.builtin)
-                self._check_default(f"{where}.{f.name}", f.type, f.default)
-            by_name = {f.name: f for f in d.fields}
-            for f in d.fields:
-                if f.count_field:
-                    c = by_name[f.count_field].type
-                    if c.builtin not in INTEGER_BUILTINS and c.kind != "range":
-                        raise SchemaError(f"{where}.{f.name}: count_field '{f.count_field}' "
-                                          "must be an integer")
-                if (f.min is not None or f.max is not None) and f.type.builtin not in \
-                        INTEGER_BUILTINS:
-                    raise SchemaError(f"{where}.{f.name}: min/max need an integer type")
-                self._check_forms(f"{where}.{f.name}", f)
+            self._resolve_value(where, d)
         elif isinstance(d, Entity):
-            keys = [a.name for a in d.attrs if a.is_key]
-            if len(keys) > 1:
-                raise SchemaError(f"{where}: only one key attribute, found {', '.join(keys)}")
-            for a in d.attrs:
-                aw = f"{where}.{a.name}"
-                a.type = self.lookup(a.type_name, d.ns, aw)
-                if a.kind in ("child", "childCollection") and a.type.kind != "entity":
-                    raise SchemaError(f"{aw}: child '{a.type_name}' is not an entity")
-                if a.construct and (a.type.decl.key_attr() or a.type.decl.extra_ctor_params or
-                                    a.type.decl.abstract):
-                    raise SchemaError(f"{aw}: a child made at construction takes only its name")
-                if a.kind in ("scalar", "collection") and a.type.kind == "entity":
-                    raise SchemaError(f"{aw}: use 'child' or 'ref' for entity attributes")
-                if a.key_name:
-                    a.key = self.lookup(a.key_name, d.ns, aw)
-                    if a.key.kind == "entity":
-                        raise SchemaError(f"{aw}: an entity cannot be a key")
-                if (a.min is not None or a.max is not None) and a.type.builtin not in \
-                        INTEGER_BUILTINS:
-                    raise SchemaError(f"{aw}: min/max need an integer type")
-                _check_bounds(aw, a.min, a.max, a.default, a.type.builtin)
-                self._check_default(aw, a.type, a.default)
-            if len(d.all_attrs()) > 64:
-                raise SchemaError(f"{where}: more than 64 attributes")
+            self._resolve_entity(where, d)
+
+    def _resolve_value(self, where, d):
+        names = {f.name for f in d.fields}
+        for f in d.fields:
+            self._resolve_field(f"{where}.{f.name}", d, f, names)
+        # Checks that read another field's type wait until every field is resolved.
+        by_name = {f.name: f for f in d.fields}
+        for f in d.fields:
+            if f.count_field:
+                c = by_name[f.count_field].type
+                if c.builtin not in INTEGER_BUILTINS and c.kind != "range":
+                    raise SchemaError(f"{where}.{f.name}: count_field '{f.count_field}' "
+                                      "must be an integer")
+            if (f.min is not None or f.max is not None) and f.type.builtin not in \
+                    INTEGER_BUILTINS:
+                raise SchemaError(f"{where}.{f.name}: min/max need an integer type")
+            self._check_forms(f"{where}.{f.name}", f)
+
+    def _resolve_field(self, fw, d, f, names):
+        f.type = self.lookup(f.type_name, d.ns, fw)
+        if f.type.kind == "entity":
+            raise SchemaError(f"{fw}: a value cannot hold an entity")
+        if f.key_name:
+            f.key = self.lookup(f.key_name, d.ns, fw)
+            if f.key.kind == "entity":
+                raise SchemaError(f"{fw}: an entity cannot be a key")
+        if (f.index_name or f.count_field) and not f.array:
+            raise SchemaError(f"{fw}: index and count_field need an array")
+        if f.index_name:
+            f.index = self.lookup(f.index_name, d.ns, fw)
+            if f.index.kind != "range":
+                raise SchemaError(f"{fw}: index must be a range type")
+        if f.count_field and f.count_field not in names:
+            raise SchemaError(f"{fw}: unknown count_field '{f.count_field}'")
+        _check_bounds(fw, f.min, f.max, f.default, f.type.builtin)
+        self._check_default(fw, f.type, f.default)
+
+    def _resolve_entity(self, where, d):
+        keys = [a.name for a in d.attrs if a.is_key]
+        if len(keys) > 1:
+            raise SchemaError(f"{where}: only one key attribute, found {', '.join(keys)}")
+        for a in d.attrs:
+            self._resolve_attr(f"{where}.{a.name}", d, a)
+        if len(d.all_attrs()) > 64:
+            raise SchemaError(f"{where}: more than 64 attributes")
+
+    def _resolve_attr(self, aw, d, a):
+        a.type = self.lookup(a.type_name, d.ns, aw)
+        if a.kind in ("child", "childCollection") and a.type.kind != "entity":
+            raise SchemaError(f"{aw}: child '{a.type_name}' is not an entity")
+        if a.construct and (a.type.decl.key_attr() or a.type.decl.extra_ctor_params or
+                            a.type.decl.abstract):
+            raise SchemaError(f"{aw}: a child made at construction takes only its name")
+        if a.kind in ("scalar", "collection") and a.type.kind == "entity":
+            raise SchemaError(f"{aw}: use 'child' or 'ref' for entity attributes")
+        if a.key_name:
+            a.key = self.lookup(a.key_name, d.ns, aw)
+            if a.key.kind == "entity":
+                raise SchemaError(f"{aw}: an entity cannot be a key")
+        if (a.min is not None or a.max is not None) and a.type.builtin not in INTEGER_BUILTINS:
+            raise SchemaError(f"{aw}: min/max need an integer type")
+        _check_bounds(aw, a.min, a.max, a.default, a.type.builtin)
+        self._check_default(aw, a.type, a.default)
 
     def _check_forms(self, where, f):
         if not f.forms():
