@@ -82,8 +82,8 @@ class IpRuleCreator {
   // out as value/mask entries, widening to more fields if those run out too.
   Err createWithRanges(Index const& idx, Zol::U8 flags, Zol::U8 ecnValue, Zol::U8 ecnMask) {
     std::array<AclL4Mask, 3> m = {rangeMatch(d_.srcPort.range[idx[0]]),
-                                   rangeMatch(d_.dstPort.range[idx[1]]),
-                                   rangeMatch(d_.ipLen.range[idx[2]])};
+                                  rangeMatch(d_.dstPort.range[idx[1]]),
+                                  rangeMatch(d_.ipLen.range[idx[2]])};
     Err e = call("Adding subrule ", m, flags, ecnValue, ecnMask);
     unsigned masked = 0;
     while (isRangeCheckerError(e) && masked != allRangeFields) {
@@ -117,9 +117,9 @@ class IpRuleCreator {
            Zol::U8 ecnMask) {
     auto const& [src, dst, len] = m;
     Err const e = helper_.createIpAclSubrule(
-        data_.key().type(), rule_, rule_.uniqueId(), data_, aclRule_, subRule_, src.value(), src.mask,
-        dst.value(), dst.mask, src.start, src.end, dst.start, dst.end, len.value(), len.mask,
-        len.start, len.end, flags, d_.l4Rule, ecnValue, ecnMask);
+        data_.key().type(), rule_, rule_.uniqueId(), data_, aclRule_, subRule_, src.value(),
+        src.mask, dst.value(), dst.mask, src.start, src.end, dst.start, dst.end, len.value(),
+        len.mask, len.start, len.end, flags, d_.l4Rule, ecnValue, ecnMask);
     ZOL_TRACE(8, what << subRule_ << " flags(" << unsigned{flags} << "), src(" << src << "), dst("
                       << dst << "), iplen(" << len << "), success:" << Zol::enumName(e));
     if (e == Err::aclCreateErrorNone) ++subRule_;

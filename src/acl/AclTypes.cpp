@@ -1,5 +1,5 @@
-// The text form of an AclKey (name-type-direction(std=...,vlanId=...,aclGroup=...)) and a port
-// specification as the ranges it matches.
+// The text form of an AclKey (name-type-direction(std=...,vlanId=...,aclGroup=...)) and the
+// ranges a port match (PortSpec) stands for.
 #include "Vemo/AclTypes.h"
 
 #include <algorithm>
