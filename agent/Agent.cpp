@@ -84,7 +84,7 @@ std::string jsonAsText(rapidjson::Value const& v, int indent) {
 }
 
 Agent::Agent(bool json) : json_(json) {
-  commonData_ = Vemo::vemoCommonSmDataFactory("vemo");
+  commonData_ = Vemo::vemoCommonSmDataFactory("vemo", loop_);
   mount("vemo/common", commonData_.ptr());
   views_["common"] = [this](bool asJson) {
     rapidjson::Document doc;
@@ -375,7 +375,7 @@ bool Agent::applyPacket(Step const& s, std::ostream& out, std::ostream& err) {
 void Agent::restartHitless() {
   for (auto const& [path, entity] : platform_->mounts()) mounts_.erase(path);
   // The common data is the process's: the new one starts empty, as after a real restart.
-  commonData_ = Vemo::vemoCommonSmDataFactory("vemo");
+  commonData_ = Vemo::vemoCommonSmDataFactory("vemo", loop_);
   mount("vemo/common", commonData_.ptr());
   platform_->restartHitless(commonData_);
   for (auto const& [path, entity] : platform_->mounts()) mounts_[path] = entity;

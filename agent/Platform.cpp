@@ -85,7 +85,7 @@ void Platform::start(Zol::Ptr<Vemo::VemoCommonSmData> const& commonData) {
   vxlanFrontEnd_ = std::make_unique<VxlanFrontEnd>(vxlanConfig_, tunnelGroupManager_, vtepConfig_,
                                                    vtepGroupConfig_);
 
-  aclHelper_ = Zol::make<sim::AclHelper>("aclHelper", chip_);
+  aclHelper_ = Zol::make<sim::AclHelper>("aclHelper", chip_, loop_);
   // What the simulated chip can do, set here rather than taken from the helper's defaults so
   // that scenarios keep meaning the same. Every list type, ECN, IP length and counters are in
   // hardware. Established sessions are not matched by the chip itself: the SM writes

@@ -239,7 +239,8 @@ void aclInstallFloor(benchmark::State& state) {
 // The simulated chip's helper, its subrules recorded for the floor.
 class RecordingSimHelper : public sim::AclHelper {
  public:
-  explicit RecordingSimHelper(sim::Chip& chip) : sim::AclHelper("bench", chip) {
+  RecordingSimHelper(sim::Chip& chip, Zol::ActivityLoop& loop)
+      : sim::AclHelper("bench", chip, loop) {
     aclEcnSupportedIs(true);
   }
   Err createIpAclSubrule(Acl::AclType type, Acl::IpRuleConfig const& rule, Acl::UniqueId id,
@@ -281,7 +282,7 @@ void aclInstallSim(benchmark::State& state) {
   for (auto _ : state) {
     state.PauseTiming();
     auto chip = benchChip();
-    auto helper = Zol::make<RecordingSimHelper>(*chip);
+    auto helper = Zol::make<RecordingSimHelper>(*chip, w.loop);
     state.ResumeTiming();
     auto sm = w.start(helper);
     state.PauseTiming();
@@ -303,7 +304,7 @@ void aclInstallSimFloor(benchmark::State& state) {
   std::vector<SubruleArgs> args;
   {
     auto chip = benchChip();
-    auto helper = Zol::make<RecordingSimHelper>(*chip);
+    auto helper = Zol::make<RecordingSimHelper>(*chip, w.loop);
     helper->record = true;
     auto sm = w.start(helper);
     args = std::move(helper->args);
@@ -314,7 +315,7 @@ void aclInstallSimFloor(benchmark::State& state) {
   for (auto _ : state) {
     state.PauseTiming();
     auto chip = benchChip();
-    auto helper = Zol::make<RecordingSimHelper>(*chip);
+    auto helper = Zol::make<RecordingSimHelper>(*chip, w.loop);
     VemoHelper::AclHelper& h = *helper;
     state.ResumeTiming();
     for (SubruleArgs const& s : args) {

@@ -18,6 +18,9 @@ namespace Vemo {
 
 // Builds the common data: collections empty, scalars at their defaults, the verification store
 // "verify" and its SM in place, and initialized true before it returns.
+// The common data of an agent whose SMs and helpers run on loop. The one-argument form takes the
+// loop the creating thread runs (and asserts that it runs one).
+Zol::Ptr<VemoCommonSmData> vemoCommonSmDataFactory(Zol::Name const& name, Zol::ActivityLoop& loop);
 Zol::Ptr<VemoCommonSmData> vemoCommonSmDataFactory(Zol::Name const& name);
 
 // Base of every synchronous feature SM. The factory constructs the SM (reactors on its inputs, no
@@ -123,7 +126,7 @@ class VemoAsyncBaseSm : public VemoBaseSm {
 // answered.
 class VerifySm : public Zol::PtrInterface {
  public:
-  explicit VerifySm(Zol::Ptr<VerifyData> const& verifyData);
+  VerifySm(Zol::Ptr<VerifyData> const& verifyData, Zol::ActivityLoop& loop);
 
  private:
   class Reactor : public VerifyData::NotifieeConst {

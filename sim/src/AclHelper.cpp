@@ -148,8 +148,8 @@ std::string place(Vemo::AclData const& data, Zol::U32 aclRule, Zol::U32 subRuleN
 
 }  // namespace
 
-AclHelper::AclHelper(Zol::Name const& name, Chip& chip)
-    : VemoHelper::AclHelper(name), chip_(chip), asyncClock_([this] { publishDue(); }) {
+AclHelper::AclHelper(Zol::Name const& name, Chip& chip, Zol::ActivityLoop& loop)
+    : VemoHelper::AclHelper(name), chip_(chip), asyncClock_(loop, [this] { publishDue(); }) {
   aclEcnSupportedIs(true);
   aclIpLenMatchSupportedIs(true);
   ip6AclSupportedIs(true);
@@ -335,12 +335,12 @@ Zol::String AclHelper::intfLinecardName(Nepo::IntfId const& intf) const {
 
 // Answers leave in call order: one with a shorter delay waits behind those filed before it.
 void AclHelper::later(std::function<void()> publish) {
-  pending_.push_back(Completion{Zol::now() + asyncDelay_, std::move(publish)});
+  pending_.push_back(Completion{asyncClock_.loop().now() + asyncDelay_, std::move(publish)});
   if (!asyncClock_.armed()) asyncClock_.timeMinIs(pending_.front().due);
 }
 
 void AclHelper::publishDue() {
-  Zol::Seconds const now = Zol::now();
+  Zol::Seconds const now = asyncClock_.loop().now();
   while (!pending_.empty() && pending_.front().due <= now) {
     std::function<void()> const publish = std::move(pending_.front().publish);
     pending_.pop_front();

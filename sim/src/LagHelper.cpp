@@ -70,7 +70,7 @@ LagHelper::LagHelper(Zol::Name const& name, Chip& chip,
     : VemoHelper::VemoHelperLagSm(name),
       chip_(chip),
       commonData_(commonData),
-      retryClock_([this] { handleRetry(); }) {}
+      retryClock_(commonData->loop(), [this] { handleRetry(); }) {}
 
 uint64_t LagHelper::calls(std::string_view op) const {
   static_assert(std::size(kOpNames) == kOpCount);
@@ -195,7 +195,7 @@ void LagHelper::settle(Nepo::IntfId const& lag, Op op, Status s) {
     case Status::full:
       ZOL_TRACE(5, name << " " << lag << ": chip answered " << s << ", retrying");
       retry_[lag] = s;
-      if (!retryClock_.armed()) retryClock_.timeMinIs(Zol::now() + retryDelay);
+      if (!retryClock_.armed()) retryClock_.timeMinIs(retryClock_.loop().now() + retryDelay);
       break;
     case Status::failed:
       ZOL_TRACE(0, name << " " << lag << ": chip answered failed, not retried");

@@ -101,7 +101,7 @@ void AclTypeConfigSm::handleIntf(Acl::AclDirection direction) {
 AclConfigSm::AclConfigSm(AclTypeConfigSm* typeSm, Zol::Ptr<Acl::AclConfig const> const& config)
     : typeSm_(typeSm),
       config_(config),
-      clock_([this] { handleTime(); }, typeSm->root()->clock()),
+      clock_(typeSm->root()->clock(), [this] { handleTime(); }),
       reactor_(std::make_unique<Reactor>(this)) {
   rulesIs();
   reactor_->notifierIs(config_);

@@ -7,7 +7,7 @@ ZOL_TRACE_MODULE("AclSm")
 namespace Vemo {
 
 AclCountersPoller::AclCountersPoller(AclSm* root)
-    : root_(root), clock_([this] { handleTime(); }, root->clock()) {}
+    : root_(root), clock_(root->clock(), [this] { handleTime(); }) {}
 
 void AclCountersPoller::handleInitialized() {
   if (!root_->aclHelper()->aclCountersSupported()) {

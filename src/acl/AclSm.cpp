@@ -13,8 +13,8 @@ AclSm::AclSm(Inputs const& inputs)
     : VemoBaseSm(inputs.commonData),
       in_(inputs),
       simulation_(std::getenv("SIMULATION_VMID") != nullptr),
-      timer_([this] { handleTime(); }, *in_.clock),
-      retryTimer_([this] { scheduleApply(); }, *in_.clock),
+      timer_(*in_.clock, [this] { handleTime(); }),
+      retryTimer_(*in_.clock, [this] { scheduleApply(); }),
       poller_(std::make_unique<AclCountersPoller>(this)),
       configReactor_(std::make_unique<ConfigReactor>(this)),
       paramReactor_(std::make_unique<ParamReactor>(this)),
@@ -25,6 +25,8 @@ AclSm::AclSm(Inputs const& inputs)
       sourceDirReactor_(std::make_unique<SourceDirReactor>(this)),
       subIntfStatusDirReactor_(std::make_unique<SubIntfStatusDirReactor>(this)),
       subIntfConfigDirReactor_(std::make_unique<SubIntfConfigDirReactor>(this)) {
+  // One agent, one loop: timers on another would fire on another time.
+  if (in_.clock != &commonData()->loop()) vemoAssert("clock == commonData()->loop()");
   for (auto const& [port, lag] : in_.lagInputConfig->phyIntfAll()) lagMembers_[lag].insert(port);
   for (auto const& [intf, s] : in_.subIntfStatusDir->intfStatusAll()) subIntfWatch(intf);
   for (auto const& [intf, c] : in_.subIntfConfigDir->intfConfigAll()) subIntfWatch(intf);

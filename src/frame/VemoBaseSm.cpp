@@ -49,8 +49,9 @@ VemoAsyncBaseSm::VemoAsyncBaseSm(Zol::Ptr<VemoCommonSmData> const& commonData,
                                  Zol::Ptr<VemoAsyncBaseHelper> const& helper)
     : VemoBaseSm(commonData),
       helper_(helper),
-      pendingOperationTimeoutClock_([this] { handlePendingOperationTimeout(); }),
-      tcamRequestClock_([this] { processTcamRequestQueue(); }) {
+      pendingOperationTimeoutClock_(commonData->loop(),
+                                    [this] { handlePendingOperationTimeout(); }),
+      tcamRequestClock_(commonData->loop(), [this] { processTcamRequestQueue(); }) {
   helperReactor_.notifierIs(helper_);
 }
 
@@ -59,7 +60,7 @@ VemoAsyncBaseSm::~VemoAsyncBaseSm() = default;
 void VemoAsyncBaseSm::asyncOperationStarted() {
   asyncState_ = AsyncOperationState::asyncOperationPending;
   error_.clear();
-  pendingOperationTimeoutClock_.timeMinIs(Zol::now() + pendingOperationTimeout_);
+  pendingOperationTimeoutClock_.timeMinIs(commonData()->loop().now() + pendingOperationTimeout_);
 }
 
 void VemoAsyncBaseSm::handlePendingOperationTimeout() {

@@ -10,17 +10,35 @@ void vemoAssert(Zol::String const& message, std::source_location where) {
   Zol::assertFail(message.c_str(), "src-includes/Vemo/VemoCommon", 15, where.function_name());
 }
 
-Zol::Ptr<VemoCommonSmData> vemoCommonSmDataFactory(Zol::Name const& name) {
-  return Zol::make<VemoCommonSmData>(name);
+Zol::Ptr<VemoCommonSmData> vemoCommonSmDataFactory(Zol::Name const& name, Zol::ActivityLoop& loop) {
+  Zol::Ptr<VemoCommonSmData> const data = Zol::make<VemoCommonSmData>(name);
+  data->loopIs(loop);
+  return data;
 }
 
-void VemoCommonSmData::zolConstructed() { handleInitialized(); }
+Zol::Ptr<VemoCommonSmData> vemoCommonSmDataFactory(Zol::Name const& name) {
+  return vemoCommonSmDataFactory(name, Zol::ActivityLoop::current());
+}
+
+void VemoCommonSmData::zolConstructed() {}
+
+Zol::ActivityLoop& VemoCommonSmData::loop() const {
+  if (!loop_) vemoAssert("the common data's activity loop was never set");
+  return *loop_;
+}
+
+// The verification SM's clock needs the loop, so the common data initializes once it has one.
+void VemoCommonSmData::loopIs(Zol::ActivityLoop& loop) {
+  if (loop_) vemoAssert("the common data's activity loop is set once");
+  loop_ = &loop;
+  handleInitialized();
+}
 
 void VemoCommonSmData::handleInitialized() {
   ZOL_TRACE(9, "void Vemo::VemoCommonSmData::handleInitialized()");
   Zol::Ptr<VerifyData> const verify = verifyDataIs("verify");
   verify->verifyIs("vr", 0);
-  verifySmIs(Zol::make<VerifySm>(verify));
+  verifySmIs(Zol::make<VerifySm>(verify, loop()));
   initializedIs(true);
 }
 
@@ -50,7 +68,8 @@ Zol::U8 VemoCommonSmData::freeMirrorSessionDeq() {
 void VemoBaseHelper::nameIsFromBackup(Zol::Name const& name) { backupName_ = name; }
 
 void VemoAsyncBaseHelper::zolConstructed() {
-  asyncOperationResultIs(AsyncOperationResult("", Zol::now()));
+  // Stamped with the time of the loop the creating thread runs, which is the agent's.
+  asyncOperationResultIs(AsyncOperationResult("", Zol::ActivityLoop::current().now()));
 }
 
 Zol::U32 VemoAsyncBaseHelper::nextPriority() {

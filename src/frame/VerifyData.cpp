@@ -40,8 +40,8 @@ size_t VerifyData::mismatchesOf(Zol::String const& request) const {
   return n;
 }
 
-VerifySm::VerifySm(Zol::Ptr<VerifyData> const& verifyData)
-    : verifyData_(verifyData), completedClock_([this] { handleCompleted(); }) {
+VerifySm::VerifySm(Zol::Ptr<VerifyData> const& verifyData, Zol::ActivityLoop& loop)
+    : verifyData_(verifyData), completedClock_(loop, [this] { handleCompleted(); }) {
   reactor_.notifierIs(verifyData_);
 }
 
@@ -56,7 +56,7 @@ void VerifySm::handleRequest(Zol::String const& request, bool retry) {
   verifyData_->currentRequestIs(request);
   serving_.emplace_back(request, retry);
   // The SMs answer in this notification pass; the timer runs right after it.
-  completedClock_.timeMinIs(Zol::now());
+  completedClock_.timeMinIs(completedClock_.loop().now());
 }
 
 void VerifySm::handleCompleted() {

@@ -117,7 +117,7 @@ struct World {
 
   Zol::ActivityLoop loop{Zol::ActivityLoop::TimeMode::simulated};
   sim::Chip chip;
-  Zol::Ptr<sim::AclHelper> helper = Zol::make<sim::AclHelper>("acl", chip);
+  Zol::Ptr<sim::AclHelper> helper = Zol::make<sim::AclHelper>("acl", chip, loop);
   Zol::Ptr<Vemo::VemoCommonSmData> cd = Vemo::vemoCommonSmDataFactory("common");
   Zol::Ptr<Acl::Config> config = Zol::make<Acl::Config>("config");
   Zol::Ptr<Acl::ParamConfig> param = Zol::make<Acl::ParamConfig>("param");

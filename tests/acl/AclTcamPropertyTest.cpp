@@ -379,7 +379,7 @@ TEST(AclTcamProperty, ClassifierAgreesWithFirstMatchOfTheConfiguredRules) {
       sim::Chip chip(sim::Chip::Config{2, 4});
       chip.capacityIs(sim::Table::acl, 1u << 20);
       chip.capacityIs(sim::Table::rangeChecker, checkers);
-      auto helper = Zol::make<sim::AclHelper>("acl", chip);
+      auto helper = Zol::make<sim::AclHelper>("acl", chip, loop);
       helper->establishedSupportedIs(established);
       helper->installImplicitIcmp6RulesIs(icmp6Nd);
       install(*helper, chip, lists, dir, ports);
@@ -414,7 +414,7 @@ TEST(AclTcamProperty, TcpFlagsMasksAndEstablishedOverEveryFlagCombination) {
   p.protocol = tcp;
   for (bool native : {false, true}) {
     sim::Chip chip(sim::Chip::Config{1, 4});
-    auto helper = Zol::make<sim::AclHelper>("acl", chip);
+    auto helper = Zol::make<sim::AclHelper>("acl", chip, loop);
     helper->establishedSupportedIs(native);
     auto data = Zol::make<AclData>("data", AclKey("acl", AclType::ip, Acl::AclDirection::in, false,
                                                   AclVlanIdOrNone(), "default"));

@@ -36,7 +36,7 @@ TEST(VemoBaseSm, InitializedRunsTheFirstPassOncePerChange) {
 class GatedSm : public Vemo::VemoBaseSm {
  public:
   explicit GatedSm(Zol::Ptr<Vemo::VemoCommonSmData> const& cd)
-      : VemoBaseSm(cd), clock([this] { ++fired; }) {
+      : VemoBaseSm(cd), clock(cd->loop(), [this] { ++fired; }) {
     common.notifierIs(cd);
   }
   void handleInitialized() override { ++passes; }
@@ -78,7 +78,7 @@ TEST(VemoBaseSm, SwitchedOffSmGetsNothingAndResyncsWhenBackOn) {
                                      : Vemo::HwOperationalMode::modeTapAgg);
     cd->verifyData()->requestVerify("r");
     cd->intfIs(Nepo::IntfId::fromString("Ethernet" + std::to_string(mode)), true);
-    sm->clock.timeMinIs(Zol::now() + 1);
+    sm->clock.timeMinIs(loop.now() + 1);
     loop.advanceBy(5);
   };
   change();
@@ -109,9 +109,9 @@ TEST(VemoBaseSm, SwitchedOffSmGetsNothingAndResyncsWhenBackOn) {
   }
   // A timer armed again while held waits for its new deadline only.
   sm->hasNotificationActiveIs(false);
-  sm->clock.timeMinIs(Zol::now() + 1);
+  sm->clock.timeMinIs(loop.now() + 1);
   loop.advanceBy(2);
-  sm->clock.timeMinIs(Zol::now() + 10);
+  sm->clock.timeMinIs(loop.now() + 10);
   sm->hasNotificationActiveIs(true);
   int const fired = sm->fired;
   loop.advanceBy(5);
@@ -138,7 +138,7 @@ class ProgrammingSm : public Vemo::VemoAsyncBaseSm {
  public:
   using VemoAsyncBaseSm::VemoAsyncBaseSm;
   void handlePendingOperationTimeout() override {
-    timeouts.push_back(Zol::now());
+    timeouts.push_back(commonData()->loop().now());
     VemoAsyncBaseSm::handlePendingOperationTimeout();
   }
   void handleAsyncOperationResult() override { results.push_back(error()); }

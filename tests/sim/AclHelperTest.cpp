@@ -75,7 +75,7 @@ struct Bench {
 
   Zol::ActivityLoop loop{Zol::ActivityLoop::TimeMode::simulated};
   sim::Chip chip{sim::Chip::Config{2, 2}};
-  Zol::Ptr<sim::AclHelper> helper = Zol::make<sim::AclHelper>("aclHelper", chip);
+  Zol::Ptr<sim::AclHelper> helper = Zol::make<sim::AclHelper>("aclHelper", chip, loop);
   Zol::Ptr<Vemo::AclData> data;
 };
 

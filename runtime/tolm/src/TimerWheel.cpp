@@ -9,12 +9,12 @@ namespace Tolm {
 
 using Zol::Seconds;
 
-TimerWheel::TimerWheel(Seconds granularity, Zol::ActivityLoop& loop)
+TimerWheel::TimerWheel(Zol::ActivityLoop& loop, Seconds granularity)
     : loop_(loop),
       granularity_(granularity),
       origin_(loop.now()),
       current_(0),
-      clock_([this] { onClock(); }, loop) {
+      clock_(loop, [this] { onClock(); }) {
   ZOL_ASSERT(granularity > 0 && std::isfinite(granularity));
 }
 

@@ -24,7 +24,8 @@ class AclHelper : public VemoHelper::AclHelper {
  public:
   static constexpr size_t logLimit = 1024;
 
-  AclHelper(Zol::Name const& name, Chip& chip);
+  // Asynchronous answers come on loop, after asyncDelay of its time.
+  AclHelper(Zol::Name const& name, Chip& chip, Zol::ActivityLoop& loop);
   std::string_view fwkType() const override { return "sim::AclHelper"; }
 
   void hwInit() override;

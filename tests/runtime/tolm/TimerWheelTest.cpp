@@ -24,7 +24,7 @@ TimerWheel::Handler rec(Fired& log, std::string name) {
 
 TEST(TimerWheel, DeadlinesOrderRearmAndDisarm) {
   ActivityLoop loop(ActivityLoop::TimeMode::simulated);
-  TimerWheel wheel;
+  TimerWheel wheel(loop);
   Fired log;
   Timer a(wheel, rec(log, "a")), b(wheel, rec(log, "b")), c(wheel, rec(log, "c"));
   auto d = std::make_unique<Timer>(wheel, rec(log, "d"));
@@ -44,7 +44,7 @@ TEST(TimerWheel, DeadlinesOrderRearmAndDisarm) {
   EXPECT_EQ(loop.armedTimers(), 0u);
 
   // Disarming the last timer releases the loop's clock; timers may outlive the wheel.
-  auto other = std::make_unique<TimerWheel>(0.25);
+  auto other = std::make_unique<TimerWheel>(loop, 0.25);
   Timer x(*other), y(*other);
   x.timeMinIs(11);
   y.timeMinIs(5000);
@@ -60,7 +60,7 @@ TEST(TimerWheel, DeadlinesOrderRearmAndDisarm) {
 
 TEST(TimerWheel, HandlersArmDisarmCreateAndDestroy) {
   ActivityLoop loop(ActivityLoop::TimeMode::simulated, 5);
-  TimerWheel wheel;
+  TimerWheel wheel(loop);
   // Armed for now (or earlier) from a handler: the next pass, never a spin.
   int selfCount = 0, otherCount = 0;
   Timer other(wheel, [&] { ++otherCount; });
@@ -101,7 +101,7 @@ TEST(TimerWheel, HandlersArmDisarmCreateAndDestroy) {
 
 TEST(TimerWheel, FarDeadlinesAndOtherClocks) {
   ActivityLoop loop(ActivityLoop::TimeMode::simulated, 1000);
-  TimerWheel wheel(0.01);
+  TimerWheel wheel(loop, 0.01);
   Fired log;
   // From inside one slot to far beyond one revolution of every level but the last.
   std::vector<Seconds> const offsets = {0.001, 0.64,  0.65, 40.95, 40.96, 41,   2621.44,
@@ -123,9 +123,9 @@ TEST(TimerWheel, FarDeadlinesAndOtherClocks) {
   // Late timers (armed in the past) keep deadline order with the loop's plain clocks and with a
   // second wheel.
   log.clear();
-  TimerWheel coarse(1.0);
+  TimerWheel coarse(loop, 1.0);
   Timer w1(wheel, rec(log, "w1")), w4(wheel, rec(log, "w4")), x3(coarse, rec(log, "x3"));
-  Zol::Clock c2(rec(log, "c2"));
+  Zol::Clock c2(loop, rec(log, "c2"));
   x3.timeMinIs(3);
   w4.timeMinIs(4);
   w1.timeMinIs(1);
@@ -138,7 +138,7 @@ TEST(TimerWheel, FarDeadlinesAndOtherClocks) {
 // a reference that fires by (deadline, arming order).
 TEST(TimerWheel, MatchesReferenceUnderRandomOperations) {
   ActivityLoop loop(ActivityLoop::TimeMode::simulated, 100);
-  TimerWheel wheel(0.01);
+  TimerWheel wheel(loop, 0.01);
   std::mt19937_64 rng(20240611);
   constexpr int count = 2000;
   uint64_t seq = 0;

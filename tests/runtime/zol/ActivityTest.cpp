@@ -19,8 +19,8 @@ namespace {
 
 // A clock that logs its name and the time it fired at.
 std::unique_ptr<Clock> clockLogging(ActivityLoop& loop, Fired& fired, std::string name) {
-  return std::make_unique<Clock>([&loop, &fired, name] { fired.emplace_back(name, loop.now()); },
-                                 loop);
+  return std::make_unique<Clock>(loop,
+                                 [&loop, &fired, name] { fired.emplace_back(name, loop.now()); });
 }
 
 }  // namespace
@@ -78,7 +78,7 @@ TEST(Clock, FiresInDeadlineThenArmingOrderNeverEarly) {
 TEST(Clock, ReArmedForNowFromItsOwnHandlerFiresInTheNextPass) {
   ActivityLoop loop(ActivityLoop::TimeMode::simulated, 5);
   int count = 0;
-  Clock self;
+  Clock self(loop);
   self.handlerIs([&] {
     EXPECT_FALSE(self.armed());
     if (++count < 3) self.timeMinIs(loop.now());
@@ -98,7 +98,7 @@ class NextMismatchTimes : public Vemo::VerifyData::NotifieeConst {
  public:
   explicit NextMismatchTimes(Zol::Ptr<Vemo::VerifyData const> const& n) { notifierIs(n); }
   void onNextMismatch() override {
-    times.push_back(Zol::now());
+    times.push_back(Zol::ActivityLoop::current().now());
     if (auto f = then) f();
   }
   std::vector<Zol::Seconds> times;

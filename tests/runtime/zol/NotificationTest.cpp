@@ -138,7 +138,7 @@ TEST_F(NotificationTest, HandlerWritesGoToALaterPassAndDueTimersRunBetween) {
     }
     inHandler = false;
   };
-  Zol::Clock timer([&] { log.push_back("timer"); });
+  Zol::Clock timer(loop, [&] { log.push_back("timer"); });
   timer.timeMinIs(0);
   e->nextMismatchIs(1);
   EXPECT_TRUE(loop.runOnePass());

@@ -49,8 +49,7 @@ class TimerWheel {
   // The granularity trades wakeups (one per occupied slot) against the timers sorted exactly at
   // once; keep it well above the resolution of the times in use. The wheel must be destroyed
   // outside its timers' handlers; timers may outlive it only to be destroyed.
-  explicit TimerWheel(Zol::Seconds granularity = defaultGranularity,
-                      Zol::ActivityLoop& loop = Zol::ActivityLoop::current());
+  explicit TimerWheel(Zol::ActivityLoop& loop, Zol::Seconds granularity = defaultGranularity);
   ~TimerWheel();
   TimerWheel(TimerWheel const&) = delete;
   TimerWheel& operator=(TimerWheel const&) = delete;

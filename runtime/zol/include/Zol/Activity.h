@@ -217,8 +217,6 @@ class ActivityLoop {
   ActivityLoop* previous_;
 };
 
-inline Seconds now() { return ActivityLoop::current().now(); }
-
 // A one-shot timer. Arming it (timeMinIs) replaces any earlier deadline; equal deadlines fire in
 // arming order, and one armed for now while timers run fires in the next pass, never in a spin.
 class Clock {
@@ -226,7 +224,8 @@ class Clock {
   static constexpr Seconds never = std::numeric_limits<Seconds>::infinity();
   using Handler = std::function<void()>;
 
-  explicit Clock(Handler handler = {}, ActivityLoop& loop = ActivityLoop::current())
+  // The loop is named, never picked up: a clock on the wrong loop would run on the wrong time.
+  explicit Clock(ActivityLoop& loop, Handler handler = {})
       : loop_(loop), handler_(std::move(handler)), gate_(DeliveryGate::current()) {}
   ~Clock() { timeMinIs(never); }
   Clock(Clock const&) = delete;
