@@ -472,6 +472,15 @@ class AclSm : public VemoBaseSm {
   void forEachInstance(F&& f) const;
 
  private:
+  // The apply phases: each returns the phase that follows at once, or nothing while it waits
+  // for an asynchronous platform's answers.
+  std::optional<AclApplyPhase> uninstallPhase();
+  std::optional<AclApplyPhase> preparePhase();
+  std::optional<AclApplyPhase> commitPhase();
+  std::optional<AclApplyPhase> unblockPhase();
+  void donePhase();
+  bool waitingForHelper() const;
+
   class ConfigReactor;
   class ParamReactor;
   class CommonReactor;

@@ -40,76 +40,103 @@ void AclSm::doApplyAclsPhase(AclApplyPhase phase) {
                    << " phase=" << Zol::enumName(phase));
   dataOpsRequested_ = 0;
   dataOpsCompleted_ = 0;
-  bool const async = in_.aclHelper->asyncAclConfig();
+  std::optional<AclApplyPhase> next;
   switch (phase) {
-    case AclApplyPhase::aclApplyPhaseUninstall: {
-      if (!hasWork(*this)) return doApplyAclsPhase(AclApplyPhase::aclApplyPhaseUnblock);
-      // Blocks first: a port moving between instances is blocked before the one it leaves lets
-      // go of it.
-      forEachInstance([](AclConfigSm const&, AclDataSm& inst) { inst.doBlockTakeovers(); });
-      std::vector<std::pair<AclConfigSm*, AclKey>> gone;
-      for (auto const& [type, typeSm] : types_) {
-        for (auto const& [name, acl] : typeSm->configSms()) {
-          for (auto const& [key, inst] : acl->dataSms()) {
-            ZOL_TRACE(8, "AclSm::doAclUninstallPhase " << key.text()
-                                                       << " vlanId=" << key.vlanId().value());
-            inst->doUninstall();
-            if (inst->deleting()) gone.emplace_back(acl.get(), key);
-          }
-        }
-      }
-      for (auto const& [acl, key] : gone) acl->dataSmDel(key);
-      for (auto const& [type, typeSm] : types_) typeSm->eraseRemovedAcls();
-      if (async && dataOpsRequested_ != 0) return;
-      return doApplyAclsPhase(AclApplyPhase::aclApplyPhasePrepare);
-    }
+    case AclApplyPhase::aclApplyPhaseUninstall:
+      next = uninstallPhase();
+      break;
     case AclApplyPhase::aclApplyPhasePrepare:
-      forEachInstance([](AclConfigSm const&, AclDataSm& inst) {
-        if (inst.data()->dirty()) inst.doPrepare();
-      });
-      if (async && dataOpsRequested_ != 0) return;
-      return doApplyAclsPhase(AclApplyPhase::aclApplyPhaseCommit);
-    case AclApplyPhase::aclApplyPhaseCommit: {
-      bool prepared = false;
-      forEachInstance([&](AclConfigSm const&, AclDataSm& inst) {
-        if (inst.data()->aclDataState() != AclDataState::adFinalRuleStatusDone) return;
-        prepared = true;
-        if (!in_.aclHelper->aclBatchCommitSupported()) inst.doCommit();
-      });
-      if (prepared && in_.aclHelper->aclBatchCommitSupported()) {
-        AclCreateError const e = in_.aclHelper->batchCommitAcls();
-        if (e != AclCreateError::aclCreateErrorNone) {
-          ZOL_TRACE(1, "ACL programming failure on batch commit: " << Zol::enumName(e));
-          forEachInstance([&](AclConfigSm const&, AclDataSm& inst) {
-            if (inst.data()->aclDataState() == AclDataState::adFinalRuleStatusDone) {
-              inst.statusSm().handleCallbackData(e);
-            }
-          });
-        }
-      }
-      forEachInstance([](AclConfigSm const&, AclDataSm& inst) { inst.doUpdatePorts(); });
-      return doApplyAclsPhase(AclApplyPhase::aclApplyPhaseUnblock);
-    }
+      next = preparePhase();
+      break;
+    case AclApplyPhase::aclApplyPhaseCommit:
+      next = commitPhase();
+      break;
     case AclApplyPhase::aclApplyPhaseUnblock:
-      if (!unblockAcls()) return doApplyAclsPhase(AclApplyPhase::aclApplyPhaseDone);
-      ZOL_TRACE(5, "Unblocking pendings interfaces");
-      for (auto const& [intf, sm] : intfSms_) {
-        if (sm->needsUnblock()) sm->doUnblock();
+      next = unblockPhase();
+      break;
+    case AclApplyPhase::aclApplyPhaseDone:
+      donePhase();
+      break;
+  }
+  if (next) doApplyAclsPhase(*next);
+}
+
+bool AclSm::waitingForHelper() const {
+  return in_.aclHelper->asyncAclConfig() && dataOpsRequested_ != 0;
+}
+
+std::optional<AclApplyPhase> AclSm::uninstallPhase() {
+  if (!hasWork(*this)) return AclApplyPhase::aclApplyPhaseUnblock;
+  // Blocks first: a port moving between instances is blocked before the one it leaves lets go
+  // of it.
+  forEachInstance([](AclConfigSm const&, AclDataSm& inst) { inst.doBlockTakeovers(); });
+  std::vector<std::pair<AclConfigSm*, AclKey>> gone;
+  for (auto const& [type, typeSm] : types_) {
+    for (auto const& [name, acl] : typeSm->configSms()) {
+      for (auto const& [key, inst] : acl->dataSms()) {
+        ZOL_TRACE(
+            8, "AclSm::doAclUninstallPhase " << key.text() << " vlanId=" << key.vlanId().value());
+        inst->doUninstall();
+        if (inst->deleting()) gone.emplace_back(acl.get(), key);
       }
-      if (async && dataOpsRequested_ != 0) return;
-      return doApplyAclsPhase(AclApplyPhase::aclApplyPhaseDone);
-    case AclApplyPhase::aclApplyPhaseDone: {
-      if (unblockAcls()) vemoAssert("!unblockAcls()");
-      forEachInstance([](AclConfigSm const&, AclDataSm& inst) { inst.statusSm().doSettle(); });
-      syslogResourceNormal();
-      in_.aclHelper->cliWaitingIs(false);
-      // Changes that came while the platform worked get their own cycle.
-      if (in_.aclHelper->dirty()) {
-        in_.aclHelper->needsDeferredUpdateIs(true);
-        if (!timer_.armed()) timer_.timeMinIs(clock().now());
-      }
-      return;
     }
+  }
+  for (auto const& [acl, key] : gone) acl->dataSmDel(key);
+  for (auto const& [type, typeSm] : types_) typeSm->eraseRemovedAcls();
+  if (waitingForHelper()) return std::nullopt;
+  return AclApplyPhase::aclApplyPhasePrepare;
+}
+
+std::optional<AclApplyPhase> AclSm::preparePhase() {
+  forEachInstance([](AclConfigSm const&, AclDataSm& inst) {
+    if (inst.data()->dirty()) inst.doPrepare();
+  });
+  if (waitingForHelper()) return std::nullopt;
+  return AclApplyPhase::aclApplyPhaseCommit;
+}
+
+std::optional<AclApplyPhase> AclSm::commitPhase() {
+  bool const batch = in_.aclHelper->aclBatchCommitSupported();
+  bool prepared = false;
+  forEachInstance([&](AclConfigSm const&, AclDataSm& inst) {
+    if (inst.data()->aclDataState() != AclDataState::adFinalRuleStatusDone) return;
+    prepared = true;
+    if (!batch) inst.doCommit();
+  });
+  if (prepared && batch) {
+    AclCreateError const e = in_.aclHelper->batchCommitAcls();
+    if (e != AclCreateError::aclCreateErrorNone) {
+      ZOL_TRACE(1, "ACL programming failure on batch commit: " << Zol::enumName(e));
+      forEachInstance([&](AclConfigSm const&, AclDataSm& inst) {
+        if (inst.data()->aclDataState() == AclDataState::adFinalRuleStatusDone) {
+          inst.statusSm().handleCallbackData(e);
+        }
+      });
+    }
+  }
+  forEachInstance([](AclConfigSm const&, AclDataSm& inst) { inst.doUpdatePorts(); });
+  return AclApplyPhase::aclApplyPhaseUnblock;
+}
+
+std::optional<AclApplyPhase> AclSm::unblockPhase() {
+  if (!unblockAcls()) return AclApplyPhase::aclApplyPhaseDone;
+  ZOL_TRACE(5, "Unblocking pendings interfaces");
+  for (auto const& [intf, sm] : intfSms_) {
+    if (sm->needsUnblock()) sm->doUnblock();
+  }
+  if (waitingForHelper()) return std::nullopt;
+  return AclApplyPhase::aclApplyPhaseDone;
+}
+
+void AclSm::donePhase() {
+  if (unblockAcls()) vemoAssert("!unblockAcls()");
+  forEachInstance([](AclConfigSm const&, AclDataSm& inst) { inst.statusSm().doSettle(); });
+  syslogResourceNormal();
+  in_.aclHelper->cliWaitingIs(false);
+  // Changes that came while the platform worked get their own cycle.
+  if (in_.aclHelper->dirty()) {
+    in_.aclHelper->needsDeferredUpdateIs(true);
+    if (!timer_.armed()) timer_.timeMinIs(clock().now());
   }
 }
 
