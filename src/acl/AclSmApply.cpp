@@ -6,19 +6,6 @@ ZOL_TRACE_MODULE("AclSm")
 
 namespace Vemo {
 
-namespace {
-
-bool hasWork(AclSm const& sm) {
-  bool work = false;
-  sm.forEachInstance([&](AclConfigSm const&, AclDataSm const& inst) {
-    AclData const& d = *inst.data();
-    work = work || inst.deleting() || d.dirty() || d.needsPortUpdate();
-  });
-  return work;
-}
-
-}  // namespace
-
 void AclSm::doApplyAcls(bool forceRecreateAll) {
   ZOL_TRACE(5, "AclSm::doApplyAcls( forceRecreateAll=" << forceRecreateAll << " )");
   ZOL_TRACE(5, "Applying ACLs");
@@ -66,7 +53,12 @@ bool AclSm::waitingForHelper() const {
 }
 
 std::optional<AclApplyPhase> AclSm::uninstallPhase() {
-  if (!hasWork(*this)) return AclApplyPhase::aclApplyPhaseUnblock;
+  bool work = false;
+  forEachInstance([&](AclConfigSm const&, AclDataSm const& inst) {
+    AclData const& d = *inst.data();
+    work = work || inst.deleting() || d.dirty() || d.needsPortUpdate();
+  });
+  if (!work) return AclApplyPhase::aclApplyPhaseUnblock;
   // Blocks first: a port moving between instances is blocked before the one it leaves lets go
   // of it.
   forEachInstance([](AclConfigSm const&, AclDataSm& inst) { inst.doBlockTakeovers(); });

@@ -2,7 +2,7 @@
 // the handler of the same name.
 #pragma once
 
-#include "Vemo/AclSm.h"
+#include "AclSubSms.h"
 #include "Vemo/SmReactor.h"
 
 namespace Vemo {

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "Sim/AclHelper.h"
-#include "Vemo/AclSm.h"
+#include "AclSubSms.h"
 #include "Zol/Syslog.h"
 
 namespace {
