@@ -118,6 +118,7 @@ Zol::Ptr<Vemo::AclData> instance() {
 }
 
 void aclCreateRules(benchmark::State& state) {
+  Zol::ActivityLoop loop{Zol::ActivityLoop::TimeMode::simulated};
   auto helper = Zol::make<NullAclHelper>();
   size_t subrules = 0;
   for (auto _ : state) {
@@ -134,6 +135,7 @@ void aclCreateRules(benchmark::State& state) {
 
 // The floor: the same subrule calls, arguments already at hand.
 void aclCreateRulesFloor(benchmark::State& state) {
+  Zol::ActivityLoop loop{Zol::ActivityLoop::TimeMode::simulated};
   auto helper = Zol::make<NullAclHelper>();
   auto data = instance();
   helper->record = true;
