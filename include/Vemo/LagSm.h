@@ -24,10 +24,15 @@ class LagSm : public VemoBaseSm {
  public:
   class ZolStatus;
 
-  LagSm(Zol::Ptr<VemoCommonSmData> const& commonData,
-        Zol::Ptr<Interface::EthLagIntfStatusDir const> const& ethLagIntfStatusDir,
-        Zol::Ptr<Lag::Input::IntfDeviceNameDir> const& lagInputIntfDeviceNameDir,
-        Zol::Ptr<VemoHelper::VemoHelperLagSm> const& helper);
+  // What the SM reads and writes, by name; the exported factory fills one.
+  struct Inputs {
+    Zol::Ptr<VemoCommonSmData> commonData;
+    Zol::Ptr<Interface::EthLagIntfStatusDir const> ethLagIntfStatusDir;
+    Zol::Ptr<Lag::Input::IntfDeviceNameDir> lagInputIntfDeviceNameDir;
+    Zol::Ptr<VemoHelper::VemoHelperLagSm> helper;
+  };
+
+  explicit LagSm(Inputs const& inputs);
   ~LagSm() override;
   std::string_view fwkType() const override { return "Vemo::LagSm"; }
 
@@ -38,12 +43,12 @@ class LagSm : public VemoBaseSm {
   void handleInitialized() override;
 
   Zol::Ptr<Interface::EthLagIntfStatusDir const> const& ethLagIntfStatusDir() const {
-    return ethLagIntfStatusDir_;
+    return in_.ethLagIntfStatusDir;
   }
   Zol::Ptr<Lag::Input::IntfDeviceNameDir> const& lagInputIntfDeviceNameDir() const {
-    return lagInputIntfDeviceNameDir_;
+    return in_.lagInputIntfDeviceNameDir;
   }
-  Zol::Ptr<VemoHelper::VemoHelperLagSm> const& helper() const { return helper_; }
+  Zol::Ptr<VemoHelper::VemoHelperLagSm> const& helper() const { return in_.helper; }
   Zol::Ptr<VerifyData> const& verifyData() const { return commonData()->verifyData(); }
 
   // The platform's mounter of the MLAG status; set before start. Without one, MLAG status comes
@@ -120,9 +125,7 @@ class LagSm : public VemoBaseSm {
   VemoLagPortList const& lagToPortOrEmpty(Nepo::IntfId const& lag) const;
   void verifyMaps();
 
-  Zol::Ptr<Interface::EthLagIntfStatusDir const> ethLagIntfStatusDir_;
-  Zol::Ptr<Lag::Input::IntfDeviceNameDir> lagInputIntfDeviceNameDir_;
-  Zol::Ptr<VemoHelper::VemoHelperLagSm> helper_;
+  Inputs const in_;
   Zol::Ptr<LagMounter> lagMounter_;
   Zol::Ptr<Mlag::Status const> mlagStatus_;
   // Key order, so that passes over every port-channel trace and program deterministically.

@@ -5,22 +5,17 @@ ZOL_TRACE_MODULE("LagSm")
 
 namespace Vemo {
 
-LagSm::LagSm(Zol::Ptr<VemoCommonSmData> const& commonData,
-             Zol::Ptr<Interface::EthLagIntfStatusDir const> const& ethLagIntfStatusDir,
-             Zol::Ptr<Lag::Input::IntfDeviceNameDir> const& lagInputIntfDeviceNameDir,
-             Zol::Ptr<VemoHelper::VemoHelperLagSm> const& helper)
-    : VemoBaseSm(commonData),
-      ethLagIntfStatusDir_(ethLagIntfStatusDir),
-      lagInputIntfDeviceNameDir_(lagInputIntfDeviceNameDir),
-      helper_(helper),
+LagSm::LagSm(Inputs const& inputs)
+    : VemoBaseSm(inputs.commonData),
+      in_(inputs),
       dirReactor_(std::make_unique<DirReactor>(this)),
       commonReactor_(std::make_unique<CommonReactor>(this)),
       verifyReactor_(std::make_unique<VerifyReactor>(this)),
       mlagReactor_(std::make_unique<MlagReactor>(this)),
       mounterReactor_(std::make_unique<MounterReactor>(this)) {
-  for (auto const& [lag, status] : ethLagIntfStatusDir_->intfStatusAll()) newStatus(lag);
-  dirReactor_->notifierIs(ethLagIntfStatusDir_);
-  commonReactor_->notifierIs(commonData);
+  for (auto const& [lag, status] : in_.ethLagIntfStatusDir->intfStatusAll()) newStatus(lag);
+  dirReactor_->notifierIs(in_.ethLagIntfStatusDir);
+  commonReactor_->notifierIs(in_.commonData);
   verifyReactor_->notifierIs(verifyData());
 }
 
@@ -43,7 +38,8 @@ Zol::Ptr<LagSm> lagSmFactory(
     Zol::Ptr<Interface::EthLagIntfStatusDir const> const& ethLagIntfStatusDir,
     Zol::Ptr<Lag::Input::IntfDeviceNameDir> const& lagInputIntfDeviceNameDir,
     Zol::Ptr<VemoHelper::VemoHelperLagSm> const& helper) {
-  return Zol::make<LagSm>(commonData, ethLagIntfStatusDir, lagInputIntfDeviceNameDir, helper);
+  return Zol::make<LagSm>(
+      LagSm::Inputs{commonData, ethLagIntfStatusDir, lagInputIntfDeviceNameDir, helper});
 }
 
 void LagSm::handleInitialized() {
@@ -55,11 +51,11 @@ void LagSm::handleInitialized() {
   }
   started_ = true;
   // The helper is readied here, before the first port-channel is created.
-  helper_->hwInit();
+  in_.helper->hwInit();
   handleOperationalMode();
   if (!mlagStatus_ && lagMounter_) lagMounter_->doMount("Mlag::Status");
   for (auto& [lag, status] : status_) status->handleInitialized();
-  lagInputIntfDeviceNameDir_->containsLocalDevicesIs(true);
+  in_.lagInputIntfDeviceNameDir->containsLocalDevicesIs(true);
   answerPendingVerify();
 }
 
@@ -75,7 +71,7 @@ void LagSm::resync() {
   for (Nepo::IntfId const& lag : gone) statusDel(lag);
   // Key order: where two statuses list one port, the same one wins on every run.
   absl::btree_set<Nepo::IntfId> lags;
-  for (auto const& [lag, entity] : ethLagIntfStatusDir_->intfStatusAll()) lags.insert(lag);
+  for (auto const& [lag, entity] : in_.ethLagIntfStatusDir->intfStatusAll()) lags.insert(lag);
   for (Nepo::IntfId const& lag : lags) {
     ZolStatus* const reactor = status(lag);
     if (reactor && reactor->initialized()) {
@@ -117,7 +113,8 @@ VemoLagPortList const& LagSm::lagToPortOrEmpty(Nepo::IntfId const& lag) const {
 
 void LagSm::newStatus(Nepo::IntfId const& lag) {
   if (stopped()) return;
-  Zol::Ptr<Interface::EthLagIntfStatus const> const entity = ethLagIntfStatusDir_->intfStatus(lag);
+  Zol::Ptr<Interface::EthLagIntfStatus const> const entity =
+      in_.ethLagIntfStatusDir->intfStatus(lag);
   ZolStatus* existing = status(lag);
   if (existing && existing->notifier() != entity) {
     // Deleted and created again between two passes: the old status is gone.
@@ -159,14 +156,14 @@ void LagSm::forgetContested(Nepo::IntfId const& lag) {
 }
 
 bool LagSm::isIntfManaged(Nepo::IntfId const& intf) const {
-  if (helper_->intfManagedCheckOverride()) return helper_->isIntfManaged(intf);
+  if (in_.helper->intfManagedCheckOverride()) return in_.helper->isIntfManaged(intf);
   return commonData()->intfHas(intf);
 }
 
 void LagSm::handleIntfManaged(Nepo::IntfId const& intf) {
   // The common data's interfaces decide membership only without the helper's override; an
   // interface that comes or goes resyncs the port-channels that list it.
-  if (!initialized() || helper_->intfManagedCheckOverride()) return;
+  if (!initialized() || in_.helper->intfManagedCheckOverride()) return;
   for (auto& [lag, status] : status_) {
     if (status->notifier()->memberHas(intf) || lagToPortOrEmpty(lag).portHas(intf)) {
       status->handleIntf();
@@ -203,10 +200,10 @@ void LagSm::scrubOrphan(Nepo::IntfId const& lag, Nepo::IntfId const& port) {
     sharePeerLinkWithLag_.erase(lag);
     cd.lagToPortDel(lag);
     localMemberDel(lag);
-    helper_->maybeDestroyLag(lag);
+    in_.helper->maybeDestroyLag(lag);
   } else {
     localMemberIs(lag, list);
-    helper_->updateLag(lag, list);
+    in_.helper->updateLag(lag, list);
     cd.lagToPortIs(lag, list);
   }
   if (cd.portToLag(port) == lag) cd.portToLagDel(port);
@@ -253,7 +250,7 @@ void LagSm::handleOperationalMode() {
   ZOL_TRACE(5, "void Vemo::LagSm::handleOperationalMode()");
   if (!initialized()) return;
   // Tap aggregation forwards LACP frames as data.
-  helper_->lacpEnabledIs(commonData()->operationalMode() != HwOperationalMode::modeTapAgg);
+  in_.helper->lacpEnabledIs(commonData()->operationalMode() != HwOperationalMode::modeTapAgg);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -265,14 +262,14 @@ LagSm::ZolStatus::ZolStatus(LagSm* sm, Zol::Ptr<Interface::EthLagIntfStatus cons
 }
 
 bool LagSm::ZolStatus::statusExists() const {
-  return sm_->ethLagIntfStatusDir_->intfStatus(intf_) == notifier();
+  return sm_->in_.ethLagIntfStatusDir->intfStatus(intf_) == notifier();
 }
 
 bool LagSm::ZolStatus::active() const { return initialized_ && sm_->initialized(); }
 
 void LagSm::ZolStatus::writeDeviceName() {
   Zol::String const& name = notifier()->deviceName();
-  Lag::Input::IntfDeviceNameDir& names = *sm_->lagInputIntfDeviceNameDir_;
+  Lag::Input::IntfDeviceNameDir& names = *sm_->in_.lagInputIntfDeviceNameDir;
   if (!name.empty()) {
     names.deviceNameIs(intf_, name);
   } else if (names.deviceNameHas(intf_)) {
@@ -291,7 +288,7 @@ void LagSm::ZolStatus::handleInitialized() {
   if (initialized_) sm_->vemoAssert("!initialized()");
   initialized_ = true;
   if (Zol::String const& name = notifier()->deviceName(); !name.empty()) {
-    sm_->lagInputIntfDeviceNameDir_->deviceNameIs(intf_, name);
+    sm_->in_.lagInputIntfDeviceNameDir->deviceNameIs(intf_, name);
     ZOL_TRACE(6, "Added deviceName " << name << " input for " << intf_);
   }
   handleIntf();
@@ -352,8 +349,8 @@ void LagSm::ZolStatus::doUpdatePortList(VemoLagPortList const& newList) {
   for (auto const& [port, state] : newList.portAll()) sm_->doScrubMember(intf_, port);
   sm_->maybeSharePeerLinkWithLag(intf_, newList);
   sm_->localMemberIs(intf_, newList);
-  sm_->helper_->maybeCreateLag(intf_);
-  sm_->helper_->updateLag(intf_, newList);
+  sm_->helper()->maybeCreateLag(intf_);
+  sm_->helper()->updateLag(intf_, newList);
   // Readers see the new list before any per-port entry changes, so no port is ever in two.
   cd.lagToPortIs(intf_, newList);
   if (statusExists()) writeDeviceName();
@@ -388,7 +385,7 @@ void LagSm::ZolStatus::doCleanupLag() {
   sm_->sharePeerLinkWithLag_.erase(intf_);
   cd.lagToPortDel(intf_);
   sm_->localMemberDel(intf_);
-  sm_->helper_->maybeDestroyLag(intf_);
+  sm_->helper()->maybeDestroyLag(intf_);
 }
 
 void LagSm::ZolStatus::handleDel() {
@@ -400,7 +397,7 @@ void LagSm::ZolStatus::handleDel() {
   }
   doCleanupLag();
   ZOL_TRACE(6, "Removing deviceName input for " << intf_);
-  sm_->lagInputIntfDeviceNameDir_->deviceNameDel(intf_);
+  sm_->in_.lagInputIntfDeviceNameDir->deviceNameDel(intf_);
 }
 
 }  // namespace Vemo

@@ -98,13 +98,13 @@ void LagSm::addOrRemovePeerLink(Nepo::IntfId const& lag, Nepo::IntfId const& pee
     ZOL_TRACE(5, "LagSm::addOrRemovePeerLink"
                      << " updating LAG membership"
                      << " to add " << peerLink << " to " << lag);
-    helper_->maybeShareLagMembership(peerLink, lag, true);
+    in_.helper->maybeShareLagMembership(peerLink, lag, true);
     sharePeerLinkWithLag_[lag] = true;
   } else if (shares) {
     ZOL_TRACE(5, "LagSm::addOrRemovePeerLink"
                      << " updating LAG membership"
                      << " to remove " << peerLink << " from " << lag);
-    helper_->maybeShareLagMembership(peerLink, lag, false);
+    in_.helper->maybeShareLagMembership(peerLink, lag, false);
     sharePeerLinkWithLag_.erase(lag);
   } else {
     ZOL_TRACE(8, "LagSm::addOrRemovePeerLink " << lag << " doesn't share " << peerLink);
@@ -151,7 +151,7 @@ void LagSm::stopSharingPeerLink(Nepo::IntfId const& peerLink) {
   }
   for (auto const& [lag, shared] : sharePeerLinkWithLag_) {
     ZOL_TRACE(5, "Stop sharing members of peer-link " << peerLink << " from lag " << lag);
-    helper_->maybeShareLagMembership(peerLink, lag, false);
+    in_.helper->maybeShareLagMembership(peerLink, lag, false);
   }
   sharePeerLinkWithLag_.clear();
 }

@@ -31,7 +31,7 @@ void LagSm::handleVerify(Zol::String const& request) {
     return;
   }
   verifyMaps();
-  helper_->handleVerify();
+  in_.helper->handleVerify();
 }
 
 void LagSm::handleRetryVerify(Zol::String const& request) {
@@ -41,7 +41,7 @@ void LagSm::handleRetryVerify(Zol::String const& request) {
     return;
   }
   verifyMaps();
-  helper_->handleRetryVerify();
+  in_.helper->handleRetryVerify();
 }
 
 void LagSm::verifyMaps() {
