@@ -56,7 +56,7 @@ TEST(AgentAcl, MalformedPacketStepsAreRejectedNamingStepAndMember) {
   }
 }
 
-TEST(AgentAcl, PacketsMeetTheRulesAndCountInTheView) {
+TEST(AgentAcl, APacketMeetingAnotherFateFailsItsStep) {
   std::string const acl = R"(
       {"set": "acl/config", "attr": "config", "key": "ip"},
       {"set": "acl/config/config/ip", "attr": "acl", "key": "web"},
@@ -74,20 +74,9 @@ TEST(AgentAcl, PacketsMeetTheRulesAndCountInTheView) {
                "protocol": "tcp", "dstPort": )" +
            std::to_string(port) + R"(}, "expect": ")" + expect + R"("})";
   };
-  Result r = run(acl + tcpTo(80, "permit") + "," + tcpTo(22, "deny") +
-                 R"(, {"advance": 8}, {"show": "ip access-lists"})");
-  ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_NE(r.out.find("packet Ethernet2 in tcp 10.0.0.1:0 > 10.0.0.2:80: permit (acl 5117 "
-                       "rule 0.0)\n"),
-            std::string::npos)
-      << r.out;
-  EXPECT_NE(r.out.find("        10 permit tcp any any eq 80 [match 1 packets]\n"
-                       "        Applied in: Ethernet2\n"),
-            std::string::npos)
-      << r.out;
-
-  // Another fate fails the step like an expectation; "blocked" is not any drop.
-  r = run(acl + tcpTo(22, "permit"));
+  // The fates and the view are the examples'; another fate fails the step like an expectation,
+  // and "blocked" is not any drop.
+  Result const r = run(acl + tcpTo(22, "permit"));
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.err, "step 9 (packet Ethernet2): expected permit, found deny (acl 5117 rule 1.0)\n");
   EXPECT_EQ(run(acl + tcpTo(22, "blocked")).status, 1);

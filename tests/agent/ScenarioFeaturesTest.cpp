@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <sstream>
 
 #include "AgentTestSupport.h"
 
@@ -117,36 +116,6 @@ TEST(ScenarioFeatures, SyslogIsPrintedAndCountedSinceTheLastExpectationOfItsKey)
   EXPECT_NE(r.out.find("%ACL-5-ACL_HW_RESOURCE_NORMAL: "), std::string::npos) << r.out;
   // The first full message was counted by step 8; none came after.
   EXPECT_EQ(r.err, "step 13 (expectLog ACL_HW_RESOURCE_FULL): expected 1 message, found 0\n");
-}
-
-TEST(ScenarioFeatures, HitlessRestartKeepsThePortChannelsAndRebuildsTheLibrarysEntities) {
-  Agent agent;
-  std::ostringstream out, err;
-  ASSERT_EQ(agent.run(Scenario::parse(steps(R"(
-    {"set": "interface/status/eth/lag", "attr": "intfStatus", "key": "Port-Channel1"},
-    {"set": "interface/status/eth/lag/intfStatus/Port-Channel1", "attr": "member",
-     "key": "Ethernet1", "value": true},
-    {"set": "vemo/common", "attr": "peerRouterMac", "value": "02:00:00:00:00:01"})")),
-                      out, err),
-            0)
-      << err.str();
-  auto const before = agent.platform().chip().counters(sim::Table::lag);
-  Vemo::VemoCommonSmData const* oldCommon = agent.commonData().ptr();
-  ASSERT_EQ(agent.run(Scenario::parse(steps(R"(
-    {"restart": "hitless"},
-    {"expect": "hw/lag/Port-Channel1/members", "attr": "Ethernet1", "present": true},
-    {"expect": "vemo/common", "attr": "portToLag", "key": "Ethernet1", "value": "Port-Channel1"},
-    {"expect": "vemo/common", "attr": "peerRouterMac", "value": "00:00:00:00:00:00"},
-    {"del": "interface/status/eth/lag", "attr": "intfStatus", "key": "Port-Channel1"},
-    {"expect": "hw/lag", "attr": "Port-Channel1", "present": false})")),
-                      out, err),
-            0)
-      << err.str();
-  EXPECT_NE(agent.commonData().ptr(), oldCommon);
-  auto const after = agent.platform().chip().counters(sim::Table::lag);
-  // The new SM asked the chip again and changed nothing until the port-channel went.
-  EXPECT_GT(after.operations, before.operations + 1);
-  EXPECT_EQ(after.writes, before.writes + 1);
 }
 
 TEST(ScenarioFeatures, PathsListAttributesAndTheChip) {

@@ -60,21 +60,6 @@ TEST(VemoCommonSmData, FreeMirrorSessionQueueIsFifoAndEmptyDequeueChangesNothing
   EXPECT_EQ(cd->freeMirrorSessionMetadata(), FreeMirrorSessionMetadata(2, 2));
 }
 
-TEST(VemoCommonSmData, InLagFollowsPortToLagOnly) {
-  ActivityLoop loop(ActivityLoop::TimeMode::simulated);
-  auto const cd = Vemo::vemoCommonSmDataFactory("x");
-  auto const [eth1, eth2, po1] =
-      std::array{IntfId::fromString("Ethernet1"), IntfId::fromString("Ethernet2"),
-                 IntfId::fromString("Port-Channel1")};
-  Vemo::VemoLagPortList members;
-  members.portIs(eth1, Vemo::VemoLagPort(true, true));
-  cd->lagToPortIs(po1, members);
-  cd->lagToPortIs(eth2, members);  // a port with a lagToPort entry of its own is no member
-  EXPECT_FALSE(cd->inLag(eth1) || cd->inLag(eth2) || cd->inLag(po1));
-  cd->portToLagIs(eth1, po1);
-  EXPECT_TRUE(cd->inLag(eth1) && !cd->inLag(eth2) && !cd->inLag(po1));
-}
-
 // Plays a feature SM in a verification pass: reports its texts for every request it checks.
 struct LagSmVerifier : Vemo::VerifyData::NotifieeConst {
   explicit LagSmVerifier(Zol::Ptr<Vemo::VerifyData> const& data) : data(data) { notifierIs(data); }
