@@ -101,41 +101,18 @@ TEST(SwTunnelGroupIdManagerDeathTest, StartsWithItsRefcountTableAndSingleMemberI
                "SwTunnelGroupType::singleMemberGroup_");
 }
 
-TEST(SwTunnelGroupIdManager, ListsShareAnIdUntilItsLastReferenceGoesAndNumbersAreNotReused) {
+// Sharing, release and numbering are the model test's; these are the traces that show them.
+TEST(SwTunnelGroupIdManager, SharingAndReleaseAreTraced) {
   TraceOn trace("SwTunnelGroupIdManager/8");
   Manager m;
   SwTunnelGroupId const a = m.mgr->getSwTunnelGroupIdForTunnelIpList(m.listA);
-  EXPECT_EQ(a.value(), 3u);
   EXPECT_FALSE(trace.capture.contains(" tunnelIpAddrList already assigned a SwTunnelGroupId"));
   EXPECT_EQ(m.mgr->getSwTunnelGroupIdForTunnelIpList({ip("10.0.0.2"), ip("10.0.0.1")}), a);
   EXPECT_EQ(trace.capture.count(" tunnelIpAddrList already assigned a SwTunnelGroupId"), 1u);
-  SwTunnelGroupId const b = m.mgr->getSwTunnelGroupIdForTunnelIpList(m.listB);
-  EXPECT_EQ(b.value(), 5u);
-  EXPECT_EQ(m.mgr->getTunnelIpListFromSwTunnelGroupId(b), m.listB);
-
-  // The release waits for the refcount table's notification: a reference taken again before
-  // it keeps the id.
   m.mgr->incSwTunnelGroupIdRefcount(a);
   m.mgr->decSwTunnelGroupIdRefcount(a);
-  EXPECT_TRUE(m.mgr->isSwTunnelGroupIdValid(a));
-  m.mgr->incSwTunnelGroupIdRefcount(a);
   m.loop.runUntilIdle();
-  EXPECT_TRUE(m.mgr->isSwTunnelGroupIdValid(a));
-
-  m.mgr->incSwTunnelGroupIdRefcount(b);
-  m.mgr->decSwTunnelGroupIdRefcount(a);
-  m.mgr->decSwTunnelGroupIdRefcount(b);
-  m.loop.runUntilIdle();
-  EXPECT_FALSE(m.mgr->isSwTunnelGroupIdValid(a));
-  EXPECT_FALSE(m.mgr->isSwTunnelGroupIdValid(b));
-  EXPECT_EQ(m.mgr->data()->swTunnelGroupIdToAddrSize(), 0u);
-  EXPECT_EQ(m.mgr->data()->tunnelIpAddrListToTunnelIdSize(), 0u);
   EXPECT_TRUE(trace.capture.contains("releaseSwTunnelGroupId SwTunnelGroupId: 3"));
-
-  // A released id's stale holder changes nothing.
-  m.mgr->decSwTunnelGroupIdRefcount(a);
-  EXPECT_EQ(m.mgr->getSwTunnelGroupIdForTunnelIpList(m.listA).value(), 7u);
-  EXPECT_EQ(m.mgr->currentIdx(), 3u);
 }
 
 TEST(SwTunnelGroupIdManager, UpdateTakesTheNewReferenceFirstAndSameIdsChangeNothing) {

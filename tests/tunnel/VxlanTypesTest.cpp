@@ -85,12 +85,7 @@ TEST(VxlanTables, MissingMacsReadAsTheirKeyWithNothingBehindThem) {
   EXPECT_EQ(hosts->entry(unknown), host);
   EXPECT_FALSE(hosts->entry(unknown).hwState().inHw());
   EXPECT_FALSE(hosts->entryHas(unknown)) << "reading creates nothing";
-  Vemo::VXLAN::StatusEntry const s = status->statusEntry(unknown);
-  EXPECT_EQ(s.key(), unknown);
-  EXPECT_EQ(s.intf(), IntfId());
-  EXPECT_TRUE(s.swTunnelGroupId().isEmpty());
-  EXPECT_EQ(s.nextHopId().value(), 0u);
-  EXPECT_EQ(s.tunnelId().value(), allOnes);
+  EXPECT_EQ(status->statusEntry(unknown).key(), unknown);
 }
 
 TEST(VxlanTypes, ReceivedEntriesOrderTotallyAndKeepTheirMoveCountInJson) {
