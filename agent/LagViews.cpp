@@ -69,7 +69,7 @@ std::string showHardwarePortChannel(sim::Chip const& chip, bool json) {
   if (json) {
     rapidjson::Document doc(rapidjson::kObjectType);
     auto& alloc = doc.GetAllocator();
-    doc.AddMember("lacpEnabled", chip.lacpEnabled(), alloc);
+    doc.AddMember("lacpEnabled", chip.lags().lacpEnabled(), alloc);
     doc.AddMember("entries", static_cast<uint64_t>(chip.size(sim::Table::lag)), alloc);
     doc.AddMember("capacity", static_cast<uint64_t>(chip.capacity(sim::Table::lag)), alloc);
     rapidjson::Value dump = chip.toJson(alloc);
@@ -82,16 +82,16 @@ std::string showHardwarePortChannel(sim::Chip const& chip, bool json) {
     doc.AddMember("refused", errors, alloc);
     return prettyJson(doc);
   }
-  std::string out = "LACP: " + std::string(chip.lacpEnabled() ? "enabled" : "disabled") +
+  std::string out = "LACP: " + std::string(chip.lags().lacpEnabled() ? "enabled" : "disabled") +
                     "   Port-channel table: " + std::to_string(chip.size(sim::Table::lag)) +
                     " of " + std::to_string(chip.capacity(sim::Table::lag)) + " entries\n";
   out += row("Port-Channel", "HwId", "Shared peer link", "Members");
-  for (auto const& [lag, entry] : chip.lags()) {
+  for (auto const& [lag, entry] : chip.lags().entries()) {
     std::string const peer =
         entry.sharedPeerLink == Nepo::IntfId() ? "-" : entry.sharedPeerLink.stringValue();
     out += row(lag.stringValue(), std::to_string(entry.hwId), peer, membersText(entry.members));
   }
-  if (chip.lags().empty()) out += "(no port-channels)\n";
+  if (chip.lags().entries().empty()) out += "(no port-channels)\n";
   bool header = false;
   for (std::string const& e : chip.errors()) {
     if (e.rfind("lag ", 0) != 0) continue;

@@ -288,7 +288,7 @@ void aclInstallSim(benchmark::State& state) {
     state.ResumeTiming();
     auto sm = w.start(helper);
     state.PauseTiming();
-    entries = chip->aclTcam(0, Acl::AclDirection::in).size();
+    entries = chip->acls().tcam(0, Acl::AclDirection::in).size();
     sm = {};
     w.loop.runUntilIdle();
     helper = {};

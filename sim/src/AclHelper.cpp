@@ -186,15 +186,15 @@ Err AclHelper::program(Acl::AclDirection dir, std::vector<AclEntry> const& entri
   std::vector<std::pair<uint32_t, AclEntryKey>> written;
   auto const undo = [&](Err e) {
     for (auto it = written.rbegin(); it != written.rend(); ++it) {
-      chip_.aclEntryDel(it->first, dir, it->second);
+      chip_.acls().entryDel(it->first, dir, it->second);
     }
     return e;
   };
   for (uint32_t unit = 0; unit < chip_.units(); ++unit) {
-    if (Err const e = chip_.aclUnitError(unit); e != Err::aclCreateErrorNone) return undo(e);
+    if (Err const e = chip_.acls().unitError(unit); e != Err::aclCreateErrorNone) return undo(e);
     for (AclEntry const& entry : entries) {
       RangeFields missing = 0;
-      Status const s = chip_.aclEntryAdd(unit, dir, entry, &missing);
+      Status const s = chip_.acls().entryAdd(unit, dir, entry, &missing);
       if (s != Status::ok) return undo(errorOf(s, missing));
       written.emplace_back(unit, entry.key);
     }
@@ -297,7 +297,7 @@ Err AclHelper::createFinalAclRule(Acl::AclType type, Vemo::AclData& data, Zol::U
 
 void AclHelper::deleteAcl(Zol::U32 aclNum) {
   note("deleteAcl " + std::to_string(aclNum));
-  chip_.aclDelete(aclNum);
+  chip_.acls().deleteInstance(aclNum);
   countersDel(aclNum);
 }
 
@@ -305,7 +305,7 @@ bool AclHelper::verifyDropAllRule(Vemo::AclData const& data) const {
   bool const icmp6 = data.key().type() == Acl::AclType::ipv6 && installImplicitIcmp6Rules();
   Zol::U32 const sub = icmp6 ? kIcmp6NdLast - kIcmp6NdFirst + 1 : 0;
   for (uint32_t unit = 0; unit < chip_.units(); ++unit) {
-    AclTcamEntry const* const e = chip_.aclEntry(
+    AclTcamEntry const* const e = chip_.acls().entry(
         unit, data.key().direction(), AclEntryKey{data.aclNumber(), data.numRules(), sub});
     if (!e || e->entry.action != Acl::AclAction::deny) return false;
   }
@@ -313,18 +313,18 @@ bool AclHelper::verifyDropAllRule(Vemo::AclData const& data) const {
 }
 
 bool AclHelper::verifyAclGeneral(Vemo::AclData const& data, Nepo::IntfId const& intf) const {
-  return chip_.aclBinding(intf, data.key().direction(), data.key().type()) == data.aclNumber();
+  return chip_.acls().binding(intf, data.key().direction(), data.key().type()) == data.aclNumber();
 }
 
 bool AclHelper::ipSubruleExists(Vemo::AclData const& data, Zol::U32 aclRule,
                                 Zol::U32 subRuleNum) const {
   // Every unit holds the same entries.
-  return chip_.aclEntry(0, data.key().direction(),
-                        AclEntryKey{data.aclNumber(), aclRule, subRuleNum}) != nullptr;
+  return chip_.acls().entry(0, data.key().direction(),
+                            AclEntryKey{data.aclNumber(), aclRule, subRuleNum}) != nullptr;
 }
 
 bool AclHelper::macRuleExists(Vemo::AclData const& data, Zol::U32 aclRule) const {
-  return chip_.aclEntry(0, data.key().direction(), AclEntryKey{data.aclNumber(), aclRule, 0}) !=
+  return chip_.acls().entry(0, data.key().direction(), AclEntryKey{data.aclNumber(), aclRule, 0}) !=
          nullptr;
 }
 
@@ -367,7 +367,7 @@ Err AclHelper::prepareToCommit(Vemo::AclData& data) {
   // Every unit is looked at, so that unitError shows all of them and not just the first.
   Err answer = Err::aclCreateErrorNone;
   for (uint32_t unit = 0; unit < chip_.units(); ++unit) {
-    Err const e = chip_.aclUnitError(unit);
+    Err const e = chip_.acls().unitError(unit);
     std::string const name = unitName(unit);
     if (e == Err::aclCreateErrorNone) {
       unitErrorDel(name);
@@ -399,7 +399,8 @@ Err AclHelper::batchCommitAcls() {
 }
 
 Err AclHelper::addIntfToAcl(Nepo::IntfId const& intf, Vemo::AclData const& data) {
-  Status const s = chip_.aclBind(intf, data.key().direction(), data.aclNumber(), data.key().type());
+  Status const s =
+      chip_.acls().bind(intf, data.key().direction(), data.aclNumber(), data.key().type());
   return logged("addIntfToAcl " + intf.stringValue() + " " + std::to_string(data.aclNumber()),
                 bindErrorOf(s));
 }
@@ -413,21 +414,21 @@ void AclHelper::removeIntfFromAcl(Nepo::IntfId const& intf, Vemo::AclData const&
   // already taken over is left alone.
   if (belongsToAnother) {
     what += " belongsToAnother";
-  } else if (chip_.aclBinding(intf, dir, data.key().type()) == data.aclNumber()) {
-    chip_.aclUnbind(intf, dir, data.key().type());
+  } else if (chip_.acls().binding(intf, dir, data.key().type()) == data.aclNumber()) {
+    chip_.acls().unbind(intf, dir, data.key().type());
   }
   note(std::move(what));
 }
 
 void AclHelper::blockIntf(Nepo::IntfId const& intf, bool block, Zol::U32) {
   note("blockIntf " + intf.stringValue() + (block ? " on" : " off"));
-  chip_.aclBlockIs(intf, block);
+  chip_.acls().blockIs(intf, block);
   if (asyncAclConfig()) later([this, intf, block] { blockedAnswerIs(intf, block); });
 }
 
 void AclHelper::removeAcl(Vemo::AclData& data) {
   note("removeAcl " + std::to_string(data.aclNumber()));
-  chip_.aclDelete(data.aclNumber());
+  chip_.acls().deleteInstance(data.aclNumber());
   countersDel(data.aclNumber());
   if (asyncAclConfig()) {
     later([this, key = data.key()] { answerIs(key, Err::aclCreateErrorNone); });
@@ -437,8 +438,8 @@ void AclHelper::removeAcl(Vemo::AclData& data) {
 void AclHelper::destroyAcl(Vemo::AclData& data) {
   Zol::U32 const aclNum = data.aclNumber();
   note("destroyAcl " + std::to_string(aclNum));
-  chip_.aclDelete(aclNum);
-  chip_.aclUnbindAll(aclNum, data.key().direction());
+  chip_.acls().deleteInstance(aclNum);
+  chip_.acls().unbindAll(aclNum, data.key().direction());
   prepared_.erase(aclNum);
   committed_.erase(aclNum);
   countersDel(aclNum);
@@ -457,7 +458,7 @@ Zol::U64 AclHelper::aclRuleCountersSinceLastPoll(Vemo::AclData const& data, Zol:
   Zol::U32 const aclNum = data.aclNumber();
   Zol::U64 total = 0;
   for (uint32_t unit = 0; unit < chip_.units(); ++unit) {
-    AclTcam const& tcam = chip_.aclTcam(unit, data.key().direction());
+    AclTcam const& tcam = chip_.acls().tcam(unit, data.key().direction());
     for (auto it = tcam.lower_bound(AclEntryKey{aclNum, aclRule, 0});
          it != tcam.end() && it->first.aclNumber == aclNum && it->first.aclRule == aclRule; ++it) {
       total += it->second.hits;

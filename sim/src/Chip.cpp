@@ -1,4 +1,4 @@
-// The chip's ports, the admission every table operation goes through, and the JSON dump.
+// The chip: its tables by name, the packet path, and the JSON tree scenarios read.
 #include "Sim/Chip.h"
 
 #include <rapidjson/pointer.h>
@@ -14,9 +14,6 @@
 namespace sim {
 
 namespace {
-
-constexpr std::array<std::string_view, kTableCount> kTableNames = {"lag", "acl", "rangeChecker"};
-constexpr std::array<std::string_view, 4> kStatusTexts = {"ok", "busy", "full", "failed"};
 
 rapidjson::Value text(std::string_view s, rapidjson::Document::AllocatorType& alloc) {
   return rapidjson::Value(s.data(), static_cast<rapidjson::SizeType>(s.size()), alloc);
@@ -69,140 +66,85 @@ void addCounters(rapidjson::Value& obj, Chip::Counters c,
 
 }  // namespace
 
-std::string_view tableName(Table t) { return kTableNames[static_cast<size_t>(t)]; }
-
-std::optional<Table> tableFromName(std::string_view name) {
-  for (size_t i = 0; i < kTableNames.size(); ++i) {
-    if (kTableNames[i] == name) return static_cast<Table>(i);
-  }
-  return std::nullopt;
-}
-
-std::string_view statusText(Status s) { return kStatusTexts[static_cast<size_t>(s)]; }
-
-std::optional<Status> statusFromText(std::string_view text) {
-  for (size_t i = 0; i < kStatusTexts.size(); ++i) {
-    if (kStatusTexts[i] == text) return static_cast<Status>(i);
-  }
-  return std::nullopt;
-}
-
-std::ostream& operator<<(std::ostream& os, Status s) { return os << statusText(s); }
-
 Chip::Chip() : Chip(Config{}) {}
 
-Chip::Chip(Config const& config) : config_(config) {
-  if (config.units < 1 || config.units > maxUnits) {
-    throw Zol::RangeException("chip units " + std::to_string(config.units) + " not in 1.." +
-                              std::to_string(maxUnits));
+Chip::Chip(Config const& config)
+    : ports_(config.units, config.portsPerUnit),
+      lags_(ports_, errors_),
+      acls_(ports_, errors_),
+      path_{&acls_} {}
+
+ChipTable& Chip::table(Table t) {
+  return const_cast<ChipTable&>(static_cast<Chip const&>(*this).table(t));
+}
+
+ChipTable const& Chip::table(Table t) const {
+  switch (t) {
+    case Table::lag:
+      return lags_;
+    case Table::acl:
+      return acls_.tcamTable();
+    case Table::rangeChecker:
+      return acls_.checkerTable();
   }
-  if (config.portsPerUnit < 1 || config.portsPerUnit > maxPortsPerUnit) {
-    throw Zol::RangeException("chip ports per unit " + std::to_string(config.portsPerUnit) +
-                              " not in 1.." + std::to_string(maxPortsPerUnit));
-  }
-  tables_[index(Table::rangeChecker)].capacity = defaultRangeCheckers;
-  aclUnits_.resize(config.units);
-}
-
-std::optional<PortLocation> Chip::location(Nepo::IntfId const& intf) const {
-  if (!intf.isEthernet() || intf.numberCount() != 1) return std::nullopt;
-  uint32_t const n = intf.number(0);
-  if (n < 1 || n > config_.units * config_.portsPerUnit) return std::nullopt;
-  return PortLocation{(n - 1) / config_.portsPerUnit, (n - 1) % config_.portsPerUnit};
-}
-
-std::vector<Nepo::IntfId> Chip::ports() const {
-  std::vector<Nepo::IntfId> out;
-  uint32_t const n = config_.units * config_.portsPerUnit;
-  out.reserve(n);
-  for (uint32_t i = 1; i <= n; ++i) out.push_back(Nepo::IntfId(Nepo::IntfKind::Ethernet, {i}));
-  return out;
-}
-
-void Chip::faultIs(Table t, Status kind, uint32_t count) {
-  TableState& s = tables_[index(t)];
-  s.faultKind = kind;
-  s.faultCount = kind == Status::ok ? 0 : count;
+  throw Zol::RangeException("no table " + std::to_string(static_cast<int>(t)));
 }
 
 size_t Chip::size(Table t) const {
   switch (t) {
     case Table::lag:
       return lags_.size();
-    case Table::acl: {
-      size_t n = 0;
-      for (AclUnit const& u : aclUnits_) n += u.tcam[0].size() + u.tcam[1].size();
-      return n;
-    }
-    case Table::rangeChecker: {
-      size_t n = 0;
-      for (AclUnit const& u : aclUnits_) n += u.rangeCheckers.size();
-      return n;
-    }
+    case Table::acl:
+      return acls_.entryCount();
+    case Table::rangeChecker:
+      return acls_.checkerCount();
   }
   return 0;
 }
 
 Chip::Counters Chip::counters() const {
   Counters total;
-  for (TableState const& s : tables_) {
-    total.writes += s.counters.writes;
-    total.operations += s.counters.operations;
+  for (size_t i = 0; i < kTableCount; ++i) {
+    Counters const c = table(static_cast<Table>(i)).counters();
+    total.writes += c.writes;
+    total.operations += c.operations;
   }
   return total;
 }
 
-void Chip::lacpEnabledIs(bool enabled) {
-  operated(Table::lag);
-  wrote(Table::lag, lacpEnabled_ != enabled);
-  lacpEnabled_ = enabled;
-}
-
-Status Chip::admit(Table t, bool adds) {
-  TableState& s = tables_[index(t)];
-  ++s.counters.operations;
-  if (s.faultCount > 0) {
-    --s.faultCount;
-    return s.faultKind;
+ClassifyResult Chip::classify(Packet const& p) {
+  ClassifyResult result;
+  for (PacketStage* stage : path_) {
+    if (stage->process(p, result)) break;
   }
-  if (adds && size(t) >= s.capacity) return Status::full;
-  return Status::ok;
-}
-
-Status Chip::refuse(Table t, std::string_view what, Status s, std::string_view why) {
-  std::string line =
-      std::string(tableName(t)) + " " + std::string(what) + ": " + std::string(statusText(s));
-  if (!why.empty()) line += ", " + std::string(why);
-  if (errors_.size() >= errorLogLimit) errors_.erase(errors_.begin());
-  errors_.push_back(std::move(line));
-  return s;
+  return result;
 }
 
 rapidjson::Value Chip::toJson(rapidjson::Document::AllocatorType& alloc) const {
   rapidjson::Value root(rapidjson::kObjectType);
   rapidjson::Value units(rapidjson::kArrayType);
-  for (uint32_t u = 0; u < config_.units; ++u) {
+  for (uint32_t u = 0; u < ports_.units(); ++u) {
     rapidjson::Value unit(rapidjson::kObjectType);
     unit.AddMember("unit", u, alloc);
-    unit.AddMember("ports", config_.portsPerUnit, alloc);
+    unit.AddMember("ports", ports_.portsPerUnit(), alloc);
     units.PushBack(unit, alloc);
   }
   root.AddMember("units", units, alloc);
-  root.AddMember("lacpEnabled", lacpEnabled_, alloc);
-  root.AddMember("lag", lagJson(alloc), alloc);
-  root.AddMember("acl", aclJson(alloc), alloc);
+  root.AddMember("lacpEnabled", lags_.lacpEnabled(), alloc);
+  root.AddMember("lag", lags_.toJson(alloc), alloc);
+  root.AddMember("acl", acls_.toJson(alloc), alloc);
   rapidjson::Value capacities(rapidjson::kObjectType);
   for (size_t i = 0; i < kTableCount; ++i) {
     // The ACL tables' capacities apply per unit and are shown there.
     if (static_cast<Table>(i) == Table::acl || static_cast<Table>(i) == Table::rangeChecker) {
       continue;
     }
-    rapidjson::Value capacity(static_cast<uint64_t>(tables_[i].capacity));
-    capacities.AddMember(text(kTableNames[i], alloc), capacity, alloc);
+    rapidjson::Value capacity(static_cast<uint64_t>(table(static_cast<Table>(i)).capacity()));
+    capacities.AddMember(text(tableName(static_cast<Table>(i)), alloc), capacity, alloc);
   }
   root.AddMember("capacity", capacities, alloc);
   rapidjson::Value errors(rapidjson::kArrayType);
-  for (std::string const& e : errors_) errors.PushBack(text(e, alloc), alloc);
+  for (std::string const& e : errors_.lines()) errors.PushBack(text(e, alloc), alloc);
   root.AddMember("errors", errors, alloc);
   return root;
 }
@@ -250,10 +192,10 @@ bool Chip::validPath(std::vector<std::string> const& path, std::string* problem)
         return false;
       }
       if (here == "hw/units" || here == "hw/acl/units") {
-        if (i >= config_.units) {
+        if (i >= ports_.units()) {
           if (problem) {
             *problem = "the chip has no unit " + name + " (units 0 to " +
-                       std::to_string(config_.units - 1) + ")";
+                       std::to_string(ports_.units() - 1) + ")";
           }
           return false;
         }

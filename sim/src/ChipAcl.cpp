@@ -1,9 +1,10 @@
 // The chip's ACL TCAMs, range checkers, bindings and the packet classifier.
+#include "Sim/ChipAcl.h"
+
 #include <array>
 #include <optional>
 #include <string>
 
-#include "Sim/Chip.h"
 #include "Zol/Json.h"
 #include "Zol/Text.h"
 #include "Zol/Types.h"
@@ -92,38 +93,55 @@ bool AclEntry::matches(Packet const& p) const {
          hit(icmpType, p.icmpType) && hit(icmpCode, p.icmpCode);
 }
 
-AclTcam& Chip::aclTcamOf(uint32_t unit, Acl::AclDirection dir) {
-  return aclUnits_[unit].tcam[dirIndex(dir)];
+AclTables::AclTables(ChipPorts const& ports, ErrorLog& errors)
+    : ports_(ports),
+      tcam_(Table::acl, defaultCapacity, errors),
+      checkers_(Table::rangeChecker, defaultRangeCheckers, errors),
+      units_(ports.units()) {}
+
+size_t AclTables::entryCount() const {
+  size_t n = 0;
+  for (Unit const& u : units_) n += u.tcam[0].size() + u.tcam[1].size();
+  return n;
 }
 
-AclTcam const& Chip::aclTcam(uint32_t unit, Acl::AclDirection dir) const {
-  if (unit >= aclUnits_.size()) throw Zol::RangeException("no unit " + std::to_string(unit));
-  return aclUnits_[unit].tcam[dirIndex(dir)];
+size_t AclTables::checkerCount() const {
+  size_t n = 0;
+  for (Unit const& u : units_) n += u.rangeCheckers.size();
+  return n;
 }
 
-Status Chip::aclEntryAdd(uint32_t unit, Acl::AclDirection dir, AclEntry const& entry,
-                         RangeFields* missing) {
+AclTables::Unit const& AclTables::unitAt(uint32_t unit) const {
+  if (unit >= units_.size()) throw Zol::RangeException("no unit " + std::to_string(unit));
+  return units_[unit];
+}
+
+AclTcam const& AclTables::tcam(uint32_t unit, Acl::AclDirection dir) const {
+  return unitAt(unit).tcam[dirIndex(dir)];
+}
+
+Status AclTables::entryAdd(uint32_t unit, Acl::AclDirection dir, AclEntry const& entry,
+                           RangeFields* missing) {
   if (missing) *missing = 0;
   AclEntryKey const& key = entry.key;
-  if (Status s = admit(Table::acl, false); s != Status::ok) {
-    return refuse(Table::acl, entryName("add", unit, dir, key), s);
+  if (Status s = tcam_.admit(false, entryCount()); s != Status::ok) {
+    return tcam_.refuse(entryName("add", unit, dir, key), s);
   }
-  if (unit >= aclUnits_.size()) {
-    return refuse(Table::acl, entryName("add", unit, dir, key), Status::failed, "no such unit");
+  if (unit >= units_.size()) {
+    return tcam_.refuse(entryName("add", unit, dir, key), Status::failed, "no such unit");
   }
-  AclUnit& u = aclUnits_[unit];
+  Unit& u = units_[unit];
   AclTcam& tcam = u.tcam[dirIndex(dir)];
   auto const old = tcam.find(key);
-  if (old == tcam.end() && tcam.size() >= capacity(Table::acl)) {
-    return refuse(Table::acl, entryName("add", unit, dir, key), Status::full);
+  if (old == tcam.end() && tcam.size() >= tcam_.capacity()) {
+    return tcam_.refuse(entryName("add", unit, dir, key), Status::full);
   }
 
   // Fields take checkers in RangeField order from the room left; a range already in the pool is
   // shared and takes none. Nothing is taken unless every field gets one.
   RangeFields wanted = 0;
   RangeFields lacking = 0;
-  size_t room = capacity(Table::rangeChecker) -
-                std::min(capacity(Table::rangeChecker), u.rangeCheckers.size());
+  size_t room = checkers_.capacity() - std::min(checkers_.capacity(), u.rangeCheckers.size());
   for (size_t i = 0; i < kRangeFieldCount; ++i) {
     auto const field = static_cast<RangeField>(i);
     if (!entry.ranges[i]) continue;
@@ -136,13 +154,13 @@ Status Chip::aclEntryAdd(uint32_t unit, Acl::AclDirection dir, AclEntry const& e
     }
   }
   if (wanted != 0) {
-    Status s = admit(Table::rangeChecker, false);
+    Status s = checkers_.admit(false, checkerCount());
     if (s == Status::full) lacking = wanted;
     if (s == Status::ok && lacking != 0) s = Status::full;
     if (s != Status::ok) {
       if (missing && s == Status::full) *missing = lacking;
-      return refuse(Table::rangeChecker, entryName("add", unit, dir, key), s,
-                    s == Status::full ? "none left for " + fieldNames(lacking) : "");
+      return checkers_.refuse(entryName("add", unit, dir, key), s,
+                              s == Status::full ? "none left for " + fieldNames(lacking) : "");
     }
   }
 
@@ -151,10 +169,10 @@ Status Chip::aclEntryAdd(uint32_t unit, Acl::AclDirection dir, AclEntry const& e
     ++u.rangeCheckers[RangeChecker{static_cast<RangeField>(i), *entry.ranges[i]}];
   }
   // A replaced entry starts its hits again, so it is a write even when it matches the same.
-  wrote(Table::acl);
-  wrote(Table::rangeChecker, wanted != 0);
+  tcam_.wrote();
+  checkers_.wrote(wanted != 0);
   if (old != tcam.end()) {
-    aclCheckersRelease(u, old->second.entry);
+    checkersRelease(u, old->second.entry);
     old->second = AclTcamEntry{entry, 0};
   } else {
     tcam.emplace(key, AclTcamEntry{entry, 0});
@@ -162,7 +180,7 @@ Status Chip::aclEntryAdd(uint32_t unit, Acl::AclDirection dir, AclEntry const& e
   return Status::ok;
 }
 
-void Chip::aclCheckersRelease(AclUnit& unit, AclEntry const& entry) {
+void AclTables::checkersRelease(Unit& unit, AclEntry const& entry) {
   for (size_t i = 0; i < kRangeFieldCount; ++i) {
     if (!entry.ranges[i]) continue;
     auto const it =
@@ -171,119 +189,113 @@ void Chip::aclCheckersRelease(AclUnit& unit, AclEntry const& entry) {
   }
 }
 
-void Chip::aclEntryDel(uint32_t unit, Acl::AclDirection dir, AclEntryKey const& key) {
-  operated(Table::acl);
-  if (unit >= aclUnits_.size()) return;
-  AclTcam& tcam = aclTcamOf(unit, dir);
+void AclTables::entryDel(uint32_t unit, Acl::AclDirection dir, AclEntryKey const& key) {
+  tcam_.operated();
+  if (unit >= units_.size()) return;
+  AclTcam& tcam = units_[unit].tcam[dirIndex(dir)];
   auto const it = tcam.find(key);
-  if (!wrote(Table::acl, it != tcam.end())) return;
-  aclCheckersRelease(aclUnits_[unit], it->second.entry);
+  if (!tcam_.wrote(it != tcam.end())) return;
+  checkersRelease(units_[unit], it->second.entry);
   tcam.erase(it);
 }
 
-void Chip::aclDelete(uint32_t aclNumber) {
-  operated(Table::acl);
+void AclTables::deleteInstance(uint32_t aclNumber) {
+  tcam_.operated();
   bool changed = false;
-  for (AclUnit& u : aclUnits_) {
+  for (Unit& u : units_) {
     for (AclTcam& tcam : u.tcam) {
       auto it = tcam.lower_bound(AclEntryKey{aclNumber, 0, 0});
       while (it != tcam.end() && it->first.aclNumber == aclNumber) {
-        aclCheckersRelease(u, it->second.entry);
+        checkersRelease(u, it->second.entry);
         it = tcam.erase(it);
         changed = true;
       }
     }
   }
-  wrote(Table::acl, changed);
+  tcam_.wrote(changed);
 }
 
-AclTcamEntry const* Chip::aclEntry(uint32_t unit, Acl::AclDirection dir,
-                                   AclEntryKey const& key) const {
-  AclTcam const& tcam = aclTcam(unit, dir);
-  auto const it = tcam.find(key);
-  return it == tcam.end() ? nullptr : &it->second;
+AclTcamEntry const* AclTables::entry(uint32_t unit, Acl::AclDirection dir,
+                                     AclEntryKey const& key) const {
+  AclTcam const& t = tcam(unit, dir);
+  auto const it = t.find(key);
+  return it == t.end() ? nullptr : &it->second;
 }
 
-size_t Chip::aclRangeCheckersUsed(uint32_t unit) const {
-  if (unit >= aclUnits_.size()) throw Zol::RangeException("no unit " + std::to_string(unit));
-  return aclUnits_[unit].rangeCheckers.size();
+size_t AclTables::rangeCheckersUsed(uint32_t unit) const {
+  return unitAt(unit).rangeCheckers.size();
 }
 
-uint32_t Chip::aclRangeCheckerUsers(uint32_t unit, RangeField field, PortRange range) const {
-  if (unit >= aclUnits_.size()) throw Zol::RangeException("no unit " + std::to_string(unit));
-  auto const& pool = aclUnits_[unit].rangeCheckers;
+uint32_t AclTables::rangeCheckerUsers(uint32_t unit, RangeField field, PortRange range) const {
+  auto const& pool = unitAt(unit).rangeCheckers;
   auto const it = pool.find(RangeChecker{field, range});
   return it == pool.end() ? 0 : it->second;
 }
 
-void Chip::aclUnitErrorIs(uint32_t unit, Vemo::AclCreateError error) {
-  if (unit >= aclUnits_.size()) throw Zol::RangeException("no unit " + std::to_string(unit));
-  aclUnits_[unit].error = error;
+void AclTables::unitErrorIs(uint32_t unit, Vemo::AclCreateError error) {
+  unitAt(unit);
+  units_[unit].error = error;
 }
 
-Vemo::AclCreateError Chip::aclUnitError(uint32_t unit) const {
-  if (unit >= aclUnits_.size()) throw Zol::RangeException("no unit " + std::to_string(unit));
-  return aclUnits_[unit].error;
-}
+Vemo::AclCreateError AclTables::unitError(uint32_t unit) const { return unitAt(unit).error; }
 
-Status Chip::aclBind(Nepo::IntfId const& intf, Acl::AclDirection dir, uint32_t aclNumber,
-                     Acl::AclType type) {
-  if (Status s = admit(Table::acl, false); s != Status::ok) {
-    return refuse(Table::acl,
-                  "bind " + intf.stringValue() + " " + std::string(dirName(dir)) + " " +
-                      std::to_string(aclNumber),
-                  s);
+Status AclTables::bind(Nepo::IntfId const& intf, Acl::AclDirection dir, uint32_t aclNumber,
+                       Acl::AclType type) {
+  if (Status s = tcam_.admit(false, entryCount()); s != Status::ok) {
+    return tcam_.refuse("bind " + intf.stringValue() + " " + std::string(dirName(dir)) + " " +
+                            std::to_string(aclNumber),
+                        s);
   }
-  auto const [it, added] = aclBindings_.try_emplace({intf, dir, type}, aclNumber);
-  wrote(Table::acl, added || it->second != aclNumber);
+  auto const [it, added] = bindings_.try_emplace({intf, dir, type}, aclNumber);
+  tcam_.wrote(added || it->second != aclNumber);
   it->second = aclNumber;
   return Status::ok;
 }
 
-void Chip::aclUnbind(Nepo::IntfId const& intf, Acl::AclDirection dir, Acl::AclType type) {
-  operated(Table::acl);
-  wrote(Table::acl, aclBindings_.erase({intf, dir, type}) != 0);
+void AclTables::unbind(Nepo::IntfId const& intf, Acl::AclDirection dir, Acl::AclType type) {
+  tcam_.operated();
+  tcam_.wrote(bindings_.erase({intf, dir, type}) != 0);
 }
 
-std::optional<uint32_t> Chip::aclBinding(Nepo::IntfId const& intf, Acl::AclDirection dir,
-                                         Acl::AclType type) const {
-  auto const it = aclBindings_.find({intf, dir, type});
-  if (it == aclBindings_.end()) return std::nullopt;
+std::optional<uint32_t> AclTables::binding(Nepo::IntfId const& intf, Acl::AclDirection dir,
+                                           Acl::AclType type) const {
+  auto const it = bindings_.find({intf, dir, type});
+  if (it == bindings_.end()) return std::nullopt;
   return it->second;
 }
 
-void Chip::aclUnbindAll(uint32_t aclNumber, Acl::AclDirection dir) {
-  operated(Table::acl);
-  auto const removed = std::erase_if(aclBindings_, [&](auto const& binding) {
+void AclTables::unbindAll(uint32_t aclNumber, Acl::AclDirection dir) {
+  tcam_.operated();
+  auto const removed = std::erase_if(bindings_, [&](auto const& binding) {
     return std::get<Acl::AclDirection>(binding.first) == dir && binding.second == aclNumber;
   });
-  wrote(Table::acl, removed != 0);
+  tcam_.wrote(removed != 0);
 }
 
-void Chip::aclBlockIs(Nepo::IntfId const& intf, bool blocked) {
-  operated(Table::acl);
+void AclTables::blockIs(Nepo::IntfId const& intf, bool blocked) {
+  tcam_.operated();
   if (blocked) {
-    wrote(Table::acl, aclBlocked_.insert(intf).second);
+    tcam_.wrote(blocked_.insert(intf).second);
   } else {
-    wrote(Table::acl, aclBlocked_.erase(intf) != 0);
+    tcam_.wrote(blocked_.erase(intf) != 0);
   }
 }
 
-ClassifyResult Chip::classify(Packet const& p) {
+bool AclTables::process(Packet const& p, ClassifyResult& result) {
   std::optional<Nepo::IntfId> vlan;
   if (p.vlan >= 1 && p.vlan <= kVlanMax) vlan = Nepo::IntfId(Nepo::IntfKind::Vlan, {p.vlan});
-  if (aclBlocked(p.intf) || (vlan && aclBlocked(*vlan))) {
-    return ClassifyResult{Acl::AclAction::deny, std::nullopt, true};
+  if (blocked(p.intf) || (vlan && blocked(*vlan))) {
+    result = ClassifyResult{Acl::AclAction::deny, std::nullopt, true};
+    return true;
   }
-  std::optional<PortLocation> const where = location(p.intf);
-  AclTcam& tcam = aclTcamOf(where ? where->unit : 0, p.direction);
-  ClassifyResult result;
+  std::optional<PortLocation> const where = ports_.location(p.intf);
+  AclTcam& tcam = units_[where ? where->unit : 0].tcam[dirIndex(p.direction)];
   Acl::AclType const type = !p.isIp          ? Acl::AclType::mac
                             : p.srcIp.isV6() ? Acl::AclType::ipv6
                                              : Acl::AclType::ip;
   std::array<Nepo::IntfId const*, 2> const intfs{&p.intf, vlan ? &*vlan : nullptr};
   for (Nepo::IntfId const* intf : intfs) {
-    std::optional<uint32_t> const acl = intf ? aclBinding(*intf, p.direction, type) : std::nullopt;
+    std::optional<uint32_t> const acl = intf ? binding(*intf, p.direction, type) : std::nullopt;
     if (!acl) continue;
     result = ClassifyResult{Acl::AclAction::deny, std::nullopt, false};
     for (auto it = tcam.lower_bound(AclEntryKey{*acl, 0, 0});
@@ -293,12 +305,12 @@ ClassifyResult Chip::classify(Packet const& p) {
       result = ClassifyResult{it->second.entry.action, it->first, false};
       break;
     }
-    if (result.action == Acl::AclAction::deny) break;
+    if (result.action == Acl::AclAction::deny) return true;
   }
-  return result;
+  return false;
 }
 
-rapidjson::Value Chip::aclJson(rapidjson::Document::AllocatorType& alloc) const {
+rapidjson::Value AclTables::toJson(rapidjson::Document::AllocatorType& alloc) const {
   auto usedOf = [&](size_t used, size_t capacity) {
     rapidjson::Value v(rapidjson::kObjectType);
     v.AddMember("used", static_cast<uint64_t>(used), alloc);
@@ -306,13 +318,13 @@ rapidjson::Value Chip::aclJson(rapidjson::Document::AllocatorType& alloc) const 
     return v;
   };
   rapidjson::Value units(rapidjson::kArrayType);
-  for (uint32_t n = 0; n < aclUnits_.size(); ++n) {
-    AclUnit const& u = aclUnits_[n];
+  for (uint32_t n = 0; n < units_.size(); ++n) {
+    Unit const& u = units_[n];
     rapidjson::Value unit(rapidjson::kObjectType);
     unit.AddMember("unit", n, alloc);
     for (auto const dir : {Acl::AclDirection::in, Acl::AclDirection::out}) {
       AclTcam const& tcam = u.tcam[dirIndex(dir)];
-      rapidjson::Value side = usedOf(tcam.size(), capacity(Table::acl));
+      rapidjson::Value side = usedOf(tcam.size(), tcam_.capacity());
       rapidjson::Value instances(rapidjson::kObjectType);
       for (auto it = tcam.begin(); it != tcam.end();) {
         uint32_t const acl = it->first.aclNumber;
@@ -330,18 +342,17 @@ rapidjson::Value Chip::aclJson(rapidjson::Document::AllocatorType& alloc) const 
       side.AddMember("instances", instances, alloc);
       unit.AddMember(Zol::toJson(std::string(dirName(dir)), alloc), side, alloc);
     }
-    unit.AddMember("rangeCheckers", usedOf(u.rangeCheckers.size(), capacity(Table::rangeChecker)),
-                   alloc);
+    unit.AddMember("rangeCheckers", usedOf(u.rangeCheckers.size(), checkers_.capacity()), alloc);
     if (u.error != Vemo::AclCreateError::aclCreateErrorNone) {
       unit.AddMember("error", Zol::toJson(std::string(Zol::enumName(u.error)), alloc), alloc);
     }
     units.PushBack(unit, alloc);
   }
   rapidjson::Value bindings(rapidjson::kObjectType);
-  for (auto it = aclBindings_.begin(); it != aclBindings_.end();) {
+  for (auto it = bindings_.begin(); it != bindings_.end();) {
     Nepo::IntfId const intf = std::get<Nepo::IntfId>(it->first);
     rapidjson::Value dirs(rapidjson::kObjectType);
-    for (; it != aclBindings_.end() && std::get<Nepo::IntfId>(it->first) == intf; ++it) {
+    for (; it != bindings_.end() && std::get<Nepo::IntfId>(it->first) == intf; ++it) {
       // "in" for the IPv4 list, "ipv6 in" and "mac in" for the others.
       auto const [port, dir, type] = it->first;
       std::string name(dirName(dir));
@@ -351,7 +362,7 @@ rapidjson::Value Chip::aclJson(rapidjson::Document::AllocatorType& alloc) const 
     bindings.AddMember(Zol::toJson(intf.stringValue(), alloc), dirs, alloc);
   }
   rapidjson::Value blocked(rapidjson::kArrayType);
-  for (Nepo::IntfId const& intf : aclBlocked_) {
+  for (Nepo::IntfId const& intf : blocked_) {
     blocked.PushBack(Zol::toJson(intf.stringValue(), alloc), alloc);
   }
   rapidjson::Value root(rapidjson::kObjectType);

@@ -96,7 +96,7 @@ void LagHelper::hwInit() {
 void LagHelper::lacpEnabledIs(bool enabled) {
   programming(Op::lacpEnabledIs);
   ZOL_TRACE(5, "lacpEnabledIs " << enabled);
-  chip_.lacpEnabledIs(enabled);
+  chip_.lags().lacpEnabledIs(enabled);
 }
 
 template <class Operation>
@@ -110,14 +110,15 @@ void LagHelper::maybeCreateLag(Nepo::IntfId const& lag) {
   ZOL_TRACE(8, "maybeCreateLag " << lag);
   desired_[lag].exists = true;
   // A new entry gets, with it, the sharing decided before it existed.
-  program(lag, Op::maybeCreateLag, [&] { return chip_.lag(lag) ? Status::ok : reconcile(lag); });
+  program(lag, Op::maybeCreateLag,
+          [&] { return chip_.lags().entry(lag) ? Status::ok : reconcile(lag); });
 }
 
 void LagHelper::maybeDestroyLag(Nepo::IntfId const& lag) {
   programming(Op::maybeDestroyLag);
   ZOL_TRACE(8, "maybeDestroyLag " << lag);
   desired_[lag] = Desired();
-  program(lag, Op::maybeDestroyLag, [&] { return chip_.lagDestroy(lag); });
+  program(lag, Op::maybeDestroyLag, [&] { return chip_.lags().destroy(lag); });
 }
 
 void LagHelper::updateLagMember(Nepo::IntfId const& lag, Nepo::IntfId const& member, bool add,
@@ -128,7 +129,7 @@ void LagHelper::updateLagMember(Nepo::IntfId const& lag, Nepo::IntfId const& mem
   d.exists = true;
   d.members = members;
   program(lag, Op::updateLagMember,
-          [&] { return chip_.lagMemberIs(lag, member, add, members.port(member)); });
+          [&] { return chip_.lags().memberIs(lag, member, add, members.port(member)); });
 }
 
 void LagHelper::updateLag(Nepo::IntfId const& lag, Vemo::VemoLagPortList const& members) {
@@ -137,7 +138,7 @@ void LagHelper::updateLag(Nepo::IntfId const& lag, Vemo::VemoLagPortList const& 
   Desired& d = desired_[lag];
   d.exists = true;
   d.members = members;
-  program(lag, Op::updateLag, [&] { return chip_.lagMembersIs(lag, members); });
+  program(lag, Op::updateLag, [&] { return chip_.lags().membersIs(lag, members); });
 }
 
 void LagHelper::maybeShareLagMembership(Nepo::IntfId const& peerLink, Nepo::IntfId const& lag,
@@ -151,8 +152,9 @@ void LagHelper::maybeShareLagMembership(Nepo::IntfId const& peerLink, Nepo::Intf
     d.sharedPeerLink = Nepo::IntfId();
   }
   // The SM decides sharing for a new port-channel before creating it; creation applies it.
-  if (!d.exists && !chip_.lag(lag)) return;
-  program(lag, Op::maybeShareLagMembership, [&] { return chip_.lagShareIs(lag, peerLink, share); });
+  if (!d.exists && !chip_.lags().entry(lag)) return;
+  program(lag, Op::maybeShareLagMembership,
+          [&] { return chip_.lags().shareIs(lag, peerLink, share); });
 }
 
 bool LagHelper::intfManagedCheckOverride() const {
@@ -167,18 +169,18 @@ bool LagHelper::isIntfManaged(Nepo::IntfId const& intf) const {
 
 Status LagHelper::reconcile(Nepo::IntfId const& lag) {
   Desired const& d = desired_[lag];
-  Chip::LagEntry const* hw = chip_.lag(lag);
-  if (!d.exists) return hw ? chip_.lagDestroy(lag) : Status::ok;
+  LagTable::Entry const* hw = chip_.lags().entry(lag);
+  if (!d.exists) return hw ? chip_.lags().destroy(lag) : Status::ok;
   if (!hw) {
-    if (Status s = chip_.lagCreate(lag); s != Status::ok) return s;
-    hw = chip_.lag(lag);
+    if (Status s = chip_.lags().create(lag); s != Status::ok) return s;
+    hw = chip_.lags().entry(lag);
   }
   if (!(hw->members == d.members)) {
-    if (Status s = chip_.lagMembersIs(lag, d.members); s != Status::ok) return s;
+    if (Status s = chip_.lags().membersIs(lag, d.members); s != Status::ok) return s;
   }
   if (hw->sharedPeerLink == d.sharedPeerLink) return Status::ok;
-  return d.sharedPeerLink.isEmpty() ? chip_.lagShareIs(lag, hw->sharedPeerLink, false)
-                                    : chip_.lagShareIs(lag, d.sharedPeerLink, true);
+  return d.sharedPeerLink.isEmpty() ? chip_.lags().shareIs(lag, hw->sharedPeerLink, false)
+                                    : chip_.lags().shareIs(lag, d.sharedPeerLink, true);
 }
 
 void LagHelper::settle(Nepo::IntfId const& lag, Op op, Status s) {
@@ -248,8 +250,8 @@ void LagHelper::verify() {
   };
 
   // Both sides in key order, walked together.
-  auto hw = chip_.lags().begin();
-  auto const hwEnd = chip_.lags().end();
+  auto hw = chip_.lags().entries().begin();
+  auto const hwEnd = chip_.lags().entries().end();
   auto want = expected.begin();
   while (hw != hwEnd || want != expected.end()) {
     if (want == expected.end() || (hw != hwEnd && hw->first < *want)) {
@@ -285,7 +287,7 @@ std::vector<std::pair<Nepo::IntfId, std::string>> LagHelper::sharingDifferences(
   std::vector<std::pair<Nepo::IntfId, std::string>> out;
   if (!lagSm_) return out;
   absl::btree_set<Nepo::IntfId> lags;
-  for (auto const& [lag, entry] : chip_.lags()) {
+  for (auto const& [lag, entry] : chip_.lags().entries()) {
     if (!entry.sharedPeerLink.isEmpty()) lags.insert(lag);
   }
   for (auto const& [lag, shared] : lagSm_->sharePeerLinkWithLagAll()) lags.insert(lag);
@@ -293,7 +295,7 @@ std::vector<std::pair<Nepo::IntfId, std::string>> LagHelper::sharingDifferences(
     return peerLink.isEmpty() ? std::string("none") : peerLink.stringValue();
   };
   for (Nepo::IntfId const& lag : lags) {
-    Chip::LagEntry const* const hw = chip_.lag(lag);
+    LagTable::Entry const* const hw = chip_.lags().entry(lag);
     Nepo::IntfId const inHw = hw ? hw->sharedPeerLink : Nepo::IntfId();
     Nepo::IntfId const inSm =
         lagSm_->sharePeerLinkWithLag(lag) ? lagSm_->currentPeerLink() : Nepo::IntfId();

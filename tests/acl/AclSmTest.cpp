@@ -4,8 +4,8 @@
 #include <algorithm>
 #include <string>
 
-#include "Sim/AclHelper.h"
 #include "AclSubSms.h"
+#include "Sim/AclHelper.h"
 #include "Zol/Syslog.h"
 
 namespace {
@@ -167,7 +167,7 @@ TEST(AclSm, PacketsFollowTheRulesInForceThroughChangesAndRemoval) {
   w.settle();
   EXPECT_EQ(w.action(tcp("Ethernet1", 80)), AclAction::permit);
   EXPECT_EQ(w.statusOf("web"), "-");
-  EXPECT_TRUE(w.chip.aclTcam(0, in).empty());
+  EXPECT_TRUE(w.chip.acls().tcam(0, in).empty());
   EXPECT_EQ(dir->freeAclSize(), freeWithOne + 1);
 
   // Deleting the ACL itself while applied leaves nothing behind either.
@@ -177,7 +177,7 @@ TEST(AclSm, PacketsFollowTheRulesInForceThroughChangesAndRemoval) {
   w.config->configIs(AclType::ip)->aclDel("web");
   w.settle();
   EXPECT_EQ(w.action(tcp("Ethernet3", 80)), AclAction::permit);
-  EXPECT_TRUE(w.chip.aclTcam(0, in).empty());
+  EXPECT_TRUE(w.chip.acls().tcam(0, in).empty());
   EXPECT_EQ(w.verifyMismatches(), 0u);
 }
 
@@ -308,7 +308,7 @@ TEST(AclSm, TcamExhaustionErrdisablesPortsButNeverVlansAndRecovers) {
   EXPECT_EQ(syslog.records().front().text,
             "Hardware resources are insufficient to program all ACLs (unit0)");
   // Half-created rules do not linger.
-  EXPECT_TRUE(w.chip.aclTcam(0, in).empty());
+  EXPECT_TRUE(w.chip.acls().tcam(0, in).empty());
 
   w.chip.capacityIs(sim::Table::acl, 1024);
   w.acl("big")->currCfgIs(w.acl("big")->currCfg() + 1);
@@ -380,7 +380,7 @@ TEST(AclSm, CountersAddEachPollsHitsAndVerificationSeesMissingRules) {
 
   // Entries lost behind the SM's back are reported by rule, the final rule too.
   Vemo::AclKey const key("web", AclType::ip, in, false, {}, "default");
-  w.chip.aclDelete(w.status->aclStatus(key.text()).aclNumber());
+  w.chip.acls().deleteInstance(w.status->aclStatus(key.text()).aclNumber());
   w.cd->verifyData()->requestVerify("lost");
   w.loop.runUntilIdle();
   EXPECT_EQ(w.cd->verifyData()->mismatchesOf("lost"), 3u);
@@ -491,9 +491,10 @@ TEST(AclSm, APortChannelMemberIsFilteredByOneListAtATime) {
     w.attach("Port-Channel1", "po");
     w.settle();
     Vemo::AclKey const own("own", AclType::ip, in, false, {}, "default");
-    w.chip.aclBind(intf("Ethernet1"), in, w.status->aclStatus(own.text()).aclNumber(), AclType::ip);
+    w.chip.acls().bind(intf("Ethernet1"), in, w.status->aclStatus(own.text()).aclNumber(),
+                       AclType::ip);
     EXPECT_EQ(w.verifyMismatches(), 2u) << "has data for LAG; port not active";
-    w.chip.aclUnbind(intf("Ethernet1"), in, AclType::ip);
+    w.chip.acls().unbind(intf("Ethernet1"), in, AclType::ip);
     EXPECT_EQ(w.verifyMismatches(), 1u);
   }
 }

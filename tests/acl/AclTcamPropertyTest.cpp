@@ -350,7 +350,7 @@ void install(sim::AclHelper& helper, sim::Chip& chip, Lists const& lists, Acl::A
     data->aclNumberIs(aclNumber);
     ASSERT_EQ(createAclRules(helper, *data, *lists.acl[t]), AclCreateError::aclCreateErrorNone);
     for (Nepo::IntfId const& port : ports) {
-      ASSERT_EQ(chip.aclBind(port, dir, aclNumber, kTypes[t]), sim::Status::ok);
+      ASSERT_EQ(chip.acls().bind(port, dir, aclNumber, kTypes[t]), sim::Status::ok);
     }
   }
 }
@@ -419,7 +419,7 @@ TEST(AclTcamProperty, TcpFlagsMasksAndEstablishedOverEveryFlagCombination) {
     auto data = Zol::make<AclData>("data", AclKey("acl", AclType::ip, Acl::AclDirection::in, false,
                                                   AclVlanIdOrNone(), "default"));
     data->aclNumberIs(1);
-    ASSERT_EQ(chip.aclBind(port, Acl::AclDirection::in, 1), sim::Status::ok);
+    ASSERT_EQ(chip.acls().bind(port, Acl::AclDirection::in, 1), sim::Status::ok);
     auto acl = Zol::make<Acl::AclConfig>("acl", "acl");
     for (Zol::U16 own = 0; own < 0x200; ++own) {
       for (Zol::U16 mask :

@@ -88,10 +88,11 @@ class Churn {
       }
     }
     if (cd.portToLagSize() != held) return "portToLag holds ports no lagToPort lists";
-    if (chip_.lags().size() != cd.lagToPortSize()) return "chip and lagToPort differ in size";
+    if (chip_.lags().entries().size() != cd.lagToPortSize())
+      return "chip and lagToPort differ in size";
     for (auto const& [lag, members] : cd.lagToPortAll()) {
       if (!dir_->intfStatusHas(lag)) return lag.stringValue() + ": in lagToPort without status";
-      auto const* hw = chip_.lag(lag);
+      auto const* hw = chip_.lags().entry(lag);
       if (!hw || !(hw->members == members)) {
         return lag.stringValue() + ": chip " + (hw ? text(hw->members) : "none") + ", lagToPort " +
                text(members);

@@ -56,7 +56,7 @@ struct Bench {
   explicit Bench(AclType type = AclType::ip, uint32_t aclNumber = 3)
       : data(Zol::make<Vemo::AclData>("data", Vemo::AclKey("acl", type, in, false, {}, ""))) {
     data->aclNumberIs(aclNumber);
-    EXPECT_EQ(chip.aclBind(intf("Ethernet4"), in, aclNumber, type), Status::ok);
+    EXPECT_EQ(chip.acls().bind(intf("Ethernet4"), in, aclNumber, type), Status::ok);
   }
   Err subrule(Acl::IpRuleConfig const& r, uint32_t rule, uint32_t sub, Field s, Field d,
               Field l = {}, uint8_t flags = 0, uint8_t ecn = 0, uint8_t ecnMask = 0) {
@@ -71,7 +71,9 @@ struct Bench {
     if (!r.entry) return "none";
     return std::to_string(r.entry->aclRule) + "." + std::to_string(r.entry->subRuleNum);
   }
-  size_t checkers() const { return chip.aclRangeCheckersUsed(0) + chip.aclRangeCheckersUsed(1); }
+  size_t checkers() const {
+    return chip.acls().rangeCheckersUsed(0) + chip.acls().rangeCheckersUsed(1);
+  }
 
   Zol::ActivityLoop loop{Zol::ActivityLoop::TimeMode::simulated};
   sim::Chip chip{sim::Chip::Config{2, 2}};
@@ -91,8 +93,8 @@ TEST(SimAclHelper, SubrulesProgramEveryUnitAndMatchTheirRule) {
   ASSERT_EQ(b.subrule(ipRule(permit, 6, 2), 0, 0, {}, {1000, 2000}, {}, Acl::TcpFlag::syn), ok);
   ASSERT_EQ(b.subrule(ipRule(deny, 6, 2, "10.2.0.0/16"), 1, 0, {}, {1024, 2047}), ok);
   ASSERT_EQ(h.createFinalAclRule(AclType::ip, *b.data, 2), ok);
-  EXPECT_EQ(b.chip.aclTcam(0, in).size(), 3u);
-  EXPECT_EQ(b.chip.aclRangeCheckersUsed(1), 1u);
+  EXPECT_EQ(b.chip.acls().tcam(0, in).size(), 3u);
+  EXPECT_EQ(b.chip.acls().rangeCheckersUsed(1), 1u);
   EXPECT_TRUE(h.ipSubruleExists(*b.data, 1, 0));
   EXPECT_FALSE(h.ipSubruleExists(*b.data, 1, 1));
 
@@ -154,7 +156,7 @@ TEST(SimAclHelper, CheckerExhaustionNamesExactlyTheFieldsThatRanOut) {
   ASSERT_EQ(b.subrule(ipRule(permit, 17, 3), 0, 0, {1, 2}, {0, 7}), ok);
   EXPECT_EQ(b.subrule(ipRule(permit, 17, 3), 0, 1, {1, 2}, {1, 2}),
             Err::aclCreateErrorDstPortRangeChecker);
-  EXPECT_EQ(b.chip.aclRangeCheckerUsers(1, sim::RangeField::srcPort, {1, 2}), 1u);
+  EXPECT_EQ(b.chip.acls().rangeCheckerUsers(1, sim::RangeField::srcPort, {1, 2}), 1u);
 
   // The SM then falls back to value/mask entries, which match exactly the same packets.
   auto const config = Zol::make<Acl::AclConfig>("config", "web");
@@ -165,8 +167,8 @@ TEST(SimAclHelper, CheckerExhaustionNamesExactlyTheFieldsThatRanOut) {
   config->ipRuleBySequenceIs(10, web);
   b.data->aclNumberIs(4);
   ASSERT_EQ(Vemo::createAclRules(*b.helper, *b.data, *config), ok);
-  ASSERT_EQ(b.chip.aclBind(intf("Ethernet4"), in, 4), Status::ok);
-  EXPECT_EQ(b.chip.aclRangeCheckersUsed(1), 1u);
+  ASSERT_EQ(b.chip.acls().bind(intf("Ethernet4"), in, 4), Status::ok);
+  EXPECT_EQ(b.chip.acls().rangeCheckersUsed(1), 1u);
   EXPECT_EQ(b.decide(packet(6, 999), deny), "1.0");
   EXPECT_NE(b.decide(packet(6, 1000), permit), "none");
   EXPECT_NE(b.decide(packet(6, 2000), permit), "none");
@@ -178,15 +180,15 @@ TEST(SimAclHelper, RefusalsLeaveNoUnitProgrammed) {
   Acl::IpRuleConfig rule = ipRule(permit, 17, 2);
   // Unit 1's TCAM is full: unit 0's entry and checker are given back.
   b.chip.capacityIs(Table::acl, 1);
-  ASSERT_EQ(b.chip.aclEntryAdd(1, in, sim::AclEntry{}), Status::ok);
+  ASSERT_EQ(b.chip.acls().entryAdd(1, in, sim::AclEntry{}), Status::ok);
   EXPECT_EQ(b.subrule(rule, 0, 0, {}, {1, 2}), Err::aclCreateErrorTcamExhaustion);
   EXPECT_EQ(b.checkers(), 0u);
-  EXPECT_TRUE(b.chip.aclTcam(0, in).empty());
+  EXPECT_TRUE(b.chip.acls().tcam(0, in).empty());
   b.chip.capacityIs(Table::acl, 8);
-  b.chip.aclUnitErrorIs(1, Err::aclCreateErrorTooManyAcls);
+  b.chip.acls().unitErrorIs(1, Err::aclCreateErrorTooManyAcls);
   EXPECT_EQ(b.helper->createFinalAclRule(AclType::ip, *b.data, 0), Err::aclCreateErrorTooManyAcls);
-  EXPECT_TRUE(b.chip.aclTcam(0, in).empty());
-  b.chip.aclUnitErrorIs(1, ok);
+  EXPECT_TRUE(b.chip.acls().tcam(0, in).empty());
+  b.chip.acls().unitErrorIs(1, ok);
 
   for (auto [fault, want] : {std::pair{Status::full, Err::aclCreateErrorTcamExhaustion},
                              std::pair{Status::failed, Err::aclCreateErrorUnsupportedRule},
@@ -264,15 +266,15 @@ TEST(SimAclHelper, InstallSurfacesUnitErrorsAndDestroyLeavesNothingBound) {
   Bench b;
   auto& h = *b.helper;
   auto const bound = [&](std::string_view name, Acl::AclDirection dir = in) {
-    return b.chip.aclBinding(intf(name), dir).value_or(0);
+    return b.chip.acls().binding(intf(name), dir).value_or(0);
   };
-  b.chip.aclUnitErrorIs(1, Err::aclCreateErrorTooManyAcls);
+  b.chip.acls().unitErrorIs(1, Err::aclCreateErrorTooManyAcls);
   EXPECT_EQ(h.prepareToCommit(*b.data), Err::aclCreateErrorTooManyAcls);
   EXPECT_TRUE(h.unitError("unit1") == Err::aclCreateErrorTooManyAcls &&
               h.publishUnitError("unit1") && !h.unitErrorHas("unit0"));
   EXPECT_EQ(h.batchCommitAcls(), ok);
   EXPECT_FALSE(h.aclCountersAllocated(*b.data));
-  b.chip.aclUnitErrorIs(1, ok);
+  b.chip.acls().unitErrorIs(1, ok);
   EXPECT_EQ(h.prepareToCommit(*b.data), ok);
   EXPECT_EQ(h.unitErrorSize() + h.publishUnitErrorSize(), 0u);
   EXPECT_EQ(h.batchCommitAcls(), ok);
@@ -287,11 +289,11 @@ TEST(SimAclHelper, InstallSurfacesUnitErrorsAndDestroyLeavesNothingBound) {
   // The replacing instance's bind takes the port over; a port it already took is left to it.
   h.removeIntfFromAcl(intf("Ethernet1"), *b.data, true);
   EXPECT_EQ(bound("Ethernet1"), 3u);
-  ASSERT_EQ(b.chip.aclBind(intf("Ethernet1"), in, 9), Status::ok);
+  ASSERT_EQ(b.chip.acls().bind(intf("Ethernet1"), in, 9), Status::ok);
   h.removeIntfFromAcl(intf("Ethernet1"), *b.data, false);
   h.removeIntfFromAcl(intf("Ethernet2"), *b.data, false);
   EXPECT_EQ(bound("Ethernet1") + bound("Ethernet2"), 9u);
-  ASSERT_EQ(b.chip.aclBind(intf("Ethernet2"), Acl::AclDirection::out, 3), Status::ok);
+  ASSERT_EQ(b.chip.acls().bind(intf("Ethernet2"), Acl::AclDirection::out, 3), Status::ok);
   h.destroyAcl(*b.data);
   EXPECT_EQ(bound("Ethernet4") + bound("Vlan10"), 0u);
   EXPECT_EQ(bound("Ethernet1") + bound("Ethernet2", Acl::AclDirection::out), 12u);
@@ -313,7 +315,7 @@ TEST(SimAclHelper, CountersSinceLastPollSumUnitsAndSubrulesAndRestartWithTheEntr
   };
   auto const poll = [&] { return h.aclRuleCountersSinceLastPoll(*b.data, 0, tcp.uniqueId()); };
   create();
-  ASSERT_EQ(b.chip.aclBind(intf("Ethernet1"), in, 3), Status::ok);
+  ASSERT_EQ(b.chip.acls().bind(intf("Ethernet1"), in, 3), Status::ok);
   for (auto port : {"Ethernet1", "Ethernet4"}) {
     for (uint8_t ecn : {1, 2}) send(port, ecn);
   }
@@ -325,7 +327,7 @@ TEST(SimAclHelper, CountersSinceLastPollSumUnitsAndSubrulesAndRestartWithTheEntr
   EXPECT_EQ(poll(), 1u);
   h.removeAcl(*b.data);
   EXPECT_FALSE(h.ipSubruleExists(*b.data, 0, 1));
-  EXPECT_EQ(b.chip.aclBinding(intf("Ethernet1"), in), 3u);
+  EXPECT_EQ(b.chip.acls().binding(intf("Ethernet1"), in), 3u);
   create();
   for (int i = 0; i < 3; ++i) send("Ethernet4", 1);
   EXPECT_EQ(poll(), 3u);
@@ -348,17 +350,17 @@ TEST(SimAclHelper, AsyncAnswersComeAfterTheDelayInCallOrderEvenWhenRepeated) {
   AnswerWatcher w;
   w.notifierIs(b.helper);
   h.asyncAclConfigIs(true);
-  b.chip.aclUnitErrorIs(0, Err::aclCreateErrorTcamExhaustion);
+  b.chip.acls().unitErrorIs(0, Err::aclCreateErrorTcamExhaustion);
   h.blockIntf(intf("Ethernet4"), true, 3);
   h.prepareToCommit(*b.data);
-  EXPECT_TRUE(b.chip.aclBlocked(intf("Ethernet4")));  // the chip work is done at once
+  EXPECT_TRUE(b.chip.acls().blocked(intf("Ethernet4")));  // the chip work is done at once
   b.loop.advanceBy(0.0005);
   EXPECT_THAT(w.seen, testing::IsEmpty());
   b.loop.advanceBy(0.0005);
   EXPECT_THAT(w.seen, ElementsAre("Ethernet4 on", "aclCreateErrorTcamExhaustion"));
 
   // Repeated answers are seen too, and none overtakes an earlier one.
-  b.chip.aclUnitErrorIs(0, ok);
+  b.chip.acls().unitErrorIs(0, ok);
   h.removeAcl(*b.data);
   b.loop.advanceBy(0.001);
   h.asyncDelayIs(0.5);

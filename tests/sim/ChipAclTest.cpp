@@ -53,7 +53,7 @@ TEST(SimChipAcl, ClassifyTakesTheFirstMatchOfTheBoundInstanceAndCounts) {
   for (uint32_t unit : {0u, 1u}) {
     // Written out of order: lookup follows (rule, subrule), not the order of writing.
     for (AclEntry const* e : {&web, &net10, &other, &last}) {
-      ASSERT_EQ(chip.aclEntryAdd(unit, in, *e), Status::ok);
+      ASSERT_EQ(chip.acls().entryAdd(unit, in, *e), Status::ok);
     }
   }
   auto decide = [&](Packet const& p, AclAction want) {
@@ -62,8 +62,8 @@ TEST(SimChipAcl, ClassifyTakesTheFirstMatchOfTheBoundInstanceAndCounts) {
     return r.entry ? r.entry->aclRule * 10 + r.entry->subRuleNum : 99;
   };
   EXPECT_EQ(decide(tcp("Ethernet3", 80), permit), 99u);  // nothing bound
-  ASSERT_EQ(chip.aclBind(intf("Ethernet3"), in, 3), Status::ok);
-  ASSERT_EQ(chip.aclBind(intf("Port-Channel1"), in, 3), Status::ok);
+  ASSERT_EQ(chip.acls().bind(intf("Ethernet3"), in, 3), Status::ok);
+  ASSERT_EQ(chip.acls().bind(intf("Port-Channel1"), in, 3), Status::ok);
   EXPECT_EQ(decide(tcp("Ethernet3", 80), deny), 0u);
   EXPECT_EQ(decide(tcp("Ethernet3", 80, "11.0.0.1"), permit), 10u);
   EXPECT_EQ(decide(tcp("Ethernet3", 81, "11.0.0.1"), deny), 20u);
@@ -78,17 +78,17 @@ TEST(SimChipAcl, ClassifyTakesTheFirstMatchOfTheBoundInstanceAndCounts) {
   EXPECT_EQ(decide(out, permit), 99u);
   // Ethernet3 is on unit 1; a port-channel is looked up in unit 0.
   EXPECT_EQ(decide(tcp("Port-Channel1", 80, "11.0.0.1"), permit), 10u);
-  EXPECT_EQ(chip.aclEntry(1, in, {3, 1, 0})->hits, 2u);
-  EXPECT_EQ(chip.aclEntry(0, in, {3, 1, 0})->hits, 1u);
+  EXPECT_EQ(chip.acls().entry(1, in, {3, 1, 0})->hits, 2u);
+  EXPECT_EQ(chip.acls().entry(0, in, {3, 1, 0})->hits, 1u);
 
-  chip.aclBlockIs(intf("Ethernet3"), true);
+  chip.acls().blockIs(intf("Ethernet3"), true);
   EXPECT_TRUE(chip.classify(tcp("Ethernet3", 80, "11.0.0.1")).blocked);
   EXPECT_EQ(decide(tcp("Ethernet3", 80, "11.0.0.1"), deny), 99u);
-  EXPECT_EQ(chip.aclEntry(1, in, {3, 1, 0})->hits, 2u);
-  chip.aclBlockIs(intf("Ethernet3"), false);
-  chip.aclDelete(3);
+  EXPECT_EQ(chip.acls().entry(1, in, {3, 1, 0})->hits, 2u);
+  chip.acls().blockIs(intf("Ethernet3"), false);
+  chip.acls().deleteInstance(3);
   EXPECT_EQ(decide(tcp("Ethernet3", 80, "11.0.0.1"), deny), 99u);  // bound, nothing matches
-  chip.aclUnbind(intf("Ethernet3"), in);
+  chip.acls().unbind(intf("Ethernet3"), in);
   EXPECT_EQ(decide(tcp("Ethernet3", 80), permit), 99u);
   EXPECT_EQ(chip.size(Table::acl), 2u);
 }
@@ -101,11 +101,11 @@ TEST(SimChipAcl, APacketOfAVlanAlsoMeetsTheVlanInterface) {
   net10.dstIp = Nepo::IpPrefix::fromString("10.0.0.0/8");
   for (uint32_t unit : {0u, 1u}) {
     for (AclEntry const& e : {web, entry(3, 1, 0, deny), net10, entry(4, 1, 0, permit)}) {
-      ASSERT_EQ(chip.aclEntryAdd(unit, in, e), Status::ok);
+      ASSERT_EQ(chip.acls().entryAdd(unit, in, e), Status::ok);
     }
   }
-  ASSERT_EQ(chip.aclBind(intf("Ethernet3"), in, 3), Status::ok);
-  ASSERT_EQ(chip.aclBind(intf("Vlan10"), in, 4), Status::ok);
+  ASSERT_EQ(chip.acls().bind(intf("Ethernet3"), in, 3), Status::ok);
+  ASSERT_EQ(chip.acls().bind(intf("Vlan10"), in, 4), Status::ok);
   auto decide = [&](std::string_view port, uint16_t vlan, uint16_t dstPort, std::string_view dst) {
     Packet p = tcp(port, dstPort, dst);
     p.vlan = vlan;
@@ -117,12 +117,12 @@ TEST(SimChipAcl, APacketOfAVlanAlsoMeetsTheVlanInterface) {
   EXPECT_EQ(decide("Ethernet3", 10, 80, "10.1.1.1"), "40 deny");
   EXPECT_EQ(decide("Ethernet3", 10, 80, "11.1.1.1"), "41 permit");
   EXPECT_EQ(decide("Ethernet3", 10, 81, "11.1.1.1"), "31 deny");
-  EXPECT_EQ(chip.aclEntry(1, in, {4, 1, 0})->hits, 1u);
+  EXPECT_EQ(chip.acls().entry(1, in, {4, 1, 0})->hits, 1u);
   EXPECT_EQ(decide("Ethernet3", 20, 80, "10.1.1.1"), "30 permit");
   // A port without an instance of its own: the VLAN's is looked up in the port's unit.
   EXPECT_EQ(decide("Ethernet1", 10, 81, "10.1.1.1"), "40 deny");
-  EXPECT_EQ(chip.aclEntry(0, in, {4, 0, 0})->hits, 1u);
-  chip.aclBlockIs(intf("Vlan10"), true);
+  EXPECT_EQ(chip.acls().entry(0, in, {4, 0, 0})->hits, 1u);
+  chip.acls().blockIs(intf("Vlan10"), true);
   EXPECT_EQ(decide("Ethernet1", 10, 81, "11.1.1.1"), "99 deny");
 }
 
@@ -138,27 +138,27 @@ TEST(SimChipAcl, CheckersAreSharedPerUnitAndTheDumpShowsTheAclPart) {
   a.rangeIs(RangeField::srcPort, PortRange{10, 20});
   AclEntry b = entry(1, 0, 1, deny);
   b.ranges = {PortRange{10, 20}, PortRange{1, 2}, std::nullopt};
-  ASSERT_EQ(chip.aclEntryAdd(0, in, a), Status::ok);
+  ASSERT_EQ(chip.acls().entryAdd(0, in, a), Status::ok);
   // The identical source range is shared; the destination range finds the pool empty.
   sim::RangeFields missing = 0;
-  EXPECT_EQ(chip.aclEntryAdd(0, in, b, &missing), Status::full);
+  EXPECT_EQ(chip.acls().entryAdd(0, in, b, &missing), Status::full);
   EXPECT_EQ(missing, sim::rangeFieldBit(RangeField::dstPort));
   chip.capacityIs(Table::rangeChecker, 2);
   // The TCAM is full per unit and direction; writing at a key replaces that entry.
-  ASSERT_EQ(chip.aclEntryAdd(0, in, entry(1, 5, 0, deny)), Status::ok);
-  EXPECT_EQ(chip.aclEntryAdd(0, in, entry(1, 6, 0, deny)), Status::full);
-  EXPECT_EQ(chip.aclEntryAdd(0, in, entry(1, 5, 0, permit)), Status::ok);
-  EXPECT_EQ(chip.aclEntryAdd(0, AclDirection::out, entry(1, 6, 0, deny)), Status::ok);
+  ASSERT_EQ(chip.acls().entryAdd(0, in, entry(1, 5, 0, deny)), Status::ok);
+  EXPECT_EQ(chip.acls().entryAdd(0, in, entry(1, 6, 0, deny)), Status::full);
+  EXPECT_EQ(chip.acls().entryAdd(0, in, entry(1, 5, 0, permit)), Status::ok);
+  EXPECT_EQ(chip.acls().entryAdd(0, AclDirection::out, entry(1, 6, 0, deny)), Status::ok);
   chip.faultIs(Table::rangeChecker, Status::busy, 1);
-  EXPECT_EQ(chip.aclEntryAdd(1, in, a), Status::busy);
+  EXPECT_EQ(chip.acls().entryAdd(1, in, a), Status::busy);
   EXPECT_THAT(chip.errors(),
               ElementsAre("rangeChecker add 1 rule 0.1 unit 0 in: full, none left for dstPort",
                           "acl add 1 rule 6.0 unit 0 in: full",
                           "rangeChecker add 1 rule 0.0 unit 1 in: busy"));
 
-  ASSERT_EQ(chip.aclBind(intf("Ethernet2"), in, 1), Status::ok);
-  chip.aclBlockIs(intf("Vlan5"), true);
-  chip.aclUnitErrorIs(1, Vemo::AclCreateError::aclCreateErrorTooManyAcls);
+  ASSERT_EQ(chip.acls().bind(intf("Ethernet2"), in, 1), Status::ok);
+  chip.acls().blockIs(intf("Vlan5"), true);
+  chip.acls().unitErrorIs(1, Vemo::AclCreateError::aclCreateErrorTooManyAcls);
   EXPECT_EQ(chip.classify(tcp("Ethernet2", 1)).action, permit);
   EXPECT_EQ(Zol::jsonText(*chip.lookup({"acl"}, alloc)),
             R"({"units":[{"unit":0,"in":{"used":2,"capacity":2,"instances":{"1":)"
@@ -169,8 +169,8 @@ TEST(SimChipAcl, CheckersAreSharedPerUnitAndTheDumpShowsTheAclPart) {
             R"("error":"aclCreateErrorTooManyAcls"}],"bindings":{"Ethernet2":{"in":1}},)"
             R"("blocked":["Vlan5"],"writes":6,"operations":9})");
   EXPECT_EQ(Zol::jsonText(*chip.lookup({"capacity"}, alloc)), R"({"lag":1024})");
-  chip.aclDelete(1);
-  EXPECT_EQ(chip.aclRangeCheckersUsed(0), 0u);
+  chip.acls().deleteInstance(1);
+  EXPECT_EQ(chip.acls().rangeCheckersUsed(0), 0u);
   EXPECT_EQ(chip.size(Table::acl), 0u);
 }
 

@@ -14,24 +14,24 @@ TEST(ChipCounters, OnlyChangesAreWritesAndRefusalsAreOperations) {
   Chip chip;
   Vemo::VemoLagPortList members;
   members.portIs(intf("Ethernet1"), Vemo::VemoLagPort(true, true));
-  ASSERT_EQ(chip.lagCreate(intf("Port-Channel1")), Status::ok);
-  ASSERT_EQ(chip.lagCreate(intf("Port-Channel1")), Status::ok);
-  ASSERT_EQ(chip.lagMembersIs(intf("Port-Channel1"), members), Status::ok);
-  ASSERT_EQ(chip.lagMembersIs(intf("Port-Channel1"), members), Status::ok);
-  ASSERT_EQ(chip.lagMemberIs(intf("Port-Channel1"), intf("Ethernet1"), true,
-                             Vemo::VemoLagPort(true, true)),
+  ASSERT_EQ(chip.lags().create(intf("Port-Channel1")), Status::ok);
+  ASSERT_EQ(chip.lags().create(intf("Port-Channel1")), Status::ok);
+  ASSERT_EQ(chip.lags().membersIs(intf("Port-Channel1"), members), Status::ok);
+  ASSERT_EQ(chip.lags().membersIs(intf("Port-Channel1"), members), Status::ok);
+  ASSERT_EQ(chip.lags().memberIs(intf("Port-Channel1"), intf("Ethernet1"), true,
+                                 Vemo::VemoLagPort(true, true)),
             Status::ok);
-  chip.lacpEnabledIs(true);
+  chip.lags().lacpEnabledIs(true);
   chip.faultIs(Table::lag, Status::busy, 1);
-  EXPECT_EQ(chip.lagDestroy(intf("Port-Channel1")), Status::busy);
+  EXPECT_EQ(chip.lags().destroy(intf("Port-Channel1")), Status::busy);
   EXPECT_EQ(chip.counters(Table::lag).writes, 2u);
   EXPECT_EQ(chip.counters(Table::lag).operations, 7u);
 
-  ASSERT_EQ(chip.aclBind(intf("Ethernet2"), Acl::AclDirection::in, 3), Status::ok);
-  ASSERT_EQ(chip.aclBind(intf("Ethernet2"), Acl::AclDirection::in, 3), Status::ok);
-  chip.aclUnbind(intf("Ethernet3"), Acl::AclDirection::in);
-  chip.aclBlockIs(intf("Ethernet2"), false);
-  chip.aclDelete(9);
+  ASSERT_EQ(chip.acls().bind(intf("Ethernet2"), Acl::AclDirection::in, 3), Status::ok);
+  ASSERT_EQ(chip.acls().bind(intf("Ethernet2"), Acl::AclDirection::in, 3), Status::ok);
+  chip.acls().unbind(intf("Ethernet3"), Acl::AclDirection::in);
+  chip.acls().blockIs(intf("Ethernet2"), false);
+  chip.acls().deleteInstance(9);
   EXPECT_EQ(chip.counters(Table::acl).writes, 1u);
   EXPECT_EQ(chip.counters(Table::acl).operations, 5u);
   EXPECT_EQ(chip.counters().writes, 3u);

@@ -47,34 +47,36 @@ TEST(SimChip, PortsSitOnUnitsInOrderAndMapToBitmapPositions) {
 TEST(SimChip, FaultsAndCapacityRefuseOperationsAndAreLogged) {
   Chip chip;
   chip.faultIs(Table::lag, Status::busy, 2);
-  EXPECT_EQ(chip.lagCreate(intf("Port-Channel1")), Status::busy);
+  EXPECT_EQ(chip.lags().create(intf("Port-Channel1")), Status::busy);
   // A fault counts operations, whatever port-channel they are for.
-  EXPECT_EQ(chip.lagCreate(intf("Port-Channel2")), Status::busy);
-  EXPECT_EQ(chip.lagCreate(intf("Port-Channel1")), Status::ok);
+  EXPECT_EQ(chip.lags().create(intf("Port-Channel2")), Status::busy);
+  EXPECT_EQ(chip.lags().create(intf("Port-Channel1")), Status::ok);
   EXPECT_EQ(chip.faultPending(Table::lag), 0u);
-  EXPECT_EQ(chip.lagCreate(intf("Ethernet1")), Status::failed);
+  EXPECT_EQ(chip.lags().create(intf("Ethernet1")), Status::failed);
 
   chip.capacityIs(Table::lag, 2);
-  EXPECT_EQ(chip.lagCreate(intf("Port-Channel2")), Status::ok);
-  EXPECT_EQ(chip.lagCreate(intf("Port-Channel3")), Status::full);
+  EXPECT_EQ(chip.lags().create(intf("Port-Channel2")), Status::ok);
+  EXPECT_EQ(chip.lags().create(intf("Port-Channel3")), Status::full);
   // Only an operation that adds an entry needs room.
-  EXPECT_EQ(chip.lagCreate(intf("Port-Channel2")), Status::ok);
-  EXPECT_EQ(chip.lagMembersIs(intf("Port-Channel2"), membersOf({"Ethernet2"})), Status::ok);
+  EXPECT_EQ(chip.lags().create(intf("Port-Channel2")), Status::ok);
+  EXPECT_EQ(chip.lags().membersIs(intf("Port-Channel2"), membersOf({"Ethernet2"})), Status::ok);
   EXPECT_EQ(chip.size(Table::lag), 2u);
 
   // Any operation on the table consumes the fault; ok clears what is pending.
   chip.faultIs(Table::lag, Status::failed, 1);
-  EXPECT_EQ(chip.lagShareIs(intf("Port-Channel2"), intf("Port-Channel1"), true), Status::failed);
+  EXPECT_EQ(chip.lags().shareIs(intf("Port-Channel2"), intf("Port-Channel1"), true),
+            Status::failed);
   chip.faultIs(Table::lag, Status::busy, 5);
   chip.faultIs(Table::lag, Status::ok, 5);
-  EXPECT_EQ(chip.lagDestroy(intf("Port-Channel9")), Status::ok);
+  EXPECT_EQ(chip.lags().destroy(intf("Port-Channel9")), Status::ok);
 
   // Refused requests change nothing, even when only one member is wrong.
-  EXPECT_EQ(chip.lagMembersIs(intf("Port-Channel2"), membersOf({"Ethernet1", "Ethernet33"})),
+  EXPECT_EQ(chip.lags().membersIs(intf("Port-Channel2"), membersOf({"Ethernet1", "Ethernet33"})),
             Status::failed);
-  EXPECT_EQ(chip.lagMemberIs(intf("Port-Channel2"), intf("Ethernet1/1"), true, {}), Status::failed);
-  EXPECT_EQ(chip.lagMembersIs(intf("Port-Channel7"), membersOf({"Ethernet1"})), Status::failed);
-  EXPECT_EQ(chip.lag(intf("Port-Channel2"))->members, membersOf({"Ethernet2"}));
+  EXPECT_EQ(chip.lags().memberIs(intf("Port-Channel2"), intf("Ethernet1/1"), true, {}),
+            Status::failed);
+  EXPECT_EQ(chip.lags().membersIs(intf("Port-Channel7"), membersOf({"Ethernet1"})), Status::failed);
+  EXPECT_EQ(chip.lags().entry(intf("Port-Channel2"))->members, membersOf({"Ethernet2"}));
   EXPECT_EQ(chip.size(Table::lag), 2u);
 
   EXPECT_THAT(
@@ -90,21 +92,21 @@ TEST(SimChip, FaultsAndCapacityRefuseOperationsAndAreLogged) {
 
 TEST(SimChip, LagHardwareIdsAreTheLowestFreeAndReused) {
   Chip chip;
-  auto hwId = [&](std::string_view lag) { return chip.lag(intf(lag))->hwId; };
+  auto hwId = [&](std::string_view lag) { return chip.lags().entry(intf(lag))->hwId; };
   for (auto lag : {"Port-Channel10", "Port-Channel20", "Port-Channel30", "Port-Channel40"}) {
-    ASSERT_EQ(chip.lagCreate(intf(lag)), Status::ok);
+    ASSERT_EQ(chip.lags().create(intf(lag)), Status::ok);
   }
   EXPECT_EQ(hwId("Port-Channel40"), 4u);
-  ASSERT_EQ(chip.lagDestroy(intf("Port-Channel20")), Status::ok);
-  ASSERT_EQ(chip.lagCreate(intf("Port-Channel5")), Status::ok);
+  ASSERT_EQ(chip.lags().destroy(intf("Port-Channel20")), Status::ok);
+  ASSERT_EQ(chip.lags().create(intf("Port-Channel5")), Status::ok);
   EXPECT_EQ(hwId("Port-Channel5"), 2u);
 
   // A hole below ids freed at the top is filled first.
   for (auto lag : {"Port-Channel10", "Port-Channel30", "Port-Channel40"}) {
-    ASSERT_EQ(chip.lagDestroy(intf(lag)), Status::ok);
+    ASSERT_EQ(chip.lags().destroy(intf(lag)), Status::ok);
   }
   for (auto lag : {"Port-Channel1", "Port-Channel2", "Port-Channel3"}) {
-    ASSERT_EQ(chip.lagCreate(intf(lag)), Status::ok);
+    ASSERT_EQ(chip.lags().create(intf(lag)), Status::ok);
   }
   EXPECT_EQ(hwId("Port-Channel1"), 1u);
   EXPECT_EQ(hwId("Port-Channel2"), 3u);

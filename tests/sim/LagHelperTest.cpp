@@ -31,7 +31,7 @@ struct Bench {
   Zol::Ptr<sim::LagHelper> helper = Zol::make<sim::LagHelper>("lagHelper", chip, cd);
 
   Vemo::VemoLagPortList const* hwMembers(std::string_view lag) const {
-    auto const* entry = chip.lag(intf(lag));
+    auto const* entry = chip.lags().entry(intf(lag));
     return entry ? &entry->members : nullptr;
   }
   std::vector<std::string> verify() {
@@ -49,7 +49,7 @@ TEST(SimLagHelper, ProgramsTheChipAndRetriesWhatItRefuses) {
   h.lacpEnabledIs(false);
   EXPECT_EQ(h.calls("beforeHwInit"), 1u);
   h.hwInit();
-  EXPECT_FALSE(b.chip.lacpEnabled());
+  EXPECT_FALSE(b.chip.lags().lacpEnabled());
   EXPECT_TRUE(h.intfManagedCheckOverride());
   EXPECT_TRUE(h.isIntfManaged(intf("Ethernet8")));
   EXPECT_FALSE(h.isIntfManaged(intf("Ethernet9")));
@@ -81,7 +81,7 @@ TEST(SimLagHelper, ProgramsTheChipAndRetriesWhatItRefuses) {
   h.maybeDestroyLag(intf("Port-Channel1"));
   b.loop.advanceBy(0.2);
   EXPECT_EQ(h.retryPending(), 0u);
-  EXPECT_EQ(b.chip.lag(intf("Port-Channel2"))->hwId, 1u);
+  EXPECT_EQ(b.chip.lags().entry(intf("Port-Channel2"))->hwId, 1u);
   EXPECT_EQ(*b.hwMembers("Port-Channel2"), membersOf({"Ethernet3"}));
   EXPECT_EQ(b.loop.armedTimers(), 0u);
 
@@ -92,20 +92,20 @@ TEST(SimLagHelper, ProgramsTheChipAndRetriesWhatItRefuses) {
   EXPECT_EQ(h.retryPending(), 0u);
   EXPECT_EQ(h.calls("retry"), 6u);
   h.maybeShareLagMembership(intf("Port-Channel9"), intf("Port-Channel2"), true);
-  EXPECT_EQ(b.chip.lag(intf("Port-Channel2"))->sharedPeerLink, IntfId());
+  EXPECT_EQ(b.chip.lags().entry(intf("Port-Channel2"))->sharedPeerLink, IntfId());
   h.updateLagMember(intf("Port-Channel2"), intf("Ethernet1/1"), false, membersOf({"Ethernet3"}));
   h.updateLagMember(intf("Port-Channel2"), intf("Ethernet4"), true,
                     membersOf({"Ethernet3", "Ethernet4"}));
   EXPECT_EQ(*b.hwMembers("Port-Channel2"), membersOf({"Ethernet3", "Ethernet4"}));
-  EXPECT_EQ(b.chip.lag(intf("Port-Channel2"))->sharedPeerLink, intf("Port-Channel9"));
+  EXPECT_EQ(b.chip.lags().entry(intf("Port-Channel2"))->sharedPeerLink, intf("Port-Channel9"));
 
   // A refused destroy and unshare are retried too, and the port-channel goes.
   b.chip.faultIs(Table::lag, Status::busy, 2);
   h.maybeShareLagMembership(intf("Port-Channel9"), intf("Port-Channel2"), false);
   h.maybeDestroyLag(intf("Port-Channel2"));
-  EXPECT_NE(b.chip.lag(intf("Port-Channel2")), nullptr);
+  EXPECT_NE(b.chip.lags().entry(intf("Port-Channel2")), nullptr);
   b.loop.advanceBy(0.2);
-  EXPECT_THAT(b.chip.lags(), IsEmpty());
+  EXPECT_THAT(b.chip.lags().entries(), IsEmpty());
   EXPECT_EQ(h.retryPending(), 0u);
   EXPECT_EQ(h.calls("beforeHwInit"), 1u);
 }
@@ -124,10 +124,11 @@ TEST(SimLagHelper, VerifyReportsEachDifferenceAndNothingWhenTheyAgree) {
   program("Port-Channel3", {});
   EXPECT_THAT(b.verify(), IsEmpty());
 
-  ASSERT_EQ(b.chip.lagMemberIs(intf("Port-Channel1"), intf("Ethernet2"), false, {}), Status::ok);
-  ASSERT_EQ(b.chip.lagMemberIs(intf("Port-Channel2"), intf("Ethernet3"), true, {true, false}),
+  ASSERT_EQ(b.chip.lags().memberIs(intf("Port-Channel1"), intf("Ethernet2"), false, {}),
             Status::ok);
-  ASSERT_EQ(b.chip.lagCreate(intf("Port-Channel5")), Status::ok);
+  ASSERT_EQ(b.chip.lags().memberIs(intf("Port-Channel2"), intf("Ethernet3"), true, {true, false}),
+            Status::ok);
+  ASSERT_EQ(b.chip.lags().create(intf("Port-Channel5")), Status::ok);
   b.cd->lagToPortIs(intf("Port-Channel6"), membersOf({"Ethernet6"}));
   b.chip.faultIs(Table::lag, Status::busy, 2);
   program("Port-Channel7", membersOf({"Ethernet7"}));
@@ -145,9 +146,9 @@ TEST(SimLagHelper, VerifyReportsEachDifferenceAndNothingWhenTheyAgree) {
 
   // Once the retry has run and the stray entries are gone, they agree again.
   b.loop.advanceBy(0.2);
-  b.chip.lagMembersIs(intf("Port-Channel1"), membersOf({"Ethernet1", "Ethernet2"}));
-  b.chip.lagMembersIs(intf("Port-Channel2"), membersOf({"Ethernet3"}));
-  b.chip.lagDestroy(intf("Port-Channel5"));
+  b.chip.lags().membersIs(intf("Port-Channel1"), membersOf({"Ethernet1", "Ethernet2"}));
+  b.chip.lags().membersIs(intf("Port-Channel2"), membersOf({"Ethernet3"}));
+  b.chip.lags().destroy(intf("Port-Channel5"));
   b.cd->lagToPortDel(intf("Port-Channel6"));
   EXPECT_THAT(b.verify(), IsEmpty());
 
@@ -179,12 +180,12 @@ TEST(SimLagHelper, VerifyComparesPeerLinkSharingWithTheSm) {
                      Mlag::IntfStatus(Mlag::IntfState::intfStateUp, Mlag::IntfState::intfStateUp));
   sm->mlagStatusIs(mlag);
   b.loop.runUntilIdle();
-  ASSERT_EQ(b.chip.lag(intf("Port-Channel1"))->sharedPeerLink, intf("Port-Channel8"));
+  ASSERT_EQ(b.chip.lags().entry(intf("Port-Channel1"))->sharedPeerLink, intf("Port-Channel8"));
   EXPECT_THAT(b.verify(), IsEmpty());
 
   // The chip keeps a share the SM does not hold, and loses one it does.
-  ASSERT_EQ(b.chip.lagShareIs(intf("Port-Channel2"), intf("Port-Channel8"), true), Status::ok);
-  ASSERT_EQ(b.chip.lagShareIs(intf("Port-Channel1"), intf("Port-Channel8"), false), Status::ok);
+  ASSERT_EQ(b.chip.lags().shareIs(intf("Port-Channel2"), intf("Port-Channel8"), true), Status::ok);
+  ASSERT_EQ(b.chip.lags().shareIs(intf("Port-Channel1"), intf("Port-Channel8"), false), Status::ok);
   EXPECT_THAT(b.verify(), ElementsAre("Port-Channel1: peer link shared in hardware none, in "
                                       "sharePeerLinkWithLag Port-Channel8",
                                       "Port-Channel2: peer link shared in hardware Port-Channel8, "

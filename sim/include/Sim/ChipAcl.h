@@ -1,5 +1,7 @@
-// The values of the chip's ACL TCAMs: what one entry matches, the packets the classifier is
-// given and what it answers. The tables themselves live in Chip.
+// The chip's ACL block: a TCAM per unit and direction, each unit's range-checker pool, the
+// instances applied to interfaces and the interfaces blocked, with the values they hold (what one
+// entry matches, the packets the classifier is given and what it answers). Its packet stage
+// judges a packet by the instances of its interface and VLAN.
 #pragma once
 
 #include <array>
@@ -7,12 +9,19 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <set>
+#include <tuple>
+#include <vector>
+
+#include <rapidjson/document.h>
 
 #include "Nepo/EthAddr.h"
 #include "Nepo/IntfId.h"
 #include "Nepo/IpAddr.h"
 #include "Nepo/IpPrefix.h"
 #include "Nepo/RangeToMask.h"
+#include "Sim/ChipPorts.h"
+#include "Sim/ChipTable.h"
 #include "ZolGen/Acl.h"
 #include "ZolGen/VemoAcl.h"
 
@@ -114,6 +123,94 @@ struct ClassifyResult {
   // matched.
   std::optional<AclEntryKey> entry;
   bool blocked = false;
+};
+
+// The TCAMs and range checkers are two tables (acl and rangeChecker) for faults, capacity and
+// counters; their capacities apply to each unit's TCAM and pool. An entry takes a checker for
+// each of its ranges; identical ranges of one field share one. Writes (adding an entry, binding)
+// count against faults; removals are never refused, so that a rollback always completes.
+class AclTables : public PacketStage {
+ public:
+  static constexpr size_t defaultCapacity = 1024;
+  static constexpr size_t defaultRangeCheckers = 32;
+
+  AclTables(ChipPorts const& ports, ErrorLog& errors);
+
+  ChipTable& tcamTable() { return tcam_; }
+  ChipTable const& tcamTable() const { return tcam_; }
+  ChipTable& checkerTable() { return checkers_; }
+  ChipTable const& checkerTable() const { return checkers_; }
+  // Entries over every unit and direction; checkers over every unit.
+  size_t entryCount() const;
+  size_t checkerCount() const;
+
+  // An add refused for want of checkers answers full and sets *missing to the fields that found
+  // none, taken in RangeField order; it takes nothing. Adding at an existing key replaces that
+  // entry.
+  Status entryAdd(uint32_t unit, Acl::AclDirection dir, AclEntry const& entry,
+                  RangeFields* missing = nullptr);
+  void entryDel(uint32_t unit, Acl::AclDirection dir, AclEntryKey const& key);
+  // Every entry of the instance, on every unit, in both directions.
+  void deleteInstance(uint32_t aclNumber);
+  AclTcamEntry const* entry(uint32_t unit, Acl::AclDirection dir, AclEntryKey const& key) const;
+  AclTcam const& tcam(uint32_t unit, Acl::AclDirection dir) const;
+  size_t rangeCheckersUsed(uint32_t unit) const;
+  // How many entries of the unit share the checker; 0 when there is none.
+  uint32_t rangeCheckerUsers(uint32_t unit, RangeField field, PortRange range) const;
+  // An error the platform answers for every rule it would program on the unit;
+  // aclCreateErrorNone clears it.
+  void unitErrorIs(uint32_t unit, Vemo::AclCreateError error);
+  Vemo::AclCreateError unitError(uint32_t unit) const;
+
+  // The instance applied to an interface in one direction, one per list type: an IPv4 packet is
+  // judged by the interface's IPv4 list, an IPv6 packet by its IPv6 list and any other packet by
+  // its MAC list. Packets of a port are looked up in the port's unit's TCAM, those of any other
+  // interface in unit 0's (every unit holds the same instances).
+  Status bind(Nepo::IntfId const& intf, Acl::AclDirection dir, uint32_t aclNumber,
+              Acl::AclType type = Acl::AclType::ip);
+  void unbind(Nepo::IntfId const& intf, Acl::AclDirection dir,
+              Acl::AclType type = Acl::AclType::ip);
+  // Takes the instance off every interface it is applied to in dir.
+  void unbindAll(uint32_t aclNumber, Acl::AclDirection dir);
+  std::optional<uint32_t> binding(Nepo::IntfId const& intf, Acl::AclDirection dir,
+                                  Acl::AclType type = Acl::AclType::ip) const;
+  // A blocked interface drops everything, in both directions.
+  void blockIs(Nepo::IntfId const& intf, bool blocked);
+  bool blocked(Nepo::IntfId const& intf) const { return blocked_.contains(intf); }
+
+  // The packet stage: a blocked interface denies the packet, an interface without an instance
+  // lets it go on, otherwise the instance's first matching entry decides and counts it, and a
+  // packet no entry matches is denied. A packet of VLAN n also meets interface Vlan<n>: its
+  // block, and its instance, looked up after the port's in the same TCAM. A deny from either
+  // instance decides; when both permit, the VLAN interface's entry is the one reported.
+  bool process(Packet const& p, ClassifyResult& result) override;
+
+  // {"units": [{"unit": 0, "in": {"used": 2, "capacity": 1024, "instances": {"3": {"entries": 2,
+  //  "hits": 5}}}, "out": {...}, "rangeCheckers": {"used": 1, "capacity": 32}, "error":
+  //  "aclCreateErrorTcamExhaustion"}], "bindings": {"Ethernet1": {"in": 3}}, "blocked":
+  //  ["Ethernet2"]}
+  rapidjson::Value toJson(rapidjson::Document::AllocatorType& alloc) const;
+
+ private:
+  struct RangeChecker {
+    RangeField field = RangeField::srcPort;
+    PortRange range;
+    friend auto operator<=>(RangeChecker const&, RangeChecker const&) = default;
+  };
+  struct Unit {
+    std::array<AclTcam, 2> tcam;                     // by Acl::AclDirection
+    std::map<RangeChecker, uint32_t> rangeCheckers;  // users of each checker
+    Vemo::AclCreateError error = Vemo::AclCreateError::aclCreateErrorNone;
+  };
+  Unit const& unitAt(uint32_t unit) const;
+  void checkersRelease(Unit& unit, AclEntry const& entry);
+
+  ChipPorts const& ports_;
+  ChipTable tcam_;
+  ChipTable checkers_;
+  std::vector<Unit> units_;
+  std::map<std::tuple<Nepo::IntfId, Acl::AclDirection, Acl::AclType>, uint32_t> bindings_;
+  std::set<Nepo::IntfId> blocked_;
 };
 
 }  // namespace sim
