@@ -74,6 +74,8 @@ api: build
 	@echo "hand-written: include/Vemo (SMs, helper contracts, types), runtime/*/include (framework)"
 	@echo "generated:    build/default/gen/include/ZolGen (one NAME.h and NAMEJson.h per schema/NAME.toml)"
 	@ls build/default/gen/include/ZolGen
+	@echo "generated:    build/default/gen-runtime/include/ZolGen (the runtime's runtime/tolm/schema/Tolm.toml)"
+	@ls build/default/gen-runtime/include/ZolGen
 
 format:
 	git ls-files '*.h' '*.cpp' | xargs clang-format -i

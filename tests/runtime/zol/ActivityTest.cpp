@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "Zol/Activity.h"
-#include "ZolGen/VemoCommon.h"
+#include "ZolGen/ZolTest.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -94,9 +94,9 @@ TEST(Clock, ReArmedForNowFromItsOwnHandlerFiresInTheNextPass) {
 
 namespace {
 
-class NextMismatchTimes : public Vemo::VerifyData::NotifieeConst {
+class NextMismatchTimes : public ZolTest::Board::NotifieeConst {
  public:
-  explicit NextMismatchTimes(Zol::Ptr<Vemo::VerifyData const> const& n) { notifierIs(n); }
+  explicit NextMismatchTimes(Zol::Ptr<ZolTest::Board const> const& n) { notifierIs(n); }
   void onNextMismatch() override {
     times.push_back(Zol::ActivityLoop::current().now());
     if (auto f = then) f();
@@ -110,7 +110,7 @@ class NextMismatchTimes : public Vemo::VerifyData::NotifieeConst {
 TEST(ActivityLoop, AdvanceToFiresEveryDeadlineOnTheWayAtItsTime) {
   ActivityLoop loop(ActivityLoop::TimeMode::simulated);
   Fired fired;
-  auto e = Zol::make<Vemo::VerifyData>("v");
+  auto e = Zol::make<ZolTest::Board>("v");
   NextMismatchTimes r(e);
   auto at1 = clockLogging(loop, fired, "at1");
   auto at4 = clockLogging(loop, fired, "at4");

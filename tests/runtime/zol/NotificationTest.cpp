@@ -9,22 +9,22 @@
 
 #include "Zol/Activity.h"
 #include "Zol/Entity.h"
-#include "ZolGen/VemoCommon.h"
+#include "ZolGen/ZolTest.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::UnorderedElementsAre;
-using Vemo::VerifyData;
 using Zol::ActivityLoop;
+using ZolTest::Board;
 using Log = std::vector<std::string>;
 
 namespace {
 
 // Logs every deferred notification as "<tag>attr:key"; `then` adds behaviour per test and may
 // destroy the reactor.
-class Recorder : public VerifyData::NotifieeConst {
+class Recorder : public Board::NotifieeConst {
  public:
-  Recorder(Zol::Ptr<VerifyData const> const& n, Log& log, std::string tag = "")
+  Recorder(Zol::Ptr<Board const> const& n, Log& log, std::string tag = "")
       : log_(log), tag_(std::move(tag)) {
     notifierIs(n);
   }
@@ -49,14 +49,14 @@ class NotificationTest : public testing::Test {
  protected:
   Log take() { return std::exchange(log, {}); }
   ActivityLoop loop{ActivityLoop::TimeMode::simulated};
-  Zol::Ptr<VerifyData> e = Zol::make<VerifyData>("v");
+  Zol::Ptr<Board> e = Zol::make<Board>("v");
   Log log;
 };
 
-class ResultCount : public Vemo::VemoAsyncBaseHelper::NotifieeConst {
+class ResultCount : public ZolTest::Wide::NotifieeConst {
  public:
-  explicit ResultCount(Zol::Ptr<Vemo::VemoAsyncBaseHelper const> const& n) { notifierIs(n); }
-  void onAsyncOperationResult() override { ++calls; }
+  explicit ResultCount(Zol::Ptr<ZolTest::Wide const> const& n) { notifierIs(n); }
+  void onResult() override { ++calls; }
   int calls = 0;
 };
 
@@ -69,7 +69,7 @@ TEST_F(NotificationTest, SameValueWritesNotifyNobody) {
   e->verifyDel("absent");
   EXPECT_FALSE(loop.hasPendingNotifications());
 
-  Vemo::VerifyMismatch const m("r1", "sm", "text");
+  ZolTest::Note const m("r1", "sm", "text");
   for (int i = 0; i < 2; ++i) {
     e->nextMismatchIs(4);
     e->currentRequestIs("r1");
@@ -86,17 +86,17 @@ TEST_F(NotificationTest, SameValueWritesNotifyNobody) {
   double const nan = std::numeric_limits<double>::quiet_NaN();
   EXPECT_TRUE(Zol::sameValue(nan, nan));
   EXPECT_FALSE(Zol::sameValue(0.0, -0.0));
-  auto h = Zol::make<Vemo::VemoAsyncBaseHelper>("helper");
+  auto h = Zol::make<ZolTest::Wide>("helper");
   ResultCount results(h);
   for (int i = 0; i < 2; ++i) {
-    h->asyncOperationResultIs(Vemo::AsyncOperationResult("lost", nan));
+    h->resultIs(ZolTest::Result("lost", nan));
     loop.runUntilIdle();
   }
   EXPECT_EQ(results.calls, 1);
 }
 
 TEST_F(NotificationTest, CoalescesAtThePositionOfTheFirstChange) {
-  auto e2 = Zol::make<VerifyData>("two");
+  auto e2 = Zol::make<Board>("two");
   Recorder r1(e, log, "1.");
   Recorder r2(e2, log, "2.");
   e->verifyIs("a", 1);
@@ -196,7 +196,7 @@ TEST_F(NotificationTest, ReactorsAndEntitiesMayGoOrComeDuringDelivery) {
 
   // Re-pointed with notifications pending: the old notifier's are not received. Switched off,
   // a reactor hears nothing.
-  auto other = Zol::make<VerifyData>("other");
+  auto other = Zol::make<Board>("other");
   after->then = nullptr;
   late.reset();
   e->verifyIs("a", 5);
@@ -226,21 +226,21 @@ TEST_F(NotificationTest, ReactorsAndEntitiesMayGoOrComeDuringDelivery) {
 
 namespace {
 
-class TrackedPortList : public Vemo::PortList {
+class TrackedPorts : public ZolTest::Ports {
  public:
-  TrackedPortList(Zol::Name const& name, bool& destroyed)
-      : Vemo::PortList(name), destroyed_(destroyed) {}
-  ~TrackedPortList() override { destroyed_ = true; }
+  TrackedPorts(Zol::Name const& name, bool& destroyed)
+      : ZolTest::Ports(name), destroyed_(destroyed) {}
+  ~TrackedPorts() override { destroyed_ = true; }
 
  private:
   bool& destroyed_;
 };
 
-class ImmediatePorts : public Vemo::PortList::NotifieeConst {
+class ImmediatePorts : public ZolTest::Ports::NotifieeConst {
  public:
-  explicit ImmediatePorts(Zol::Ptr<Vemo::PortList const> const& n) { notifierIs(n); }
+  explicit ImmediatePorts(Zol::Ptr<ZolTest::Ports const> const& n) { notifierIs(n); }
   void onPortszolImmediate(Zol::String const& k) override {
-    Vemo::PortList const& p = *notifier();
+    ZolTest::Ports const& p = *notifier();
     seen.push_back(k + (p.portsHas(k) ? (p.ports(k) ? "=up" : "=down") : "=gone"));
     if (auto f = then) f();
   }
@@ -253,7 +253,7 @@ class ImmediatePorts : public Vemo::PortList::NotifieeConst {
 }  // namespace
 
 TEST_F(NotificationTest, ImmediateHandlersRunInsideTheWriteAfterTheStore) {
-  auto p = Zol::make<Vemo::PortList>("ports");
+  auto p = Zol::make<ZolTest::Ports>("ports");
   ImmediatePorts r(p);
   p->portsIs("Ethernet1", true);
   EXPECT_THAT(r.seen, ElementsAre("Ethernet1=up"));
@@ -269,8 +269,8 @@ TEST_F(NotificationTest, ImmediateHandlersRunInsideTheWriteAfterTheStore) {
 
   // The entity outlives the write even when the handler drops its last reference.
   bool destroyed = false;
-  Vemo::PortList* raw = new TrackedPortList("tracked", destroyed);
-  ImmediatePorts last{Zol::Ptr<Vemo::PortList const>(raw)};
+  ZolTest::Ports* raw = new TrackedPorts("tracked", destroyed);
+  ImmediatePorts last{Zol::Ptr<ZolTest::Ports const>(raw)};
   last.then = [&] {
     last.notifierIs(nullptr);
     EXPECT_FALSE(destroyed);
@@ -285,25 +285,25 @@ TEST_F(NotificationTest, ImmediateHandlersRunInsideTheWriteAfterTheStore) {
 namespace {
 
 // Handles one attribute: every other one reaches the generated default handler.
-class VerifyOnly : public VerifyData::NotifieeConst {
+class VerifyOnly : public Board::NotifieeConst {
  public:
-  explicit VerifyOnly(Zol::Ptr<VerifyData const> const& n) { notifierIs(n); }
+  explicit VerifyOnly(Zol::Ptr<Board const> const& n) { notifierIs(n); }
   void onVerify(Zol::String const&) override { ++calls; }
   int calls = 0;
 };
 
-class MirrorSessions : public Vemo::VemoCommonSmData::NotifieeConst {
+class Sessions : public ZolTest::Wide::NotifieeConst {
  public:
-  explicit MirrorSessions(Zol::Ptr<Vemo::VemoCommonSmData const> const& n) { notifierIs(n); }
-  void onFreeMirrorSession(Zol::U32 k) override { keys.push_back(k); }
+  explicit Sessions(Zol::Ptr<ZolTest::Wide const> const& n) { notifierIs(n); }
+  void onSession(Zol::U32 k) override { keys.push_back(k); }
   std::vector<Zol::U32> keys;
 };
 
 }  // namespace
 
 TEST_F(NotificationTest, ReactorsStopBeingChargedForAttributesTheyDoNotHandle) {
-  uint64_t const all = (uint64_t{1} << VerifyData::kAttrCount) - 1;
-  uint64_t const completed = uint64_t{1} << VerifyData::kCompleted;
+  uint64_t const all = (uint64_t{1} << Board::kAttrCount) - 1;
+  uint64_t const completed = uint64_t{1} << Board::kCompleted;
   VerifyOnly r(e);
   EXPECT_EQ(e->zolDeferredMask(), all);
   e->completedIs("a", 1);
@@ -328,22 +328,22 @@ TEST_F(NotificationTest, ReactorsStopBeingChargedForAttributesTheyDoNotHandle) {
   EXPECT_EQ(e->zolDeferredMask(), all & ~completed);
 
   // Attributes numbered past 32 are delivered and learned alike.
-  static_assert(Vemo::VemoCommonSmData::kFreeMirrorSession > 32);
-  auto sm = Zol::make<Vemo::VemoCommonSmData>("common");
-  MirrorSessions sessions(sm);
-  sm->freeMirrorSessionIs(7, 1);
-  sm->quixFastBootIs(true);
-  sm->freeMirrorSessionIs(3, 2);
+  static_assert(ZolTest::Wide::kSession > 32);
+  auto wide = Zol::make<ZolTest::Wide>("wide");
+  Sessions sessions(wide);
+  wide->sessionIs(7, 1);
+  wide->flagIs(true);
+  wide->sessionIs(3, 2);
   loop.runUntilIdle();
   EXPECT_THAT(sessions.keys, ElementsAre(7u, 3u));
-  uint64_t const mirror = uint64_t{1} << Vemo::VemoCommonSmData::kFreeMirrorSession;
-  uint64_t const quix = uint64_t{1} << Vemo::VemoCommonSmData::kQuixFastBoot;
-  EXPECT_EQ(sm->zolDeferredMask() & (mirror | quix), mirror);
+  uint64_t const session = uint64_t{1} << ZolTest::Wide::kSession;
+  uint64_t const flag = uint64_t{1} << ZolTest::Wide::kFlag;
+  EXPECT_EQ(wide->zolDeferredMask() & (session | flag), session);
 }
 
 TEST_F(NotificationTest, DelAllNotifiesOncePerKeyAndNotifyNeedsNoChange) {
   Recorder r(e, log);
-  for (Zol::U32 k : {5u, 1u, 3u}) e->mismatchIs(k, Vemo::VerifyMismatch("r", "sm", "t"));
+  for (Zol::U32 k : {5u, 1u, 3u}) e->mismatchIs(k, ZolTest::Note("r", "sm", "t"));
   for (char const* k : {"x", "y", "z"}) e->verifyIs(k, 1);
   loop.runUntilIdle();
   take();
@@ -370,7 +370,7 @@ TEST_F(NotificationTest, DelAllNotifiesOncePerKeyAndNotifyNeedsNoChange) {
 }
 
 TEST(Notification, PendingNotificationsDroppedWithTheirLoopDoNotBlockLaterOnes) {
-  auto e = Zol::make<VerifyData>("v");
+  auto e = Zol::make<Board>("v");
   Log log;
   Recorder r(e, log);
   {

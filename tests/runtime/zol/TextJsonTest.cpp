@@ -9,10 +9,8 @@
 #include "Zol/Binding.h"
 #include "Zol/Json.h"
 #include "Zol/Text.h"
-#include "ZolGen/VemoCommon.h"
-#include "ZolGen/VemoCommonJson.h"
-#include "ZolGen/VemoTypes.h"
-#include "ZolGen/VemoTypesJson.h"
+#include "ZolGen/ZolTest.h"
+#include "ZolGen/ZolTestJson.h"
 
 using testing::HasSubstr;
 using testing::ThrowsMessage;
@@ -36,29 +34,24 @@ class JsonDoc {
 }  // namespace
 
 TEST(Text, ValueTypesPrintAndParseBack) {
-  std::string const levels =
-      "Value('Vemo::WevlLevels', ** {'vemoVrfRootSm': 1, 'vemoRoutingStatusSm': 1, "
-      "'vemoL3FeatureConfigSm': 1, 'vemoArpSm': 2, 'vemoIp6NeighborSm': 2, 'vemoRoutingSm': 3, "
-      "'vemoResilientEcmpSm': 3, 'vemoIp6RoutingSm': 4, 'vemoIp6ResilientEcmpSm': 4, "
-      "'vemoAdjDependencySm': 5, 'vemoSubIntfSm': 8, 'vemoIntfStatusSm': 6, "
-      "'vemoL2AdjHelper': 6, 'vemoPwSm': 6})";
-  EXPECT_EQ(Zol::stringValue(Vemo::WevlLevels()), levels);
-  EXPECT_EQ(Zol::valueFromString<Vemo::WevlLevels>(levels), Vemo::WevlLevels());
+  std::string const levels = "Value('ZolTest::Levels', ** {'arpSm': 2, 'routingSm': 3, 'pwSm': 6})";
+  EXPECT_EQ(Zol::stringValue(ZolTest::Levels()), levels);
+  EXPECT_EQ(Zol::valueFromString<ZolTest::Levels>(levels), ZolTest::Levels());
 
   // Fields in any order, absent ones at their defaults, any spacing.
-  auto const partial = Zol::valueFromString<Vemo::WevlLevels>(
-      " Value( 'Vemo::WevlLevels',**{ 'vemoPwSm':9,\n'vemoArpSm' : 7 } ) ");
-  Vemo::WevlLevels expected;
-  expected.vemoPwSmIs(9);
-  expected.vemoArpSmIs(7);
+  auto const partial = Zol::valueFromString<ZolTest::Levels>(
+      " Value( 'ZolTest::Levels',**{ 'pwSm':9,\n'arpSm' : 7 } ) ");
+  ZolTest::Levels expected;
+  expected.pwSmIs(9);
+  expected.arpSmIs(7);
   EXPECT_EQ(partial, expected);
 
-  Vemo::AsyncOperationResult const r("it's a \\ path", -0.0);
+  ZolTest::Result const r("it's a \\ path", -0.0);
   std::string const text = Zol::stringValue(r);
   EXPECT_EQ(text,
-            "Value('Vemo::AsyncOperationResult', ** {'error': 'it\\'s a \\\\ path', "
+            "Value('ZolTest::Result', ** {'error': 'it\\'s a \\\\ path', "
             "'timestamp': -0})");
-  auto const back = Zol::valueFromString<Vemo::AsyncOperationResult>(text);
+  auto const back = Zol::valueFromString<ZolTest::Result>(text);
   EXPECT_EQ(back.error(), r.error());
   EXPECT_TRUE(std::signbit(back.timestamp()));
   for (double d : {std::numeric_limits<double>::quiet_NaN(),
@@ -67,67 +60,58 @@ TEST(Text, ValueTypesPrintAndParseBack) {
     EXPECT_TRUE(Zol::sameValue(parsed, d)) << Zol::stringValue(d);
   }
 
-  EXPECT_EQ(Zol::stringValue(Vemo::HwOperationalMode::modeTapAgg), "'modeTapAgg'");
-  EXPECT_EQ(Zol::valueFromString<Vemo::HwOperationalMode>("\"modeTapAgg\""),
-            Vemo::HwOperationalMode::modeTapAgg);
+  EXPECT_EQ(Zol::stringValue(ZolTest::Mode::tapAgg), "'tapAgg'");
+  EXPECT_EQ(Zol::valueFromString<ZolTest::Mode>("\"tapAgg\""), ZolTest::Mode::tapAgg);
 }
 
 TEST(Text, MalformedTextThrowsNamingTheText) {
   for (char const* text : {
            "",
-           "Value('Vemo::WevlLevels', ** {'vemoPwSm': 9}",
-           "Value('Vemo::WevlLevel', ** {})",
-           "Value('Vemo::WevlLevels', ** {'vemoPw': 9})",
-           "Value('Vemo::WevlLevels', ** {'vemoPwSm': nine})",
-           "Value('Vemo::WevlLevels', ** {'vemoPwSm': 9,})",
-           "Value('Vemo::WevlLevels', ** {'vemoPwSm: 9})",
-           "Value('Vemo::WevlLevels', {})",
-           "Value('Vemo::WevlLevels', ** {}) trailing",
+           "Value('ZolTest::Levels', ** {'pwSm': 9}",
+           "Value('ZolTest::Level', ** {})",
+           "Value('ZolTest::Levels', ** {'pw': 9})",
+           "Value('ZolTest::Levels', ** {'pwSm': nine})",
+           "Value('ZolTest::Levels', ** {'pwSm': 9,})",
+           "Value('ZolTest::Levels', ** {'pwSm: 9})",
+           "Value('ZolTest::Levels', {})",
+           "Value('ZolTest::Levels', ** {}) trailing",
        }) {
-    EXPECT_THAT([&] { Zol::valueFromString<Vemo::WevlLevels>(text); },
+    EXPECT_THAT([&] { Zol::valueFromString<ZolTest::Levels>(text); },
                 ThrowsMessage<Zol::ParseError>(HasSubstr("'" + std::string(text) + "'")))
         << text;
   }
   // The error of one field names the whole text and what was wrong in it.
   EXPECT_THAT(
-      [] {
-        Zol::valueFromString<Vemo::WevlLevels>("Value('Vemo::WevlLevels', ** {'vemoPwSm': 1e3})");
-      },
-      ThrowsMessage<Zol::ParseError>(testing::StrEq("cannot parse 'Value('Vemo::WevlLevels', ** "
-                                                    "{'vemoPwSm': 1e3})': '1e3' is not a number")));
-  EXPECT_THAT([] { Zol::valueFromString<Vemo::HwOperationalMode>("'modeFast'"); },
-              ThrowsMessage<Zol::ParseError>(
-                  HasSubstr("'modeFast' is not a value of Vemo::HwOperationalMode")));
+      [] { Zol::valueFromString<ZolTest::Levels>("Value('ZolTest::Levels', ** {'pwSm': 1e3})"); },
+      ThrowsMessage<Zol::ParseError>(testing::StrEq("cannot parse 'Value('ZolTest::Levels', ** "
+                                                    "{'pwSm': 1e3})': '1e3' is not a number")));
+  EXPECT_THAT([] { Zol::valueFromString<ZolTest::Mode>("'fast'"); },
+              ThrowsMessage<Zol::ParseError>(HasSubstr("'fast' is not a value of ZolTest::Mode")));
   EXPECT_THROW(Zol::valueFromString<Zol::U8>("256"), Zol::RangeException);
   EXPECT_THROW(Zol::valueFromString<Zol::U8>("-1"), Zol::ParseError);
   EXPECT_THROW(Zol::valueFromString<bool>("true"), Zol::ParseError);
 }
 
 TEST(Text, RangeErrorsCarryTheirTexts) {
-  EXPECT_EQ(VemoTypes::BitmapIndex(31).value(), 31u);
-  EXPECT_THAT([] { VemoTypes::BitmapIndex(32); },
-              ThrowsMessage<Zol::RangeException>(
-                  testing::StrEq("BitmapIndex::value < 0 or > BitmapIndex::max not allowed")));
+  EXPECT_EQ(ZolTest::Slot(31).value(), 31u);
+  EXPECT_THAT([] { ZolTest::Slot(32); }, ThrowsMessage<Zol::RangeException>(testing::StrEq(
+                                             "Slot::value < 0 or > Slot::max not allowed")));
   EXPECT_THAT(
-      [] {
-        Zol::valueFromString<VemoTypes::Bitmap>(
-            "Value('VemoTypes::Bitmap', ** {'unitBmpQuantity': 33})");
-      },
-      ThrowsMessage<Zol::RangeException>(
-          testing::StrEq("Bitmap::unitBmpQuantity < 0 or > Expr @VemoBitmapTypes:47 not allowed")));
+      [] { Zol::valueFromString<ZolTest::Slots>("Value('ZolTest::Slots', ** {'used': 33})"); },
+      ThrowsMessage<Zol::RangeException>(testing::StrEq("Slots::used < 0 or > 32 not allowed")));
   JsonDoc j("32");
-  EXPECT_THAT([&] { Zol::fromJson<VemoTypes::BitmapIndex>(*j); },
+  EXPECT_THAT([&] { Zol::fromJson<ZolTest::Slot>(*j); },
               ThrowsMessage<Zol::RangeException>(
-                  testing::StrEq("BitmapIndex::value < 0 or > BitmapIndex::max not allowed")));
+                  testing::StrEq("Slot::value < 0 or > Slot::max not allowed")));
 }
 
 TEST(Json, ValuesConvertBackAndWrongTypesAreRejected) {
   rapidjson::Document d;
-  Vemo::WevlLevels levels;
-  levels.vemoArpSmIs(11);
+  ZolTest::Levels levels;
+  levels.arpSmIs(11);
   Json const j = Zol::toJson(levels, d.GetAllocator());
-  EXPECT_EQ(j["vemoArpSm"].GetUint(), 11u);
-  EXPECT_EQ(Zol::fromJson<Vemo::WevlLevels>(j), levels);
+  EXPECT_EQ(j["arpSm"].GetUint(), 11u);
+  EXPECT_EQ(Zol::fromJson<ZolTest::Levels>(j), levels);
 
   EXPECT_THAT([] { Zol::fromJson<Zol::U32>(*JsonDoc("\"5\"")); },
               ThrowsMessage<Zol::BindError>(testing::StrEq("expected an integer, found \"5\"")));
@@ -137,15 +121,15 @@ TEST(Json, ValuesConvertBackAndWrongTypesAreRejected) {
   EXPECT_THROW(Zol::fromJson<Zol::U32>(*JsonDoc("-1")), Zol::RangeException);
   EXPECT_THROW(Zol::fromJson<Zol::S8>(*JsonDoc("-129")), Zol::RangeException);
   EXPECT_EQ(Zol::fromJson<Zol::S8>(*JsonDoc("-128")), -128);
-  EXPECT_THAT([] { Zol::fromJson<Vemo::VerifyMismatch>(*JsonDoc(R"({"sm": "x", "bogus": 1})")); },
+  EXPECT_THAT([] { Zol::fromJson<ZolTest::Note>(*JsonDoc(R"({"sm": "x", "bogus": 1})")); },
               ThrowsMessage<Zol::BindError>(HasSubstr("has no field 'bogus'")));
 }
 
 namespace {
 
-class VerifyLog : public Vemo::VerifyData::NotifieeConst {
+class VerifyLog : public ZolTest::Board::NotifieeConst {
  public:
-  explicit VerifyLog(Zol::Ptr<Vemo::VerifyData const> const& n) { notifierIs(n); }
+  explicit VerifyLog(Zol::Ptr<ZolTest::Board const> const& n) { notifierIs(n); }
   void onVerify(Zol::String const& k) override { keys.push_back(k); }
   std::vector<std::string> keys;
 };
@@ -154,7 +138,7 @@ class VerifyLog : public Vemo::VerifyData::NotifieeConst {
 
 TEST(Binding, ReadsAndWritesAttributesByNameAndListsEntriesInKeyOrder) {
   Zol::ActivityLoop loop(Zol::ActivityLoop::TimeMode::simulated);
-  auto e = Zol::make<Vemo::VerifyData>("v");
+  auto e = Zol::make<ZolTest::Board>("v");
   VerifyLog r(e);
   Zol::EntityType const& type = e->zolEntityType();
   EXPECT_EQ(type.attr("nothing"), nullptr);
@@ -198,7 +182,7 @@ TEST(Binding, ReadsAndWritesAttributesByNameAndListsEntriesInKeyOrder) {
   }
   EXPECT_EQ(Zol::jsonText(Zol::entityToJson(*e, a)),
             R"({"verify":{"a":1,"alpha":5,"b1":2,"b10":3,"b9":2,"kappa":5,"mu":2,"omega":5,)"
-            R"("zeta":4},"reverify":{},"completed":{},"mismatch":{"2":{"request":"","sm":"arp",)"
+            R"("zeta":4},"completed":{},"mismatch":{"2":{"request":"","sm":"arp",)"
             R"("text":""},"10":{"request":"","sm":"","text":"late"}},"nextMismatch":7,)"
-            R"("currentRequest":"","answerPending":{}})");
+            R"("currentRequest":""})");
 }
