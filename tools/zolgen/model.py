@@ -281,17 +281,27 @@ def _load_extern(e, fname):
     return Extern(e["name"], e["header"], e.get("kind", "extern"))
 
 
+def _open_decl(d, kind, fname, settings):
+    """Where a declaration is, for messages, once its settings and name hold."""
+    where = f"{fname} {kind} {d.get('name')}"
+    _known(d, where, settings)
+    _check_ident(d.get("name"), where)
+    return where
+
+
+def _unique(names, where, what):
+    if len(set(names)) != len(names):
+        raise SchemaError(f"{where}: duplicate {what} name")
+
+
 def _load_enum(e, fam, fname):
-    where = f"{fname} enum {e.get('name')}"
-    _known(e, where, {"name", "values", "doc", "namespace"})
-    _check_ident(e.get("name"), where)
+    where = _open_decl(e, "enum", fname, {"name", "values", "doc", "namespace"})
     values = e.get("values", [])
     if not values:
         raise SchemaError(f"{where}: needs at least one value")
     for v in values:
         _check_ident(v, where)
-    if len(set(values)) != len(values):
-        raise SchemaError(f"{where}: duplicate enumerator")
+    _unique(values, where, "enumerator")
     return Enum(fam.name, e.get("namespace", fam.ns), e["name"], values, e.get("doc", ""))
 
 
@@ -333,14 +343,10 @@ def _load_field(f, where):
 
 
 def _load_value(v, fam, fname):
-    where = f"{fname} value {v.get('name')}"
-    _known(v, where, {"name", "fields", "methods", "members", "parse", "doc", "namespace", "ctor",
-                      "aliases", "check", "input"})
-    _check_ident(v.get("name"), where)
+    where = _open_decl(v, "value", fname, {"name", "fields", "methods", "members", "parse", "doc",
+                                           "namespace", "ctor", "aliases", "check", "input"})
     fields = [_load_field(f, where) for f in v.get("fields", [])]
-    names = [f.name for f in fields]
-    if len(set(names)) != len(names):
-        raise SchemaError(f"{where}: duplicate field name")
+    _unique([f.name for f in fields], where, "field")
     return Value(fam.name, v.get("namespace", fam.ns), v["name"], fields, v.get("methods", []),
                  v.get("members", []), v.get("parse", True), v.get("doc", ""), v.get("ctor", True),
                  v.get("aliases", {}), v.get("check", ""), v.get("input", False))
@@ -385,14 +391,12 @@ def _load_attr(a, where):
 
 
 def _load_entity(e, fam, fname):
-    where = f"{fname} entity {e.get('name')}"
-    _known(e, where, {"name", "attrs", "base", "methods", "members", "hooks", "doc", "namespace",
-                      "abstract", "conformance", "ctor_params"})
-    _check_ident(e.get("name"), where)
+    where = _open_decl(e, "entity", fname, {"name", "attrs", "base", "methods", "members", "hooks",
+                                            "doc", "namespace", "abstract", "conformance",
+                                            "ctor_params"})
     attrs = [_load_attr(a, where) for a in e.get("attrs", [])]
     names = [a.name for a in attrs]
-    if len(set(names)) != len(names):
-        raise SchemaError(f"{where}: duplicate attribute name")
+    _unique(names, where, "attribute")
     if "name" in names:
         # Every entity is constructed from, and answers name() with, its own name.
         raise SchemaError(f"{where}: attribute 'name' clashes with the entity's own name")
