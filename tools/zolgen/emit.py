@@ -432,27 +432,55 @@ class FamilyEmitter:
                       f"  void {nm}Del() {{ zolScalarWrite({nm}_, {p}(), {K}); }}"]
 
     def collection_accessors(self, a):
-        nm, k, K = a.name, a.key, f"k{cap(a.name)}"
+        nm, k = a.name, a.key
         out = [f"  size_t {nm}Size() const {{ return {nm}_.map.size(); }}",
                f"  bool {nm}Has({k.param()} k) const {{ return {nm}_.map.contains(k); }}",
                f"  auto const& {nm}All() const {{ return {nm}_.map; }}"]
-        if a.on_delete:
-            out += [f"  void {nm}Del({k.param()} k) {{",
-                    f"    if ({nm}_.map.contains(k)) {a.on_delete}(k);",
-                    f"    zolEntryDel({nm}_, k, {K});", "  }",
-                    f"  void {nm}DelAll() {{",
-                    f"    for (auto const& e : {nm}_.map) {a.on_delete}(e.first);",
-                    f"    zolEntryDelAll({nm}_, {K});", "  }"]
-        else:
-            out.append(f"  void {nm}Del({k.param()} k) {{ zolEntryDel({nm}_, k, {K}); }}")
-            out.append(f"  void {nm}DelAll() {{ zolEntryDelAll({nm}_, {K}); }}")
-        out.append(f"  void {nm}Notify({k.param()} k) {{ zolKeyChanged({nm}_, k, {K}); }}")
         if a.kind == "collection":
-            return out + self.value_entry_accessors(a)
-        return out + self.child_entry_accessors(a)
+            out += self.value_entry_reader(a)
+        else:
+            out += self.child_entry_reader(a)
+        for ret, sig, _ in self.collection_writers(a):
+            if a.kind == "childCollection" and sig.startswith(f"{nm}Is("):
+                out.append("  // Creates the child of that key if it does not exist yet.")
+            out.append(f"  {ret} {sig};")
+        return out
 
-    def value_entry_accessors(self, a):
+    def collection_writers(self, a):
+        """The writes of a collection as (return type, signature, body lines). They are defined
+        in the family's source, not the header: each instantiates the container's insert and
+        erase and the notification machinery, which every file including the header would
+        otherwise compile again."""
         nm, t, k, K = a.name, a.type, a.key, f"k{cap(a.name)}"
+        ws = []
+        if a.on_delete:
+            ws += [("void", f"{nm}Del({k.param()} k)",
+                    [f"  if ({nm}_.map.contains(k)) {a.on_delete}(k);",
+                     f"  zolEntryDel({nm}_, k, {K});"]),
+                   ("void", f"{nm}DelAll()",
+                    [f"  for (auto const& e : {nm}_.map) {a.on_delete}(e.first);",
+                     f"  zolEntryDelAll({nm}_, {K});"])]
+        else:
+            ws += [("void", f"{nm}Del({k.param()} k)", [f"  zolEntryDel({nm}_, k, {K});"]),
+                   ("void", f"{nm}DelAll()", [f"  zolEntryDelAll({nm}_, {K});"])]
+        ws.append(("void", f"{nm}Notify({k.param()} k)", [f"  zolKeyChanged({nm}_, k, {K});"]))
+        if a.kind == "collection":
+            ws.append(("void", f"{nm}Is({k.param()} k, {t.param()} v)",
+                       [f"  zolEntryWrite({nm}_, k, v, {K});"]))
+            return ws
+        args = "Zol::keyText(k)" + (", k" if t.decl.key_attr() else "")
+        p = f"Zol::Ptr<{t.cpp}>"
+        body = [f"  auto it = {nm}_.map.find(k);",
+                f"  if (it != {nm}_.map.end()) return it->second;",
+                f"  {p} c = Zol::make<{t.cpp}>({args});"]
+        if a.on_create:
+            body.append(f"  {a.on_create}(*c);")
+        body += [f"  zolEntryWrite({nm}_, k, c, {K});", "  return c;"]
+        ws.append((p, f"{nm}Is({k.param()} k)", body))
+        return ws
+
+    def value_entry_reader(self, a):
+        nm, t, k = a.name, a.type, a.key
         ret = t.cpp if t.by_value else f"{t.cpp} const&"
         out = [f"  {t.cpp if a.default_fn else ret} {nm}({k.param()} k) const {{",
                f"    auto it = {nm}_.map.find(k);"]
@@ -463,30 +491,18 @@ class FamilyEmitter:
         else:
             out += [f"    static {t.cpp} const empty{{}};",
                     f"    return it == {nm}_.map.end() ? empty : it->second;"]
-        out += ["  }",
-                f"  void {nm}Is({k.param()} k, {t.param()} v) {{ "
-                f"zolEntryWrite({nm}_, k, v, {K}); }}"]
+        out.append("  }")
         if a.default_fn:
             out += [f"  // What {nm}(k) reads for a key without an entry.",
                     f"  static {t.cpp} {a.default_fn}({k.param()} k);"]
         return out
 
-    def child_entry_accessors(self, a):
-        nm, t, k, K = a.name, a.type, a.key, f"k{cap(a.name)}"
-        args = "Zol::keyText(k)" + (", k" if t.decl.key_attr() else "")
+    def child_entry_reader(self, a):
+        nm, t, k = a.name, a.type, a.key
         p = f"Zol::Ptr<{t.cpp}>"
-        out = [f"  {p} {nm}({k.param()} k) const {{",
-               f"    auto it = {nm}_.map.find(k);",
-               f"    return it == {nm}_.map.end() ? {p}() : it->second;", "  }",
-               "  // Creates the child of that key if it does not exist yet.",
-               f"  {p} {nm}Is({k.param()} k) {{",
-               f"    auto it = {nm}_.map.find(k);",
-               f"    if (it != {nm}_.map.end()) return it->second;",
-               f"    {p} c = Zol::make<{t.cpp}>({args});"]
-        if a.on_create:
-            out.append(f"    {a.on_create}(*c);")
-        out += [f"    zolEntryWrite({nm}_, k, c, {K});", "    return c;", "  }"]
-        return out
+        return [f"  {p} {nm}({k.param()} k) const {{",
+                f"    auto it = {nm}_.map.find(k);",
+                f"    return it == {nm}_.map.end() ? {p}() : it->second;", "  }"]
 
     def notifiee_decl(self, d):
         n = d.name
@@ -741,6 +757,10 @@ class FamilyEmitter:
         if "destroyed" in d.hooks:
             out.append("  zolDestroyed();")
         out += ["}", ""]
+        for a in d.attrs:
+            if a.kind in ("collection", "childCollection"):
+                for ret, sig, body in self.collection_writers(a):
+                    out += [f"{ret} {q}::{sig} {{", *body, "}", ""]
         # dispatch
         out += [f"void {q}::zolDispatch(Zol::NotifieeBase& r, uint32_t attr, void const* key,",
                 f"                      bool immediate) const {{"]

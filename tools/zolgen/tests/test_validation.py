@@ -208,10 +208,11 @@ class AcceptedSchemaTest(SchemaTestCase):
         self.assertIn("kAttrCount = 5;", header)
 
     def test_hooks_default_functions_and_construction(self):
-        header = self.header(ENTITY_C + entity("E", '{ name = "x", child = "C", key = "U32", '
-                                                    'on_create = "made", on_delete = "gone" }'))
-        self.assertIn("    made(*c);\n", header)
-        self.assertIn("if (x_.map.contains(k)) gone(k);", header)
+        source = self.header(ENTITY_C + entity("E", '{ name = "x", child = "C", key = "U32", '
+                                                    'on_create = "made", on_delete = "gone" }'),
+                             "src/A.cpp")
+        self.assertIn("  made(*c);\n", source)
+        self.assertIn("if (x_.map.contains(k)) gone(k);", source)
         header = self.header(value('{ name = "f", type = "U8" }') + entity(
             "E", '{ name = "x", key = "U32", type = "V", default_fn = "xFor" }'))
         self.assertIn("  N::V x(Zol::U32 k) const {\n", header)
