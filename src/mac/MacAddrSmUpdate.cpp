@@ -1,0 +1,190 @@
+// The MAC SM's update list drained into the chip in time slices, and the FDB status and MAC table
+// written with what the chip took.
+#include <algorithm>
+
+#include "MacAddrSmReactors.h"
+#include "Zol/Syslog.h"
+
+ZOL_TRACE_MODULE("MacAddrSm")
+
+namespace Vemo {
+
+namespace {
+
+Zol::SyslogMessage const macHostTableFull{
+    "MAC_HOST_TABLE_FULL", LOG_ERR,
+    "Unable to program %s host table entry for MAC address %s in VLAN %d due to hardware "
+    "resource exhaustion",
+    "The switching ASIC has no room for the entry; packets destined to the address are flooded.",
+    "Reduce the number of host table entries that need to be programmed into the switching ASIC. "
+    "One or more of the following steps might be helpful: 1. Reduce the number of static mac "
+    "entries. 2. Clear dynamic mac table entries. 3. Introduce additional layer 3 boundaries to "
+    "reduce the number of MAC addresses. Please contact your technical support representative if "
+    "you need additional assistance."};
+
+Zol::SyslogMessage const macHashCollision{
+    "MAC_HASH_COLLISION", LOG_ERR,
+    "The specified MAC address could not be programmed into the switching ASIC due to hash "
+    "collisions in a bucket. Packets destined to the address will be flooded.",
+    "Every place the address hashes to in the MAC table is taken.",
+    "Clear dynamic mac table entries, or move hosts to other VLANs."};
+
+Zol::U16 clipMoves(Zol::U32 moves) {
+  return static_cast<Zol::U16>(std::min<Zol::U32>(moves, 0xFFFF));
+}
+
+}  // namespace
+
+void MacAddrSm::updateQueuedAddresses() {
+  ZOL_TRACE(9, "void Vemo::MacAddrSm::updateQueuedAddresses()");
+  if (roomFreed_) requeueFullEntries();
+  Zol::Seconds const deadline = now() + kSliceBudget;
+  Zol::U32 const agingTime = in_.bridgingConfig->hostAgingTime();
+  while (!updateOrder_.empty()) {
+    Bridging::MacVlanPair const key = updateOrder_.front();
+    auto const it = updateList_.find(key);
+    if (it == updateList_.end()) {
+      updateOrder_.pop_front();
+      continue;
+    }
+    if (agingTime > 0 && now() - it->second.since > agingTime) {
+      ZOL_TRACE(5, key << " has been in updateList for longer than aging time of " << agingTime
+                       << " seconds");
+    }
+    MacProgramStatus const status = program(key, it->second.update);
+    if (status == MacProgramStatus::macProgramBusy ||
+        status == MacProgramStatus::macProgramFlushInProgress) {
+      ZOL_TRACE(5, "Update failed as ASIC busy, retrying");
+      updateClock_.timeMinIs(now() + kBusyRetryDelay);
+      return;
+    }
+    ModifyMacEntry const update = it->second.update;
+    updateList_.erase(it);
+    updateOrder_.pop_front();
+    switch (status) {
+      case MacProgramStatus::macProgramSuccess:
+      case MacProgramStatus::macProgramInProgress:
+        applied(key, update);
+        break;
+      case MacProgramStatus::macProgramFull:
+        entryFull(key, update);
+        break;
+      default:
+        // A wrong request fails again the same way: it waits for the next change of the pair.
+        ZOL_TRACE(5, "Unable to program " << key << " " << update << ", code is " << status);
+        break;
+    }
+    if (!updateOrder_.empty() && now() >= deadline) {
+      ZOL_TRACE(
+          8, "updateQueuedAddresses: time slice spent, " << updateList_.size() << " entries left");
+      updateClock_.timeMinIs(0);
+      return;
+    }
+  }
+}
+
+MacProgramStatus MacAddrSm::program(Bridging::MacVlanPair const& key,
+                                    ModifyMacEntry const& update) {
+  switch (update.action()) {
+    case EntryEvaluationAction::addConfiguredToFdbStatusAndHardware:
+      ZOL_TRACE(6, " Programming MAC entry: " << key << " intf " << update.intf() << " type "
+                                              << update.entryType() << " moves " << update.moves());
+      return in_.helper->addHost(key, update.intf(), clipMoves(update.moves()),
+                                 !agesInHardware(update.entryType()), update.entryType());
+    case EntryEvaluationAction::removeFromFdbStatusAndHardware:
+      ZOL_TRACE(6, " Removing MAC entry: " << key << " type " << update.entryType());
+      return in_.helper->removeHost(key, update.entryType());
+    case EntryEvaluationAction::addLearntToFdbStatus:
+    case EntryEvaluationAction::ignoreLearnt:
+      // Nothing for the chip to do.
+      return MacProgramStatus::macProgramSuccess;
+    default:
+      vemoAssert("no source of this MAC table queues " +
+                 std::string(Zol::enumName(update.action())));
+  }
+}
+
+void MacAddrSm::applied(Bridging::MacVlanPair const& key, ModifyMacEntry const& update) {
+  switch (update.action()) {
+    case EntryEvaluationAction::addConfiguredToFdbStatusAndHardware:
+      addToFdbStatus(key, Bridging::HostEntry(update.intf(), update.entryType(), update.moves(),
+                                              update.lastMoveTime()));
+      in_.macTable->entryIs(
+          key, VemoTypes::MacAddressTableEntry(key, update.intf(), update.entryType()));
+      break;
+    case EntryEvaluationAction::removeFromFdbStatusAndHardware:
+      delFromFdbStatus(key);
+      roomFreed();
+      break;
+    case EntryEvaluationAction::addLearntToFdbStatus:
+      addToFdbStatus(key, Bridging::HostEntry(update.intf(), update.entryType(), update.moves(),
+                                              update.lastMoveTime()));
+      break;
+    default:
+      break;
+  }
+}
+
+void MacAddrSm::entryFull(Bridging::MacVlanPair const& key, ModifyMacEntry update) {
+  bool const collision = in_.helper->lastFullIsHashCollision();
+  ZOL_TRACE(5, "No room for " << key << " " << update << (collision ? " (hash collision)" : ""));
+  if (!update.fullLogged()) {
+    if (collision) {
+      Zol::Syslog::emit(macHashCollision);
+    } else {
+      std::string const mac = key.macAddr().stringValue();
+      Zol::Syslog::emit(macHostTableFull, agesInHardware(update.entryType()) ? "dynamic" : "static",
+                        mac.c_str(), static_cast<int>(key.vlanId().value()));
+    }
+    update.fullLoggedIs(true);
+  }
+  fullEntries_.insert_or_assign(key, update);
+}
+
+void MacAddrSm::roomFreed() {
+  if (fullEntries_.empty()) return;
+  roomFreed_ = true;
+  if (!updateClock_.armed()) updateClock_.timeMinIs(now());
+}
+
+void MacAddrSm::requeueFullEntries() {
+  roomFreed_ = false;
+  // In key order, so that which entry gets the room is not up to the hash map.
+  std::vector<std::pair<Bridging::MacVlanPair, ModifyMacEntry>> kept(fullEntries_.begin(),
+                                                                     fullEntries_.end());
+  std::sort(kept.begin(), kept.end(),
+            [](auto const& a, auto const& b) { return a.first < b.first; });
+  ZOL_TRACE(6, "room freed: " << kept.size() << " entries the chip had no room for queued again");
+  for (auto const& [key, update] : kept) addToUpdateList(key, update);
+}
+
+// -- The FDB status: one child per filtering identifier, gone when it holds no host.
+
+Bridging::HostEntry const* MacAddrSm::fdbEntry(Bridging::MacVlanPair const& key) const {
+  auto const& all = in_.bridgingStatus->fdbStatusAll();
+  auto const child = all.find(key.vlanId());
+  if (child == all.end()) return nullptr;
+  auto const& hosts = child->second->learnedHostAll();
+  auto const it = hosts.find(key.macAddr());
+  return it == hosts.end() ? nullptr : &it->second;
+}
+
+void MacAddrSm::addToFdbStatus(Bridging::MacVlanPair const& key, Bridging::HostEntry const& entry) {
+  ZOL_TRACE(5, "addToFdbStatus " << key << " " << entry);
+  Zol::Ptr<Bridging::FdbStatus> status = in_.bridgingStatus->fdbStatus(key.vlanId());
+  if (!status) status = in_.bridgingStatus->fdbStatusIs(key.vlanId());
+  status->learnedHostIs(key.macAddr(), entry);
+  // A learn that overtook a programmed entry: the SM no longer holds anything there.
+  if (entry.entryType() == Bridging::EntryType::learnedDynamicMac) in_.macTable->entryDel(key);
+}
+
+void MacAddrSm::delFromFdbStatus(Bridging::MacVlanPair const& key) {
+  ZOL_TRACE(5, "delFromFdbStatus " << key);
+  in_.macTable->entryDel(key);
+  Zol::Ptr<Bridging::FdbStatus> const status = in_.bridgingStatus->fdbStatus(key.vlanId());
+  if (!status) return;
+  status->learnedHostDel(key.macAddr());
+  if (status->learnedHostSize() == 0) in_.bridgingStatus->fdbStatusDel(key.vlanId());
+}
+
+}  // namespace Vemo
