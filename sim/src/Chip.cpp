@@ -34,8 +34,10 @@ constexpr char const* kTreeShape = R"({
           "bindings": {"*": {"in": 0, "out": 0, "ipv6 in": 0, "ipv6 out": 0, "mac in": 0,
                              "mac out": 0}},
           "blocked": [""]},
+  "mac": {"writes": 0, "operations": 0, "learns": 0, "aged": 0,
+          "*": {"*": {"intf": "", "type": "", "static": true}}},
   "rangeChecker": {"writes": 0, "operations": 0},
-  "capacity": {"lag": 0},
+  "capacity": {"lag": 0, "mac": 0},
   "errors": [""],
   "writes": 0,
   "operations": 0
@@ -72,7 +74,8 @@ Chip::Chip(Config const& config)
     : ports_(config.units, config.portsPerUnit),
       lags_(ports_, errors_),
       acls_(ports_, errors_),
-      path_{&acls_} {}
+      macs_(ports_, lags_, errors_),
+      path_{&acls_, &macs_} {}
 
 ChipTable& Chip::table(Table t) {
   return const_cast<ChipTable&>(static_cast<Chip const&>(*this).table(t));
@@ -86,6 +89,8 @@ ChipTable const& Chip::table(Table t) const {
       return acls_.tcamTable();
     case Table::rangeChecker:
       return acls_.checkerTable();
+    case Table::mac:
+      return macs_;
   }
   throw Zol::RangeException("no table " + std::to_string(static_cast<int>(t)));
 }
@@ -98,6 +103,8 @@ size_t Chip::size(Table t) const {
       return acls_.entryCount();
     case Table::rangeChecker:
       return acls_.checkerCount();
+    case Table::mac:
+      return macs_.size();
   }
   return 0;
 }
@@ -133,6 +140,7 @@ rapidjson::Value Chip::toJson(rapidjson::Document::AllocatorType& alloc) const {
   root.AddMember("lacpEnabled", lags_.lacpEnabled(), alloc);
   root.AddMember("lag", lags_.toJson(alloc), alloc);
   root.AddMember("acl", acls_.toJson(alloc), alloc);
+  root.AddMember("mac", macs_.toJson(alloc), alloc);
   rapidjson::Value capacities(rapidjson::kObjectType);
   for (size_t i = 0; i < kTableCount; ++i) {
     // The ACL tables' capacities apply per unit and are shown there.
@@ -153,6 +161,9 @@ rapidjson::Value Chip::treeJson(rapidjson::Document::AllocatorType& alloc) const
   rapidjson::Value root = toJson(alloc);
   addCounters(root["lag"], counters(Table::lag), alloc);
   addCounters(root["acl"], counters(Table::acl), alloc);
+  addCounters(root["mac"], counters(Table::mac), alloc);
+  root["mac"].AddMember("learns", macs_.learns(), alloc);
+  root["mac"].AddMember("aged", macs_.aged(), alloc);
   rapidjson::Value checkers(rapidjson::kObjectType);
   addCounters(checkers, counters(Table::rangeChecker), alloc);
   root.AddMember("rangeChecker", checkers, alloc);

@@ -284,8 +284,14 @@ void AclTables::blockIs(Nepo::IntfId const& intf, bool blocked) {
 bool AclTables::process(Packet const& p, ClassifyResult& result) {
   std::optional<Nepo::IntfId> vlan;
   if (p.vlan >= 1 && p.vlan <= kVlanMax) vlan = Nepo::IntfId(Nepo::IntfKind::Vlan, {p.vlan});
+  // Only the ACL's part of the result is set; bridging comes after.
+  auto const decide = [&](Acl::AclAction action, std::optional<AclEntryKey> entry, bool block) {
+    result.action = action;
+    result.entry = entry;
+    result.blocked = block;
+  };
   if (blocked(p.intf) || (vlan && blocked(*vlan))) {
-    result = ClassifyResult{Acl::AclAction::deny, std::nullopt, true};
+    decide(Acl::AclAction::deny, std::nullopt, true);
     return true;
   }
   std::optional<PortLocation> const where = ports_.location(p.intf);
@@ -297,12 +303,12 @@ bool AclTables::process(Packet const& p, ClassifyResult& result) {
   for (Nepo::IntfId const* intf : intfs) {
     std::optional<uint32_t> const acl = intf ? binding(*intf, p.direction, type) : std::nullopt;
     if (!acl) continue;
-    result = ClassifyResult{Acl::AclAction::deny, std::nullopt, false};
+    decide(Acl::AclAction::deny, std::nullopt, false);
     for (auto it = tcam.lower_bound(AclEntryKey{*acl, 0, 0});
          it != tcam.end() && it->first.aclNumber == *acl; ++it) {
       if (!it->second.entry.matches(p)) continue;
       ++it->second.hits;
-      result = ClassifyResult{it->second.entry.action, it->first, false};
+      decide(it->second.entry.action, it->first, false);
       break;
     }
     if (result.action == Acl::AclAction::deny) return true;

@@ -11,7 +11,8 @@ namespace sim {
 
 namespace {
 
-constexpr std::array<std::string_view, kTableCount> kTableNames = {"lag", "acl", "rangeChecker"};
+constexpr std::array<std::string_view, kTableCount> kTableNames = {"lag", "acl", "rangeChecker",
+                                                                   "mac"};
 constexpr std::array<std::string_view, 4> kStatusTexts = {"ok", "busy", "full", "failed"};
 
 }  // namespace

@@ -11,10 +11,12 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Sim/ChipAcl.h"
 #include "Sim/ChipLag.h"
+#include "Sim/ChipMac.h"
 #include "Sim/ChipPorts.h"
 #include "Sim/ChipTable.h"
 #include "Vemo/VemoTypes.h"
@@ -52,6 +54,16 @@ class Chip {
   LagTable const& lags() const { return lags_; }
   AclTables& acls() { return acls_; }
   AclTables const& acls() const { return acls_; }
+  MacTable& macs() { return macs_; }
+  MacTable const& macs() const { return macs_; }
+
+  // A port's link, up unless said otherwise: one that goes down loses what the chip learned on
+  // it and sends nothing.
+  void linkIs(Nepo::IntfId const& port, bool up) { macs_.linkIs(port, up); }
+  bool linkUp(Nepo::IntfId const& port) const { return macs_.linkUp(port); }
+  // The chip's time, for learning and aging; it stands at 0 until a source is given.
+  void timeSourceIs(MacTable::TimeSource now) { macs_.timeSourceIs(std::move(now)); }
+  Zol::Seconds now() const { return macs_.now(); }
 
   // Fault injection, limits and counters of any table by its name. For acl and rangeChecker,
   // whose capacity applies to each unit's TCAM and pool, size is the total over the chip. An ACL
@@ -68,24 +80,26 @@ class Chip {
   void errorsDelAll() { errors_.clear(); }
 
   // The fate of one packet: each stage of the path in turn, the first that decides ending it;
-  // a packet no stage decides is permitted. Today's path: the ACL stage.
+  // a packet no stage decides is permitted. The path: the ACL stage, then bridging (ingress
+  // packets only).
   ClassifyResult classify(Packet const& p);
 
   // Everything the chip holds, in key order:
   // {"units": [{"unit": 0, "ports": 32}], "lacpEnabled": true, "lag": {LagTable::toJson},
-  //  "acl": {AclTables::toJson}, "capacity": {"lag": 1024}, "errors": [...]}; the ACL tables'
-  // capacities are shown in their units.
+  //  "acl": {AclTables::toJson}, "mac": {MacTable::toJson}, "capacity": {"lag": 1024,
+  //  "mac": 32768}, "errors": [...]}; the ACL tables' capacities are shown in their units.
   rapidjson::Value toJson(rapidjson::Document::AllocatorType& alloc) const;
   // What scenarios read under hw/: toJson with the counters, "writes" and "operations", at the
-  // root (every table) and in each table's object ("lag", "acl", and "rangeChecker", which holds
-  // only them).
+  // root (every table) and in each table's object ("lag", "acl", "mac", and "rangeChecker", which
+  // holds only them); "mac" also counts what the chip "learns" and "aged" on its own.
   rapidjson::Value treeJson(rapidjson::Document::AllocatorType& alloc) const;
   // The part of treeJson at path: object members by name, array elements by decimal index.
   std::optional<rapidjson::Value> lookup(std::vector<std::string> const& path,
                                          rapidjson::Document::AllocatorType& alloc) const;
   // Whether path can name something in treeJson on this chip, whatever it holds now: known
   // tables and attribute names, a unit that exists, any key where the tree is keyed (a
-  // port-channel, an interface, an ACL number). Otherwise says why in *problem.
+  // port-channel, an interface, an ACL number, a VLAN and a MAC address). Otherwise says why in
+  // *problem.
   bool validPath(std::vector<std::string> const& path, std::string* problem) const;
   // Every path validPath accepts down to the values, with "<key>" and "<unit>" where the tree is
   // keyed or indexed ("lag/<key>/hwId", "acl/units/<unit>/in/used").
@@ -99,6 +113,7 @@ class Chip {
   ErrorLog errors_;
   LagTable lags_;
   AclTables acls_;
+  MacTable macs_;
   // The packet path, in order.
   std::vector<PacketStage*> path_;
 };

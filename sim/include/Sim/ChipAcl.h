@@ -123,6 +123,17 @@ struct ClassifyResult {
   // matched.
   std::optional<AclEntryKey> entry;
   bool blocked = false;
+
+  // What bridging did with an ingress packet the ACLs let through (see MacTable::process): the
+  // VLAN it was bridged in, the ports it leaves by (in order; none when it is dropped or goes to
+  // the CPU only), and whether it was flooded, sent to the CPU, or taught the table its source.
+  uint16_t vlan = 0;
+  std::vector<Nepo::IntfId> egress;
+  bool flooded = false;
+  bool toCpu = false;
+  bool learned = false;
+  // The VLAN is not one the packet's port carries: dropped.
+  bool vlanDropped = false;
 };
 
 // The TCAMs and range checkers are two tables (acl and rangeChecker) for faults, capacity and

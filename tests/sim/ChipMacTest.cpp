@@ -1,0 +1,225 @@
+// The chip's layer-2 table: room and buckets, what the chip does on its own (learning, moves,
+// aging, link loss), and where the bridging stage sends packets.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <set>
+#include <string>
+#include <vector>
+
+#include "Sim/Chip.h"
+#include "Zol/Json.h"
+
+namespace {
+
+using Bridging::EntryType;
+using Nepo::EthAddr;
+using Nepo::IntfId;
+using sim::MacKey;
+using sim::Status;
+using sim::VlanMembership;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+IntfId intf(std::string_view name) { return IntfId::fromString(name); }
+EthAddr mac(uint64_t n) { return EthAddr::fromValue(0x020000000000 + n); }
+MacKey key(uint16_t vlan, uint64_t n) { return MacKey{vlan, mac(n)}; }
+EthAddr const all = EthAddr::broadcast();
+
+// A chip with a settable clock and every report of its listener, as "+vlan 10 ... Ethernet1" or
+// "-vlan 10 ...".
+struct Bench {
+  sim::Chip chip{sim::Chip::Config{1, 8}};
+  sim::MacTable& t = chip.macs();
+  double now = 0;
+  std::vector<std::string> events;
+  Bench() {
+    chip.timeSourceIs([this] { return now; });
+    t.listenerIs(
+        [this](MacKey const& k, sim::MacEntry const* e) {
+          events.push_back(e ? "+" + k.text() + " " + e->intf.stringValue() : "-" + k.text());
+        },
+        this);
+  }
+  // Configured dynamic entries age; the other kinds given here do not.
+  Status add(MacKey const& k, std::string_view to,
+             EntryType type = EntryType::configuredStaticMac) {
+    return t.add(k, intf(to), type, type == EntryType::configuredDynamicMac);
+  }
+  sim::ClassifyResult send(std::string_view port, uint64_t src, EthAddr dst, uint16_t vlan = 0) {
+    sim::Packet p;
+    p.intf = intf(port);
+    p.vlan = vlan;
+    p.srcMac = mac(src);
+    p.dstMac = dst;
+    return chip.classify(p);
+  }
+  std::string at(MacKey const& k) const {
+    return t.entry(k) ? t.entry(k)->intf.stringValue() : "none";
+  }
+  void lag(std::string_view name, std::vector<std::pair<std::string_view, bool>> const& members) {
+    ASSERT_EQ(chip.lags().create(intf(name)), Status::ok);
+    for (auto [port, distributing] : members) {
+      ASSERT_EQ(chip.lags().memberIs(intf(name), intf(port), true, {true, distributing}),
+                Status::ok);
+    }
+  }
+};
+
+TEST(SimChipMac, AFullBucketRefusesWhileTheTableHasRoom) {
+  Bench b;
+  b.t.capacityIs(16);  // 4 buckets of 4
+  std::vector<uint64_t> same;
+  uint64_t other = 0;
+  for (uint64_t n = 1; same.size() < 5 || other == 0; ++n) {
+    bool const together = b.t.bucket(key(1, n)) == b.t.bucket(key(1, 1));
+    if (together && same.size() < 5) same.push_back(n);
+    if (!together && other == 0) other = n;
+  }
+  for (int i = 0; i < 4; ++i) ASSERT_EQ(b.add(key(1, same[i]), "Ethernet1"), Status::ok);
+  EXPECT_EQ(b.add(key(1, same[4]), "Ethernet1"), Status::full);
+  EXPECT_TRUE(b.t.lastFullWasCollision());
+  // Neither replacing an entry of the full bucket nor learning into it takes room.
+  EXPECT_EQ(b.add(key(1, same[0]), "Ethernet2", EntryType::configuredDynamicMac), Status::ok);
+  EXPECT_FALSE(b.send("Ethernet3", same[4], {}).learned);
+  EXPECT_EQ(b.t.entry(key(1, same[4])), nullptr);
+  EXPECT_EQ(b.add(key(1, other), "Ethernet1"), Status::ok);
+  EXPECT_EQ(b.add(key(20, 1), "Vlan20"), Status::failed);
+  EXPECT_THAT(b.chip.errors(),
+              ElementsAre("mac add " + key(1, same[4]).text() + ": full, hash bucket full",
+                          "mac add vlan 20 02:00:00:00:00:01: failed, Vlan20 is not a port, a "
+                          "port-channel or the CPU"));
+}
+
+TEST(SimChipMac, StaticEntriesOutliveAgingFlushesAndMovesWhileDynamicOnesAreReported) {
+  Bench b;
+  ASSERT_EQ(b.add(key(10, 1), "Ethernet1"), Status::ok);
+  ASSERT_EQ(b.add(key(10, 2), "Ethernet2", EntryType::configuredDynamicMac), Status::ok);
+  for (auto port : {"Ethernet3", "Ethernet4"}) {
+    b.t.vlanMembershipIs(intf(port), VlanMembership::access(10));
+  }
+  b.now = 50;
+  EXPECT_TRUE(b.send("Ethernet3", 3, all).learned);
+  // The static host seen elsewhere stays; the dynamic one moves, as a learn.
+  EXPECT_FALSE(b.send("Ethernet4", 1, all).learned);
+  EXPECT_TRUE(b.send("Ethernet4", 2, all).learned);
+  EXPECT_EQ(b.t.entry(key(10, 2))->type, EntryType::learnedDynamicMac);
+  EXPECT_EQ(b.t.oldestSeen(), 50);
+  b.now = 100;
+  EXPECT_FALSE(b.send("Ethernet3", 3, mac(1)).learned);  // a refresh
+  EXPECT_EQ(b.t.age(349, 300), 0u);
+  EXPECT_EQ(b.t.age(350, 300), 1u);
+  EXPECT_EQ(b.t.age(10000, 0), 0u);  // aging off
+  EXPECT_EQ(b.at(key(10, 3)), "Ethernet3");
+  EXPECT_EQ(b.t.flush(0), 1u);
+  EXPECT_EQ(b.t.flushIntf(0, intf("Ethernet1")), 0u);
+  EXPECT_EQ(b.at(key(10, 1)), "Ethernet1");
+  // A static entry replacing a dynamic one leaves the reports; the VLAN's removal takes both.
+  ASSERT_EQ(b.add(key(10, 5), "Ethernet5", EntryType::configuredDynamicMac), Status::ok);
+  ASSERT_EQ(b.add(key(10, 5), "Ethernet5"), Status::ok);
+  EXPECT_EQ(b.t.removeVlan(10), 2u);
+  EXPECT_THAT(
+      b.events,
+      ElementsAre("+vlan 10 02:00:00:00:00:02 Ethernet2", "+vlan 10 02:00:00:00:00:03 Ethernet3",
+                  "+vlan 10 02:00:00:00:00:02 Ethernet4", "-vlan 10 02:00:00:00:00:02",
+                  "-vlan 10 02:00:00:00:00:03", "+vlan 10 02:00:00:00:00:05 Ethernet5",
+                  "-vlan 10 02:00:00:00:00:05"));
+  EXPECT_EQ(b.t.learns(), 2u);
+  EXPECT_EQ(b.t.aged(), 1u);
+  EXPECT_THAT(b.t.entries(), IsEmpty());
+}
+
+TEST(SimChipMac, LearningFollowsPortAndVlanSwitchesPortChannelsAndLinks) {
+  Bench b;
+  b.lag("Port-Channel1", {{"Ethernet5", true}});
+  b.t.learningIs(intf("Ethernet3"), false);
+  b.t.vlanLearningIs(20, false);
+  b.t.vlanMembershipIs(intf("Ethernet1"), VlanMembership::trunkOf({1, 20}));
+  EXPECT_FALSE(b.send("Ethernet3", 1, {}).learned);
+  EXPECT_FALSE(b.send("Ethernet1", 1, {}, 20).learned);
+  EXPECT_TRUE(b.send("Ethernet1", 1, {}).learned);
+  // Learning off on the new port keeps the host where it was.
+  EXPECT_FALSE(b.send("Ethernet3", 1, {}).learned);
+  EXPECT_TRUE(b.send("Ethernet5", 2, {}).learned);
+  EXPECT_EQ(b.at(key(1, 2)), "Port-Channel1");
+  ASSERT_EQ(b.add(key(1, 3), "Ethernet2"), Status::ok);
+  EXPECT_TRUE(b.send("Ethernet2", 4, {}).learned);
+
+  // A link going down takes what was learned on it, and nothing leaves by it.
+  b.events.clear();
+  b.chip.linkIs(intf("Ethernet2"), false);
+  EXPECT_THAT(b.events, ElementsAre("-vlan 1 02:00:00:00:00:04"));
+  EXPECT_EQ(b.at(key(1, 3)), "Ethernet2");
+  EXPECT_THAT(b.send("Ethernet4", 9, mac(3)).egress, IsEmpty());
+  EXPECT_EQ(b.t.counters().writes, 3u);  // learning switches and the static entry; learns are not
+  rapidjson::Document doc;
+  auto const tree = [&](std::vector<std::string> const& path) {
+    return Zol::jsonText(*b.chip.lookup(path, doc.GetAllocator()));
+  };
+  EXPECT_EQ(tree({"mac", "1", "02:00:00:00:00:02"}),
+            R"({"intf":"Port-Channel1","type":"learnedDynamicMac","static":false})");
+  EXPECT_EQ(tree({"mac", "1", "02:00:00:00:00:03", "static"}), "true");
+  EXPECT_EQ(tree({"mac", "learns"}), "4");
+}
+
+TEST(SimChipMac, FloodsOneMemberPerPortChannelAndHashesFlowsOverDistributingMembers) {
+  Bench b;
+  b.lag("Port-Channel1", {{"Ethernet5", true}, {"Ethernet6", true}, {"Ethernet7", false}});
+  for (auto port : {"Ethernet1", "Ethernet8"}) {
+    b.t.vlanMembershipIs(intf(port), VlanMembership::access(10));
+  }
+  b.t.vlanMembershipIs(intf("Ethernet2"), VlanMembership::trunkOf({10, 20}));
+  b.t.vlanMembershipIs(intf("Port-Channel1"), VlanMembership::trunkOf({10}));
+  // The one member of Port-Channel1 a result leaves by.
+  auto const member = [](sim::ClassifyResult const& r) {
+    std::vector<IntfId> m;
+    for (IntfId const& p : r.egress) {
+      if (p >= intf("Ethernet5") && p <= intf("Ethernet7")) m.push_back(p);
+    }
+    EXPECT_EQ(m.size(), 1u);
+    return m.empty() ? IntfId() : m[0];
+  };
+
+  sim::ClassifyResult r = b.send("Ethernet1", 1, all);
+  EXPECT_TRUE(r.flooded);
+  EXPECT_EQ(r.vlan, 10);
+  EXPECT_EQ(r.egress.size(), 3u);
+  EXPECT_NE(member(r), intf("Ethernet7"));
+  r = b.send("Ethernet6", 2, mac(99), 10);
+  EXPECT_THAT(r.egress, ElementsAre(intf("Ethernet1"), intf("Ethernet2"), intf("Ethernet8")));
+
+  // Known unicast to the port-channel: one distributing member per flow, the same each time.
+  std::set<IntfId> used;
+  for (uint64_t src = 10; src < 40; ++src) {
+    IntfId const first = member(b.send("Ethernet8", src, mac(2)));
+    EXPECT_EQ(member(b.send("Ethernet8", src, mac(2))), first);
+    used.insert(first);
+  }
+  EXPECT_EQ(used, (std::set<IntfId>{intf("Ethernet5"), intf("Ethernet6")}));
+  // Back where it came from: dropped. The CPU: no port.
+  EXPECT_THAT(b.send("Ethernet7", 51, mac(2), 10).egress, IsEmpty());
+  ASSERT_EQ(b.add(key(10, 60), "Cpu", EntryType::routerMac), Status::ok);
+  r = b.send("Ethernet1", 1, mac(60));
+  EXPECT_TRUE(r.toCpu);
+  EXPECT_THAT(r.egress, IsEmpty());
+
+  // A VLAN the port does not carry, tagged or native: dropped before learning.
+  r = b.send("Ethernet1", 70, all, 20);
+  EXPECT_TRUE(r.vlanDropped);
+  EXPECT_FALSE(r.learned);
+  EXPECT_THAT(r.egress, IsEmpty());
+  EXPECT_TRUE(b.send("Ethernet2", 70, all).vlanDropped);
+  // VLAN 1 is carried by the ports left as they were.
+  EXPECT_THAT(b.send("Ethernet3", 70, all).egress, ElementsAre(intf("Ethernet4")));
+  // Egress packets and blocked ones never reach bridging.
+  sim::Packet out;
+  out.intf = intf("Ethernet1");
+  out.srcMac = mac(71);
+  out.direction = Acl::AclDirection::out;
+  EXPECT_FALSE(b.chip.classify(out).flooded);
+  b.chip.acls().blockIs(intf("Ethernet1"), true);
+  EXPECT_FALSE(b.send("Ethernet1", 72, all).learned);
+  EXPECT_EQ(b.t.entry(key(10, 71)), nullptr);
+}
+
+}  // namespace

@@ -1,0 +1,212 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <set>
+#include <string>
+#include <vector>
+
+#include "Sim/MacAddrHelper.h"
+#include "Vemo/VemoCommon.h"
+
+namespace {
+
+using Bridging::EntryType;
+using Bridging::MacVlanPair;
+using Nepo::EthAddr;
+using Nepo::IntfId;
+using sim::Chip;
+using sim::Status;
+using sim::Table;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using enum Vemo::MacProgramStatus;
+using Zol::ActivityLoop;
+
+IntfId intf(std::string_view name) { return IntfId::fromString(name); }
+EthAddr mac(uint64_t n) { return EthAddr::fromValue(0x020000000000 + n); }
+MacVlanPair pair(uint16_t vlan, uint64_t n) { return MacVlanPair(mac(n), Bridging::VlanId(vlan)); }
+
+struct Bench {
+  ActivityLoop loop{ActivityLoop::TimeMode::simulated};
+  Chip chip{Chip::Config{1, 8}};
+  Zol::Ptr<Vemo::VemoCommonSmData> cd = Vemo::vemoCommonSmDataFactory("cd");
+  Zol::Ptr<VemoTypes::MacTable> driver = Zol::make<VemoTypes::MacTable>("driver");
+  Zol::Ptr<sim::MacAddrHelper> helper =
+      Zol::make<sim::MacAddrHelper>("macHelper", chip, cd, driver);
+
+  bool packet(std::string_view port, uint64_t src, uint16_t vlan = 1) {
+    sim::Packet p;
+    p.intf = intf(port);
+    p.vlan = vlan;
+    p.srcMac = mac(src);
+    p.dstMac = EthAddr::broadcast();
+    return chip.classify(p).learned;
+  }
+  // The driver table as "vlan 1 02:00:00:00:00:05 Ethernet1 learnedDynamicMac", sorted.
+  std::set<std::string> published() const {
+    std::set<std::string> out;
+    for (auto const& [k, e] : driver->entryAll()) {
+      out.insert(sim::MacKey::of(k).text() + " " + e.intf().stringValue() + " " +
+                 std::string(Zol::enumName(e.entryType())));
+    }
+    return out;
+  }
+  std::vector<std::string> verify() {
+    cd->verifyData()->mismatchDelAll();
+    helper->handleVerify();
+    std::vector<std::string> texts;
+    for (auto const& [seq, m] : cd->verifyData()->mismatchAll()) texts.push_back(m.text());
+    return texts;
+  }
+};
+
+TEST(SimMacAddrHelper, TheDriverTableFollowsLearnsMovesAgingFlushesAndStaticReplacement) {
+  Bench b;
+  auto& h = *b.helper;
+  h.hwInit();
+  h.configureAgingTime(300);
+  EXPECT_EQ(b.loop.armedTimers(), 0u);
+  for (auto port : {"Ethernet3", "Ethernet4"}) {
+    b.chip.macs().vlanMembershipIs(intf(port), sim::VlanMembership::trunkOf({1, 20}));
+  }
+  ASSERT_TRUE(b.packet("Ethernet1", 1));
+  ASSERT_TRUE(b.packet("Ethernet1", 2));
+  ASSERT_TRUE(b.packet("Ethernet3", 3));
+  ASSERT_TRUE(b.packet("Ethernet3", 3, 20));
+  ASSERT_TRUE(b.packet("Ethernet2", 2));  // a move
+  EXPECT_EQ(h.addHost(pair(1, 4), intf("Ethernet4"), 0, false, EntryType::configuredDynamicMac),
+            macProgramSuccess);
+  EXPECT_EQ(h.addHost(pair(1, 1), intf("Ethernet1"), 0, true, EntryType::configuredStaticMac),
+            macProgramSuccess);
+  EXPECT_THAT(b.published(), ElementsAre("vlan 1 02:00:00:00:00:02 Ethernet2 learnedDynamicMac",
+                                         "vlan 1 02:00:00:00:00:03 Ethernet3 learnedDynamicMac",
+                                         "vlan 1 02:00:00:00:00:04 Ethernet4 configuredDynamicMac",
+                                         "vlan 20 02:00:00:00:00:03 Ethernet3 learnedDynamicMac"));
+
+  // Entries seen again stay; the others age at 300 s, and no clock is left once none ages.
+  b.loop.advanceBy(200);
+  ASSERT_FALSE(b.packet("Ethernet2", 2));
+  b.loop.advanceBy(99);
+  EXPECT_EQ(b.published().size(), 4u);
+  b.loop.advanceBy(1);
+  EXPECT_THAT(b.published(), ElementsAre("vlan 1 02:00:00:00:00:02 Ethernet2 learnedDynamicMac"));
+  b.loop.advanceBy(200);
+  EXPECT_THAT(b.published(), IsEmpty());
+  EXPECT_EQ(b.loop.armedTimers(), 0u);
+  EXPECT_EQ(b.chip.macs().entry(sim::MacKey::of(pair(1, 1)))->intf, intf("Ethernet1"));
+
+  // Flushes take the dynamic entries of what they name, and the driver table follows.
+  for (uint16_t vlan : {1, 20}) {
+    ASSERT_TRUE(b.packet("Ethernet3", 5, vlan));
+    ASSERT_TRUE(b.packet("Ethernet4", 6, vlan));
+  }
+  h.flushVlanPort(20, intf("Ethernet3"));
+  h.flushVlanLag(0, intf("Ethernet4"));
+  EXPECT_THAT(b.published(), ElementsAre("vlan 1 02:00:00:00:00:05 Ethernet3 learnedDynamicMac"));
+  h.flushAll();
+  h.configureAgingTime(0);
+  ASSERT_TRUE(b.packet("Ethernet3", 7));
+  b.loop.advanceBy(10000);
+  EXPECT_THAT(b.published(), ElementsAre("vlan 1 02:00:00:00:00:07 Ethernet3 learnedDynamicMac"));
+  EXPECT_EQ(b.chip.size(Table::mac), 2u);
+  EXPECT_EQ(h.calls("beforeHwInit"), 0u);
+  EXPECT_EQ(h.calls("aging"), 2u);
+}
+
+TEST(SimMacAddrHelper, RefusalsMapToProgramStatusAndACollisionIsTold) {
+  Bench b;
+  auto& h = *b.helper;
+  auto add = [&](uint64_t n, std::string_view to = "Ethernet1") {
+    return h.addHost(pair(1, n), intf(to), 0, true, EntryType::configuredStaticMac);
+  };
+  EXPECT_EQ(add(1), macProgramSuccess);
+  EXPECT_EQ(h.calls("beforeHwInit"), 1u);
+  h.hwInit();
+  b.chip.faultIs(Table::mac, Status::busy, 1);
+  EXPECT_EQ(h.removeHost(pair(1, 1), EntryType::configuredStaticMac), macProgramBusy);
+  b.chip.faultIs(Table::mac, Status::failed, 1);
+  EXPECT_EQ(add(2), macProgramFailed);
+  EXPECT_EQ(add(2, "Vlan1"), macProgramFailed);
+  b.chip.faultIs(Table::mac, Status::full, 1);
+  EXPECT_EQ(add(2), macProgramFull);
+  EXPECT_FALSE(h.lastFullIsHashCollision());
+
+  b.chip.capacityIs(Table::mac, 4);  // one bucket
+  for (uint64_t n = 2; n <= 4; ++n) ASSERT_EQ(add(n), macProgramSuccess);
+  EXPECT_EQ(add(5), macProgramFull);
+  EXPECT_FALSE(h.lastFullIsHashCollision());
+  b.chip.capacityIs(Table::mac, 7);  // still one bucket, now with room
+  EXPECT_EQ(add(5), macProgramFull);
+  EXPECT_TRUE(h.lastFullIsHashCollision());
+  for (int twice = 0; twice < 2; ++twice) {
+    EXPECT_EQ(h.removeHost(pair(1, 4), EntryType::configuredStaticMac), macProgramSuccess);
+  }
+  EXPECT_EQ(add(5), macProgramSuccess);
+  EXPECT_EQ(h.calls("refused"), 6u);
+  EXPECT_EQ(h.calls("addHost"), 10u);
+}
+
+TEST(SimMacAddrHelper, VerificationLearningAndLinkStateAgreeWithTheChip) {
+  Bench b;
+  auto& h = *b.helper;
+  h.hwInit();
+  auto const programmed = Zol::make<VemoTypes::MacTable>("programmed");
+  h.programmedTableIs(programmed);
+  auto program = [&](MacVlanPair const& k, std::string_view to, EntryType type) {
+    programmed->entryIs(k, VemoTypes::MacAddressTableEntry(k, intf(to), type));
+    bool const aging = type == EntryType::configuredDynamicMac;
+    ASSERT_EQ(h.addHost(k, intf(to), 0, !aging, type), macProgramSuccess);
+  };
+  program(pair(1, 1), "Ethernet1", EntryType::configuredStaticMac);
+  program(pair(1, 2), "Cpu", EntryType::routerMac);
+  program(pair(10, 3), "Port-Channel2", EntryType::configuredDynamicMac);
+  ASSERT_TRUE(b.packet("Ethernet5", 9));  // learned entries are the chip's own
+  EXPECT_THAT(b.verify(), IsEmpty());
+
+  ASSERT_EQ(b.chip.macs().remove(sim::MacKey::of(pair(1, 1))), Status::ok);
+  ASSERT_EQ(b.chip.macs().add(sim::MacKey::of(pair(1, 2)), intf("Ethernet2"), EntryType::routerMac,
+                              false),
+            Status::ok);
+  ASSERT_EQ(b.chip.macs().add(sim::MacKey::of(pair(1, 8)), intf("Ethernet3"),
+                              EntryType::configuredStaticMac, false),
+            Status::ok);
+  EXPECT_THAT(b.verify(),
+              ElementsAre("vlan 1 02:00:00:00:00:01: programmed behind Ethernet1 "
+                          "(configuredStaticMac), not in hardware",
+                          "vlan 1 02:00:00:00:00:02: programmed behind Cpu (routerMac), hardware "
+                          "has Ethernet2 (routerMac)",
+                          "vlan 1 02:00:00:00:00:08: static in hardware behind Ethernet3 "
+                          "(configuredStaticMac), not programmed"));
+
+  h.enableLearning(intf("Ethernet1"), false);
+  h.enableLearningOnVlan(Bridging::VlanId(10), false);
+  EXPECT_FALSE(h.verifyLearning(intf("Ethernet1"), true));
+  EXPECT_TRUE(h.verifyLearning(intf("Ethernet2"), true));
+  EXPECT_FALSE(h.verifyLearningOnVlan(Bridging::VlanId(10), true));
+
+  // A dynamic entry programmed behind a port whose link is down goes at start.
+  b.chip.linkIs(intf("Ethernet6"), false);
+  program(pair(1, 6), "Ethernet6", EntryType::configuredDynamicMac);
+  ASSERT_EQ(b.published().size(), 3u);
+  h.handleLinkStateAtInit();
+  EXPECT_EQ(b.chip.macs().entry(sim::MacKey::of(pair(1, 6))), nullptr);
+  EXPECT_EQ(b.published().size(), 2u);
+}
+
+TEST(SimMacAddrHelper, ANewHelperPublishesWhatTheChipKeptAndTheOldOneLetsGo) {
+  Bench b;
+  ASSERT_TRUE(b.packet("Ethernet1", 1));
+  ASSERT_TRUE(b.packet("Ethernet1", 2));
+  auto const driver = Zol::make<VemoTypes::MacTable>("driver2");
+  // A stale entry the chip no longer holds is taken out.
+  driver->entryIs(pair(1, 7), VemoTypes::MacAddressTableEntry(pair(1, 7), intf("Ethernet7"),
+                                                              EntryType::learnedDynamicMac));
+  auto second = Zol::make<sim::MacAddrHelper>("macHelper2", b.chip, b.cd, driver);
+  b.helper = nullptr;
+  ASSERT_TRUE(b.packet("Ethernet2", 1));
+  EXPECT_EQ(driver->entrySize(), 2u);
+  EXPECT_EQ(driver->entry(pair(1, 1)).intf(), intf("Ethernet2"));
+  EXPECT_EQ(b.driver->entry(pair(1, 1)).intf(), intf("Ethernet1"));
+}
+
+}  // namespace
