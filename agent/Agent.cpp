@@ -83,6 +83,41 @@ std::string jsonAsText(rapidjson::Value const& v, int indent) {
   return out;
 }
 
+namespace {
+
+// "Ethernet2, Ethernet5", or "none".
+std::string portList(std::vector<Nepo::IntfId> const& ports) {
+  std::string out;
+  for (Nepo::IntfId const& port : ports) out += (out.empty() ? "" : ", ") + port.stringValue();
+  return out.empty() ? "none" : out;
+}
+
+// Where a bridged packet went: "to Ethernet3", "flood Ethernet2-4, Ethernet7" (runs of ports
+// that follow each other shortened), "to Cpu", "no egress".
+std::string egressText(sim::ClassifyResult const& r) {
+  if (r.toCpu && r.egress.empty()) return "to Cpu";
+  if (r.egress.empty()) return "no egress";
+  std::string out;
+  auto const number = [](Nepo::IntfId const& i) -> std::optional<uint32_t> {
+    std::string const name = i.stringValue();
+    if (!i.isEthernet() || name.find('/') != std::string::npos) return std::nullopt;
+    return static_cast<uint32_t>(std::stoul(name.substr(8)));
+  };
+  for (size_t i = 0; i < r.egress.size();) {
+    size_t j = i;
+    auto const first = number(r.egress[i]);
+    while (first && j + 1 < r.egress.size() && number(r.egress[j + 1]) == *first + (j + 1 - i)) {
+      ++j;
+    }
+    out += (out.empty() ? "" : ", ") + r.egress[i].stringValue();
+    if (j > i) out += "-" + std::to_string(*first + (j - i));
+    i = j + 1;
+  }
+  return (r.flooded ? "flood " : "to ") + out + (r.toCpu ? ", Cpu" : "");
+}
+
+}  // namespace
+
 Agent::Agent(bool json) : json_(json) {
   commonData_ = Vemo::vemoCommonSmDataFactory("vemo", loop_);
   mount("vemo/common", commonData_.ptr());
@@ -116,6 +151,21 @@ Agent::Agent(bool json) : json_(json) {
   };
   views_["errdisable"] = [this](bool asJson) {
     return showErrdisable({platform_->aclCauseStatus().ptr()}, asJson);
+  };
+  views_["mac address-table"] = [this](bool asJson) {
+    return showMacAddressTable(*platform_->bridgingStatus(), MacTableFilter(), loop_.now(), asJson);
+  };
+  filteredViews_["mac address-table"] = [this](std::vector<std::string> const& words) -> View {
+    MacTableFilter const filter = MacTableFilter::parse(words);
+    return [this, filter](bool asJson) {
+      return showMacAddressTable(*platform_->bridgingStatus(), filter, loop_.now(), asJson);
+    };
+  };
+  views_["mac address-table count"] = [this](bool asJson) {
+    return showMacAddressTableCount(*platform_->bridgingStatus(), asJson);
+  };
+  views_["hardware mac"] = [this](bool asJson) {
+    return showHardwareMac(platform_->chip(), asJson);
   };
   platformIs(PlatformConfig());
 }
@@ -222,10 +272,12 @@ void Agent::validateStep(Step const& s) const {
   }
   if (isHardwarePath(s.path)) return validateHardware(s);
   if (s.kind == Step::Kind::show) {
-    if (!views_.count(s.view)) {
+    try {
+      boundView(s.view);
+    } catch (ScenarioError const& e) {
       std::string known;
       for (auto const& v : viewNames()) known += (known.empty() ? "" : ", ") + v;
-      throw ScenarioError(s.label() + ": unknown view '" + s.view + "' (views: " + known + ")");
+      throw ScenarioError(s.label() + ": " + e.what() + " (views: " + known + ")");
     }
     return;
   }
@@ -340,10 +392,14 @@ bool Agent::applyPacket(Step const& s, std::ostream& out, std::ostream& err) {
                     (lags.phyIntfHas(p.intf) && errdisabled.intfStatusHas(lags.phyIntf(p.intf)));
   std::string verdict = "errdisabled";
   std::string reason = "errdisabled";
+  sim::ClassifyResult r;
   if (!down) {
-    sim::ClassifyResult const r = platform_->chip().classify(p);
+    r = platform_->chip().classify(p);
     if (r.blocked) {
       verdict = reason = "blocked";
+    } else if (r.action == Acl::AclAction::permit && r.vlanDropped) {
+      verdict = "deny";
+      reason = "vlan " + std::to_string(r.vlan) + " not on " + p.intf.stringValue();
     } else {
       verdict = Zol::enumName(r.action);
       reason = r.entry ? "acl " + std::to_string(r.entry->aclNumber) + " rule " +
@@ -354,21 +410,45 @@ bool Agent::applyPacket(Step const& s, std::ostream& out, std::ostream& err) {
     }
   }
   std::string const action = verdict == "permit" ? "permit" : "deny";
-  std::string const result = action + " (" + reason + ")";
+  // Where a bridged packet went; egress packets meet the port's ACLs only.
+  bool const bridged = action == "permit" && p.direction == Acl::AclDirection::in;
+  std::string result = action + " (" + reason + ")";
+  if (bridged)
+    result +=
+        ", vlan " + std::to_string(r.vlan) + (r.learned ? ", learned" : "") + ", " + egressText(r);
   if (json_) {
     rapidjson::Document doc(rapidjson::kObjectType);
     auto& alloc = doc.GetAllocator();
     doc.AddMember("packet", Zol::toJson(packetText(p), alloc), alloc);
     doc.AddMember("action", Zol::toJson(action, alloc), alloc);
     doc.AddMember("reason", Zol::toJson(reason, alloc), alloc);
+    if (bridged) {
+      doc.AddMember("vlan", r.vlan, alloc);
+      doc.AddMember("learned", r.learned, alloc);
+      doc.AddMember("flooded", r.flooded, alloc);
+      doc.AddMember("toCpu", r.toCpu, alloc);
+      rapidjson::Value egress(rapidjson::kArrayType);
+      for (Nepo::IntfId const& port : r.egress) {
+        egress.PushBack(Zol::toJson(port.stringValue(), alloc), alloc);
+      }
+      doc.AddMember("egress", egress, alloc);
+    }
     out << prettyJson(doc);
   } else {
     out << "packet " << packetText(p) << ": " << result << "\n";
   }
   // "deny" is any drop; "blocked" and "errdisabled" say which.
-  bool const held =
+  bool held =
       s.verdict.empty() || s.verdict == verdict || (s.verdict == "deny" && action == "deny");
   if (!held) err << s.label() << ": expected " << s.verdict << ", found " << result << "\n";
+  if (s.egress) {
+    std::vector<Nepo::IntfId> const went = bridged ? r.egress : std::vector<Nepo::IntfId>();
+    if (went != *s.egress) {
+      err << s.label() << ": expected egress " << portList(*s.egress) << ", found "
+          << portList(went) << "\n";
+      held = false;
+    }
+  }
   return held;
 }
 
@@ -648,13 +728,30 @@ std::vector<std::string> Agent::pathListing() const {
 std::vector<std::string> Agent::viewNames() const {
   std::vector<std::string> names;
   for (auto const& [n, f] : views_) names.push_back(n);
+  for (auto const& [n, f] : filteredViews_) names.push_back(n + " FILTER...");
+  std::sort(names.begin(), names.end());
   return names;
 }
 
-std::string Agent::view(std::string const& name) const {
-  auto it = views_.find(name);
-  if (it == views_.end()) throw ScenarioError("unknown view '" + name + "'");
-  return it->second(json_);
+Agent::View Agent::boundView(std::string const& name) const {
+  if (auto it = views_.find(name); it != views_.end()) return it->second;
+  for (auto const& [prefix, bind] : filteredViews_) {
+    if (name.size() <= prefix.size() + 1 || name.compare(0, prefix.size(), prefix) != 0 ||
+        name[prefix.size()] != ' ') {
+      continue;
+    }
+    std::vector<std::string> words;
+    std::istringstream in(name.substr(prefix.size() + 1));
+    for (std::string w; in >> w;) words.push_back(w);
+    try {
+      return bind(words);
+    } catch (ScenarioError const& e) {
+      throw ScenarioError("view '" + name + "': " + e.what());
+    }
+  }
+  throw ScenarioError("unknown view '" + name + "'");
 }
+
+std::string Agent::view(std::string const& name) const { return boundView(name)(json_); }
 
 }  // namespace vemo::agent

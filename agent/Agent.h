@@ -36,8 +36,9 @@ class Agent {
   // What --paths prints: each entity path followed by its attributes ("vemo/common
   // intf[Nepo::IntfId]: bool"), then what hw/ paths read ("hw/lag/<key> hwId").
   std::vector<std::string> pathListing() const;
+  // Every view, a view that takes filters as "NAME FILTER...".
   std::vector<std::string> viewNames() const;
-  // Throws ScenarioError for an unknown view.
+  // Throws ScenarioError for an unknown view or a filter it does not take.
   std::string view(std::string const& name) const;
 
   // Rebuilds the simulated platform and everything on it; only before any step has run.
@@ -90,7 +91,14 @@ class Agent {
   Zol::Ptr<Vemo::VemoCommonSmData> commonData_;
   std::map<std::string, Zol::Ptr<Zol::Entity>> mounts_;
   std::unique_ptr<Platform> platform_;
-  std::map<std::string, std::function<std::string(bool json)>> views_;
+  using View = std::function<std::string(bool json)>;
+  // The view a step names: an exact name, or a view that takes filters followed by them
+  // ("mac address-table vlan 10"), its filters bound.
+  View boundView(std::string const& name) const;
+
+  std::map<std::string, View> views_;
+  // Views that take filters: each reads the words after its name and binds them.
+  std::map<std::string, std::function<View(std::vector<std::string> const& words)>> filteredViews_;
 };
 
 // Renders a JSON object as indented "name: value" lines, collections one entry a line.

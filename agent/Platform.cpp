@@ -66,8 +66,25 @@ Platform::Platform(PlatformConfig const& config, Zol::Ptr<Vemo::VemoCommonSmData
       lagInputConfig_(Zol::make<Lag::Input::Config>("lagInputConfig")),
       brConfig_(Zol::make<Bridging::Config>("bridgingConfig")),
       subIntfStatusDir_(Zol::make<Interface::SubIntfStatusDir>("subIntfStatusDir")),
-      subIntfConfigDir_(Zol::make<Interface::SubIntfConfigDir>("subIntfConfigDir")) {
+      subIntfConfigDir_(Zol::make<Interface::SubIntfConfigDir>("subIntfConfigDir")),
+      ethPhyIntfConfig_(Zol::make<Interface::AllEthPhyIntfConfigDir>("ethPhyIntfConfigDir")),
+      ethPhyIntfStatus_(Zol::make<Interface::AllEthPhyIntfStatusDir>("ethPhyIntfStatusDir")),
+      flushRequests_(Zol::make<Bridging::AllHostTableFlushRequestDir>("hostTableFlushRequests")),
+      routerMacs_(Zol::make<Bridging::RouterMacTable>("routerMacTable")),
+      nonAgingMacs_(Zol::make<Bridging::NonAgingMacStatus>("nonAgingMacStatus")),
+      mlagHostTable_(Zol::make<Mlag::HostTable>("mlagHostTable")),
+      fsfStatus_(Zol::make<FastServerFailover::Status>("fsfStatus")),
+      remoteMacTable_(Zol::make<Bridging::RemoteMacTable>("remoteMacTable")),
+      dot1xHostTable_(Zol::make<Dot1x::HostTable>("dot1xHostTable")),
+      dot1xStatus_(Zol::make<Dot1x::Status>("dot1xStatus")),
+      l2RibHostOutput_(Zol::make<L2Rib::HostOutput>("l2RibHostOutput")),
+      objTupleToHwId_(Zol::make<Vemo::ObjTupleToHwId>("objTupleToHwId")) {
   for (auto const& [table, capacity] : config.capacity) chip_.capacityIs(table, capacity);
+  for (Nepo::IntfId const& port : chip_.ports()) {
+    ethPhyIntfConfig_->intfConfigIs(port);
+    ethPhyIntfStatus_->intfStatusIs(port)->linkStatusIs(Interface::LinkStatus::linkUp);
+  }
+  l2FrontEnd_ = std::make_unique<L2FrontEnd>(chip_, brConfig_, ethPhyIntfStatus_);
   start(commonData);
 }
 
@@ -115,6 +132,25 @@ void Platform::start(Zol::Ptr<Vemo::VemoCommonSmData> const& commonData) {
                                .subIntfStatusDir = subIntfStatusDir_,
                                .subIntfConfigDir = subIntfConfigDir_});
   aclSm_->initializedIs(true);
+  startMac(commonData);
+}
+
+void Platform::startMac(Zol::Ptr<Vemo::VemoCommonSmData> const& commonData) {
+  macDriverTable_ = Zol::make<VemoTypes::MacTable>("macDriverTable");
+  macTable_ = Zol::make<VemoTypes::MacTable>("macTable");
+  bridgingStatus_ = Zol::make<Bridging::Status>("bridgingStatus");
+  flushReplies_ = Zol::make<Bridging::HostTableFlushReplyDir>("hostTableFlushReplies");
+  l2RibHostInput_ = Zol::make<L2Rib::HostInput>("l2RibHostInput");
+  macHelper_ = Zol::make<sim::MacAddrHelper>("macHelper", chip_, commonData, macDriverTable_);
+  macHelper_->programmedTableIs(macTable_);
+  macSm_ = Vemo::macAddrSmFactory(
+      commonData, Zol::make<Vemo::VemoCommonMulticastData>("commonMulticastData"), macTable_,
+      macDriverTable_, bridgingStatus_, flushRequests_, flushReplies_, brConfig_, ethPhyIntfConfig_,
+      ethPhyIntfStatus_, Zol::make<Vemo::VlanHelper>("vlanHelper"), mlagHostTable_, mlagStatus_,
+      macHelper_, fsfStatus_, vxlanConfig_, remoteMacInfo_, remoteMacTable_, dot1xHostTable_,
+      dot1xStatus_, Zol::make<VemoHelper::VemoHelperDot1x>("dot1xHelper"), l2RibHostInput_,
+      l2RibHostOutput_, tunnelGroupManager_, objTupleToHwId_, routerMacs_, nonAgingMacs_);
+  macSm_->initializedIs(true);
 }
 
 // The SMs go before the helpers that program for them. Without clean-up the port-channel SM
@@ -123,6 +159,15 @@ void Platform::start(Zol::Ptr<Vemo::VemoCommonSmData> const& commonData) {
 // instances out as it goes and the next run installs them again.
 void Platform::stop(bool cleanup) {
   if (!cleanup) lagSm_->disableCleanupOnRestartIs(true);
+  // The MAC SM leaves the chip as it is either way: what it programmed stays until the next run
+  // decides again.
+  macSm_ = nullptr;
+  macHelper_ = nullptr;
+  macDriverTable_ = nullptr;
+  macTable_ = nullptr;
+  bridgingStatus_ = nullptr;
+  flushReplies_ = nullptr;
+  l2RibHostInput_ = nullptr;
   aclSm_ = nullptr;
   aclHelper_ = nullptr;
   vxlanFrontEnd_.reset();
@@ -161,7 +206,16 @@ std::map<std::string, Zol::Ptr<Zol::Entity>> Platform::mounts() const {
           {"lag/inputConfig", lagInputConfig_},
           {"bridging/config", brConfig_},
           {"interface/subIntfStatus", subIntfStatusDir_},
-          {"interface/subIntfConfig", subIntfConfigDir_}};
+          {"interface/subIntfConfig", subIntfConfigDir_},
+          {"interface/config/eth/phy", ethPhyIntfConfig_},
+          {"interface/status/eth/phy", ethPhyIntfStatus_},
+          {"bridging/status", bridgingStatus_},
+          {"bridging/flushRequest", flushRequests_},
+          {"bridging/flushReply", flushReplies_},
+          {"bridging/routerMac", routerMacs_},
+          {"bridging/nonAging", nonAgingMacs_},
+          {"mac/driver", macDriverTable_},
+          {"mac/table", macTable_}};
 }
 
 }  // namespace vemo::agent

@@ -9,11 +9,14 @@
 #include <memory>
 #include <string>
 
+#include "L2FrontEnd.h"
 #include "Sim/AclHelper.h"
 #include "Sim/Chip.h"
 #include "Sim/LagHelper.h"
+#include "Sim/MacAddrHelper.h"
 #include "Vemo/AclSm.h"
 #include "Vemo/LagSm.h"
+#include "Vemo/MacAddrSm.h"
 #include "Vemo/SwTunnelGroupIdManager.h"
 #include "VxlanFrontEnd.h"
 
@@ -75,10 +78,12 @@ class Platform {
   Zol::Ptr<Acl::StatusDp> const& aclStatus() const { return aclStatus_; }
   Zol::Ptr<Errdisable::CauseStatus> const& aclCauseStatus() const { return aclCauseStatus_; }
   Zol::Ptr<Lag::Input::Config> const& lagInputConfig() const { return lagInputConfig_; }
+  Zol::Ptr<Bridging::Status> const& bridgingStatus() const { return bridgingStatus_; }
 
  private:
   // The process's part: built by start, taken down by stop.
   void start(Zol::Ptr<Vemo::VemoCommonSmData> const& commonData);
+  void startMac(Zol::Ptr<Vemo::VemoCommonSmData> const& commonData);
   void stop(bool cleanup);
 
   PlatformConfig config_;
@@ -108,6 +113,30 @@ class Platform {
   Zol::Ptr<Interface::SubIntfConfigDir> subIntfConfigDir_;
   Zol::Ptr<sim::AclHelper> aclHelper_;
   Zol::Ptr<Vemo::AclSm> aclSm_;
+
+  // The MAC table's inputs: every chip port is up until a scenario says otherwise.
+  Zol::Ptr<Interface::AllEthPhyIntfConfigDir> ethPhyIntfConfig_;
+  Zol::Ptr<Interface::AllEthPhyIntfStatusDir> ethPhyIntfStatus_;
+  Zol::Ptr<Bridging::AllHostTableFlushRequestDir> flushRequests_;
+  Zol::Ptr<Bridging::RouterMacTable> routerMacs_;
+  Zol::Ptr<Bridging::NonAgingMacStatus> nonAgingMacs_;
+  Zol::Ptr<Mlag::HostTable> mlagHostTable_;
+  Zol::Ptr<FastServerFailover::Status> fsfStatus_;
+  Zol::Ptr<Bridging::RemoteMacTable> remoteMacTable_;
+  Zol::Ptr<Dot1x::HostTable> dot1xHostTable_;
+  Zol::Ptr<Dot1x::Status> dot1xStatus_;
+  Zol::Ptr<L2Rib::HostOutput> l2RibHostOutput_;
+  Zol::Ptr<Vemo::ObjTupleToHwId> objTupleToHwId_;
+  std::unique_ptr<L2FrontEnd> l2FrontEnd_;
+  // The MAC table's part of the process: the driver's table of what the chip learned, the SM's
+  // table of what it programmed, the FDB status and the flush replies.
+  Zol::Ptr<VemoTypes::MacTable> macDriverTable_;
+  Zol::Ptr<VemoTypes::MacTable> macTable_;
+  Zol::Ptr<Bridging::Status> bridgingStatus_;
+  Zol::Ptr<Bridging::HostTableFlushReplyDir> flushReplies_;
+  Zol::Ptr<L2Rib::HostInput> l2RibHostInput_;
+  Zol::Ptr<sim::MacAddrHelper> macHelper_;
+  Zol::Ptr<Vemo::MacAddrSm> macSm_;
 };
 
 }  // namespace vemo::agent

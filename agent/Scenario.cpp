@@ -210,7 +210,7 @@ void readFault(StepReader const& r, Step& step) {
   }
 }
 
-// {"packet": {...}, "expect": "permit"|"deny"|"blocked"|"errdisabled"}
+// {"packet": {...}, "expect": "permit"|"deny"|"blocked"|"errdisabled", "egress": [PORT, ...]}
 void readPacket(StepReader const& r, Step& step) {
   step.packet = parsePacket(*r.member("packet"), step);
   if (rapidjson::Value const* v = r.member("expect")) {
@@ -221,6 +221,20 @@ void readPacket(StepReader const& r, Step& step) {
                     Zol::jsonText(*v));
     }
     step.verdict = str(*v);
+  }
+  if (rapidjson::Value const* v = r.member("egress")) {
+    if (!v->IsArray()) throw r.error("'egress' must be a list of interfaces");
+    std::vector<Nepo::IntfId> ports;
+    for (auto const& e : v->GetArray()) {
+      if (!e.IsString()) throw r.error("'egress' must be a list of interfaces");
+      try {
+        ports.push_back(Nepo::IntfId::fromString(str(e)));
+      } catch (std::exception const& ex) {
+        throw r.error("'egress': " + std::string(ex.what()));
+      }
+    }
+    std::sort(ports.begin(), ports.end());
+    step.egress = ports;
   }
 }
 
@@ -273,7 +287,7 @@ constexpr StepForm kStepForms[] = {
     {"expect", Step::Kind::expect, {"attr", "key", "value", "fields", "present"}, readExpect},
     {"fault", Step::Kind::fault, {"answer", "count", "capacity"}, readFault},
     // A packet step's "expect" is the packet's fate, not a step of its own.
-    {"packet", Step::Kind::packet, {"expect"}, readPacket},
+    {"packet", Step::Kind::packet, {"expect", "egress"}, readPacket},
     {"expectLog", Step::Kind::expectLog, {"count"}, readExpectLog},
     {"restart", Step::Kind::restart, {}, readRestart},
     {"comment", Step::Kind::comment, {}, readComment},

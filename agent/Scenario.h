@@ -47,6 +47,8 @@ struct Step {
   // when anything goes). path holds the packet's interface, for the label.
   sim::Packet packet;
   std::string verdict;
+  // packet: the ports it must leave by, when given ("egress": ["Ethernet3"]; [] for none).
+  std::optional<std::vector<Nepo::IntfId>> egress;
 
   // "step 3 (expect vemo/common intf)": how messages name the step.
   std::string label() const;

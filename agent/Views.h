@@ -3,12 +3,14 @@
 
 #include <rapidjson/document.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "Sim/Chip.h"
 #include "Vemo/VemoCommon.h"
 #include "ZolGen/Acl.h"
+#include "ZolGen/Bridging.h"
 #include "ZolGen/Errdisable.h"
 #include "ZolGen/Lag.h"
 #include "ZolGen/VemoL3.h"
@@ -45,6 +47,25 @@ std::string showAccessLists(Acl::AclType type, Acl::Config const& config,
 // checkers, bindings, blocked interfaces, unit errors and refused operations; and the status of
 // every instance.
 std::string showHardwareAcl(sim::Chip const& chip, Acl::StatusDp const& status, bool json);
+// What "show mac address-table vlan 10 interface Ethernet1 address 00:00:00:00:00:01" selects;
+// each filter is optional.
+struct MacTableFilter {
+  std::optional<uint16_t> vlan;
+  std::optional<Nepo::IntfId> intf;
+  std::optional<Nepo::EthAddr> mac;
+  // The words after the view's name; throws ScenarioError naming what is wrong.
+  static MacTableFilter parse(std::vector<std::string> const& words);
+};
+// The FDB status as engineers read it: VLAN, address, type, port, moves and the time since the
+// last move (now is the agent's clock), by VLAN and address.
+std::string showMacAddressTable(Bridging::Status const& status, MacTableFilter const& filter,
+                                double now, bool json);
+// Dynamic and static entries per VLAN and in all.
+std::string showMacAddressTableCount(Bridging::Status const& status, bool json);
+// The chip's MAC table: its use, its hash buckets, what the chip learned and aged on its own,
+// the driver's operations and the ones it refused.
+std::string showHardwareMac(sim::Chip const& chip, bool json);
+
 // The interfaces each cause keeps error-disabled, with the time they went down.
 std::string showErrdisable(std::vector<Errdisable::CauseStatus const*> const& causes, bool json);
 

@@ -1,0 +1,237 @@
+#include <algorithm>
+#include <cstdio>
+#include <map>
+#include <vector>
+
+#include "Scenario.h"
+#include "Views.h"
+#include "Zol/Text.h"
+
+namespace vemo::agent {
+
+namespace {
+
+using Bridging::EntryType;
+
+rapidjson::Value str(std::string const& s, rapidjson::Document::AllocatorType& alloc) {
+  return rapidjson::Value(s.c_str(), static_cast<rapidjson::SizeType>(s.size()), alloc);
+}
+
+// The kinds as the table's Type column names them.
+std::string typeText(EntryType t) {
+  switch (t) {
+    case EntryType::learnedDynamicMac:
+      return "DYNAMIC";
+    case EntryType::configuredDynamicMac:
+      return "CONFIGURED-DYNAMIC";
+    case EntryType::configuredStaticMac:
+      return "STATIC";
+    case EntryType::routerMac:
+      return "ROUTER";
+    case EntryType::nonAgingMac:
+      return "NON-AGING";
+    default:
+      return std::string(Zol::enumName(t));
+  }
+}
+
+// "0:01:05 ago", or "-" for an entry that never moved in this run.
+std::string agoText(double lastMoveTime, double now) {
+  if (!(lastMoveTime > 0) || lastMoveTime > now) return "-";
+  auto const s = static_cast<uint64_t>(now - lastMoveTime);
+  char text[32];
+  std::snprintf(
+      text, sizeof text, "%llu:%02llu:%02llu ago", static_cast<unsigned long long>(s / 3600),
+      static_cast<unsigned long long>(s / 60 % 60), static_cast<unsigned long long>(s % 60));
+  return text;
+}
+
+struct Row {
+  Bridging::MacVlanPair key;
+  Bridging::HostEntry const* host;
+};
+
+// The FDB status's hosts that pass the filter, by VLAN and address.
+std::vector<Row> rows(Bridging::Status const& status, MacTableFilter const& filter) {
+  std::vector<Row> out;
+  for (auto const& [fid, fdb] : status.fdbStatusAll()) {
+    if (filter.vlan && *filter.vlan != fid.value()) continue;
+    size_t const first = out.size();
+    for (auto const& [mac, host] : fdb->learnedHostAll()) {
+      if (filter.intf && *filter.intf != host.intf()) continue;
+      if (filter.mac && *filter.mac != mac) continue;
+      out.push_back({Bridging::MacVlanPair(mac, fid), &host});
+    }
+    std::sort(out.begin() + static_cast<std::ptrdiff_t>(first), out.end(),
+              [](Row const& a, Row const& b) { return a.key.macAddr() < b.key.macAddr(); });
+  }
+  return out;
+}
+
+std::string tableRow(std::string const& vlan, std::string const& mac, std::string const& type,
+                     std::string const& port, std::string const& moves, std::string const& last) {
+  char line[256];
+  std::snprintf(line, sizeof line, "%4s    %-17s  %-18s  %-16s  %5s   %s", vlan.c_str(),
+                mac.c_str(), type.c_str(), port.c_str(), moves.c_str(), last.c_str());
+  std::string out = line;
+  out.erase(out.find_last_not_of(' ') + 1);
+  return out + "\n";
+}
+
+}  // namespace
+
+MacTableFilter MacTableFilter::parse(std::vector<std::string> const& words) {
+  MacTableFilter f;
+  for (size_t i = 0; i < words.size(); i += 2) {
+    std::string const& what = words[i];
+    if (i + 1 >= words.size()) throw ScenarioError("'" + what + "' wants a value");
+    std::string const& value = words[i + 1];
+    try {
+      if (what == "vlan") {
+        f.vlan = Bridging::VlanId(Zol::parseInteger<uint16_t>(value)).value();
+      } else if (what == "interface") {
+        f.intf = Nepo::IntfId::fromString(value);
+      } else if (what == "address") {
+        f.mac = Nepo::EthAddr::fromString(value);
+      } else {
+        throw ScenarioError("unknown filter '" + what + "' (filters: vlan, interface, address)");
+      }
+    } catch (ScenarioError const&) {
+      throw;
+    } catch (std::exception const& e) {
+      throw ScenarioError(what + " '" + value + "': " + e.what());
+    }
+  }
+  return f;
+}
+
+std::string showMacAddressTable(Bridging::Status const& status, MacTableFilter const& filter,
+                                double now, bool json) {
+  std::vector<Row> const all = rows(status, filter);
+  if (json) {
+    rapidjson::Document doc(rapidjson::kObjectType);
+    auto& alloc = doc.GetAllocator();
+    rapidjson::Value entries(rapidjson::kArrayType);
+    for (Row const& r : all) {
+      rapidjson::Value e(rapidjson::kObjectType);
+      e.AddMember("vlan", r.key.vlanId().value(), alloc);
+      e.AddMember("mac", str(r.key.macAddr().stringValue(), alloc), alloc);
+      e.AddMember("type", str(std::string(Zol::enumName(r.host->entryType())), alloc), alloc);
+      e.AddMember("intf", str(r.host->intf().stringValue(), alloc), alloc);
+      e.AddMember("moves", r.host->moves(), alloc);
+      e.AddMember("lastMoveTime", r.host->lastMoveTime(), alloc);
+      entries.PushBack(e, alloc);
+    }
+    doc.AddMember("entries", entries, alloc);
+    doc.AddMember("total", static_cast<uint64_t>(all.size()), alloc);
+    return prettyJson(doc);
+  }
+  std::string out = "          Mac Address Table\n";
+  out += tableRow("Vlan", "Mac Address", "Type", "Ports", "Moves", "Last Move");
+  out += tableRow("----", "-----------", "----", "-----", "-----", "---------");
+  for (Row const& r : all) {
+    out += tableRow(std::to_string(r.key.vlanId().value()), r.key.macAddr().stringValue(),
+                    typeText(r.host->entryType()), r.host->intf().stringValue(),
+                    std::to_string(r.host->moves()), agoText(r.host->lastMoveTime(), now));
+  }
+  out += "Total Mac Addresses for this criterion: " + std::to_string(all.size()) + "\n";
+  return out;
+}
+
+std::string showMacAddressTableCount(Bridging::Status const& status, bool json) {
+  struct Count {
+    size_t dynamic = 0, other = 0;
+  };
+  std::map<uint16_t, Count> perVlan;
+  Count total;
+  for (Row const& r : rows(status, MacTableFilter())) {
+    bool const dynamic = r.host->entryType() == EntryType::learnedDynamicMac ||
+                         r.host->entryType() == EntryType::configuredDynamicMac;
+    Count& c = perVlan[r.key.vlanId().value()];
+    ++(dynamic ? c.dynamic : c.other);
+    ++(dynamic ? total.dynamic : total.other);
+  }
+  if (json) {
+    rapidjson::Document doc(rapidjson::kObjectType);
+    auto& alloc = doc.GetAllocator();
+    rapidjson::Value vlans(rapidjson::kObjectType);
+    for (auto const& [vlan, c] : perVlan) {
+      rapidjson::Value v(rapidjson::kObjectType);
+      v.AddMember("dynamic", static_cast<uint64_t>(c.dynamic), alloc);
+      v.AddMember("static", static_cast<uint64_t>(c.other), alloc);
+      vlans.AddMember(str(std::to_string(vlan), alloc), v, alloc);
+    }
+    doc.AddMember("vlans", vlans, alloc);
+    doc.AddMember("dynamic", static_cast<uint64_t>(total.dynamic), alloc);
+    doc.AddMember("static", static_cast<uint64_t>(total.other), alloc);
+    doc.AddMember("total", static_cast<uint64_t>(total.dynamic + total.other), alloc);
+    return prettyJson(doc);
+  }
+  std::string out;
+  for (auto const& [vlan, c] : perVlan) {
+    out += "Vlan " + std::to_string(vlan) + ": " + std::to_string(c.dynamic) + " dynamic, " +
+           std::to_string(c.other) + " static\n";
+  }
+  out += "Total Mac Addresses: " + std::to_string(total.dynamic + total.other) + " (" +
+         std::to_string(total.dynamic) + " dynamic, " + std::to_string(total.other) + " static)\n";
+  return out;
+}
+
+}  // namespace vemo::agent
+
+namespace vemo::agent {
+
+std::string showHardwareMac(sim::Chip const& chip, bool json) {
+  sim::MacTable const& table = chip.macs();
+  size_t const buckets = std::max<size_t>(1, table.capacity() / sim::MacTable::bucketDepth);
+  std::map<size_t, size_t> fill;
+  size_t statics = 0;
+  for (auto const& [key, entry] : table.entries()) {
+    ++fill[table.bucket(key)];
+    if (!entry.aging) ++statics;
+  }
+  size_t fullest = 0, fullBuckets = 0;
+  for (auto const& [bucket, n] : fill) {
+    fullest = std::max(fullest, n);
+    if (n >= sim::MacTable::bucketDepth) ++fullBuckets;
+  }
+  sim::Counters const c = chip.counters(sim::Table::mac);
+  std::vector<std::string> refused;
+  for (std::string const& e : chip.errors()) {
+    if (e.rfind("mac ", 0) == 0) refused.push_back(e);
+  }
+  if (json) {
+    rapidjson::Document doc(rapidjson::kObjectType);
+    auto& alloc = doc.GetAllocator();
+    doc.AddMember("entries", static_cast<uint64_t>(table.size()), alloc);
+    doc.AddMember("static", static_cast<uint64_t>(statics), alloc);
+    doc.AddMember("capacity", static_cast<uint64_t>(table.capacity()), alloc);
+    doc.AddMember("buckets", static_cast<uint64_t>(buckets), alloc);
+    doc.AddMember("bucketsUsed", static_cast<uint64_t>(fill.size()), alloc);
+    doc.AddMember("bucketsFull", static_cast<uint64_t>(fullBuckets), alloc);
+    doc.AddMember("fullestBucket", static_cast<uint64_t>(fullest), alloc);
+    doc.AddMember("learns", table.learns(), alloc);
+    doc.AddMember("aged", table.aged(), alloc);
+    doc.AddMember("writes", c.writes, alloc);
+    doc.AddMember("operations", c.operations, alloc);
+    rapidjson::Value errors(rapidjson::kArrayType);
+    for (std::string const& e : refused) errors.PushBack(str(e, alloc), alloc);
+    doc.AddMember("refused", errors, alloc);
+    return prettyJson(doc);
+  }
+  std::string out = "MAC table: " + std::to_string(table.size()) + " of " +
+                    std::to_string(table.capacity()) + " entries (" + std::to_string(statics) +
+                    " static)\n";
+  out += "Buckets: " + std::to_string(fill.size()) + " of " + std::to_string(buckets) + " used, " +
+         std::to_string(fullBuckets) + " full, fullest holds " + std::to_string(fullest) + " of " +
+         std::to_string(sim::MacTable::bucketDepth) + "\n";
+  out += "Learned by the chip: " + std::to_string(table.learns()) +
+         ", aged: " + std::to_string(table.aged()) + "\n";
+  out += "Driver operations: " + std::to_string(c.operations) +
+         ", writes: " + std::to_string(c.writes) + "\n";
+  if (!refused.empty()) out += "Refused operations:\n";
+  for (std::string const& e : refused) out += "  " + e + "\n";
+  return out;
+}
+
+}  // namespace vemo::agent
