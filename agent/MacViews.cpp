@@ -35,9 +35,13 @@ std::string typeText(EntryType t) {
   }
 }
 
-// "0:01:05 ago", or "-" for an entry that never moved in this run.
-std::string agoText(double lastMoveTime, double now) {
-  if (!(lastMoveTime > 0) || lastMoveTime > now) return "-";
+// "0:01:05 ago" for a host the chip learned (when it last moved, or was learned); "-" for an
+// entry put in place, which does not move.
+std::string agoText(Bridging::HostEntry const& host, double now) {
+  double const lastMoveTime = host.lastMoveTime();
+  bool const dynamic = host.entryType() == EntryType::learnedDynamicMac ||
+                       host.entryType() == EntryType::configuredDynamicMac;
+  if (!dynamic || !(lastMoveTime >= 0) || lastMoveTime > now) return "-";
   auto const s = static_cast<uint64_t>(now - lastMoveTime);
   char text[32];
   std::snprintf(
@@ -132,7 +136,7 @@ std::string showMacAddressTable(Bridging::Status const& status, MacTableFilter c
   for (Row const& r : all) {
     out += tableRow(std::to_string(r.key.vlanId().value()), r.key.macAddr().stringValue(),
                     typeText(r.host->entryType()), r.host->intf().stringValue(),
-                    std::to_string(r.host->moves()), agoText(r.host->lastMoveTime(), now));
+                    std::to_string(r.host->moves()), agoText(*r.host, now));
   }
   out += "Total Mac Addresses for this criterion: " + std::to_string(all.size()) + "\n";
   return out;
