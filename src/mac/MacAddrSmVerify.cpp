@@ -33,6 +33,21 @@ void MacAddrSm::verifyTables() {
   VerifyData& report = verifyData();
   auto const& hw = in_.hwMacTable->entryAll();
   size_t programmed = 0;
+  // The FDB status's per-VLAN children are the SM's index of hosts by VLAN: one per VLAN that
+  // holds a host, under its own VLAN.
+  ZOL_TRACE(8, " verifying vlanBasedHostTableIndex");
+  for (auto const& [fid, status] : in_.bridgingStatus->fdbStatusAll()) {
+    if (status->fid() != fid || status->learnedHostSize() == 0) {
+      report.reportMismatch("MacAddrSm", "fdbStatus of vlan " + std::to_string(fid.value()) +
+                                             (status->fid() != fid ? " is keyed wrongly"
+                                                                   : " is empty"));
+    }
+  }
+  for (auto const& [key, entry] : in_.macTable->entryAll()) {
+    if (!fdbEntry(key)) {
+      report.reportMismatch("MacAddrSm", text(key) + " not found in vlanBasedHostTableIndex");
+    }
+  }
   for (auto const& [fid, status] : in_.bridgingStatus->fdbStatusAll()) {
     for (auto const& [mac, host] : status->learnedHostAll()) {
       Bridging::MacVlanPair const key(mac, fid);
@@ -59,9 +74,10 @@ void MacAddrSm::verifyTables() {
   if (programmed != in_.macTable->entrySize()) {
     for (auto const& [key, entry] : in_.macTable->entryAll()) {
       Bridging::HostEntry const* host = fdbEntry(key);
-      if (!host || host->entryType() == Bridging::EntryType::learnedDynamicMac) {
-        report.reportMismatch("MacAddrSm",
-                              text(key) + " is in the programmed MAC table but not in fdbStatus");
+      if (host && host->entryType() == Bridging::EntryType::learnedDynamicMac) {
+        report.reportMismatch("MacAddrSm", text(key) +
+                                               " is in the programmed MAC table but learned in "
+                                               "fdbStatus");
       }
     }
   }
