@@ -5,6 +5,7 @@
 #include "Sim/LagHelper.h"
 
 #include <algorithm>
+#include <array>
 #include <string>
 #include <vector>
 
@@ -14,7 +15,7 @@ namespace sim {
 
 namespace {
 
-constexpr std::string_view kOpNames[] = {
+constexpr auto kOpNames = std::to_array<std::string_view>({
     "hwInit",
     "lacpEnabledIs",
     "maybeCreateLag",
@@ -29,7 +30,7 @@ constexpr std::string_view kOpNames[] = {
     "retry",
     "refused",
     "beforeHwInit",
-};
+});
 
 std::string memberNames(Vemo::VemoLagPortList const& members) {
   if (members.portSize() == 0) return "none";
@@ -70,21 +71,16 @@ LagHelper::LagHelper(Zol::Name const& name, Chip& chip,
     : VemoHelper::VemoHelperLagSm(name),
       chip_(chip),
       commonData_(commonData),
-      retryClock_(commonData->loop(), [this] { handleRetry(); }) {}
+      retryClock_(commonData->loop(), [this] { handleRetry(); }),
+      calls_(kOpNames) {}
 
-uint64_t LagHelper::calls(std::string_view op) const {
-  static_assert(std::size(kOpNames) == kOpCount);
-  for (size_t i = 0; i < kOpCount; ++i) {
-    if (kOpNames[i] == op) return calls_[i];
-  }
-  return 0;
-}
+uint64_t LagHelper::calls(std::string_view op) const { return calls_(op); }
 
 void LagHelper::programming(Op op) {
   count(op);
   if (ready_) return;
   count(Op::beforeHwInit);
-  ZOL_TRACE(0, kOpNames[static_cast<size_t>(op)] << " before hwInit");
+  ZOL_TRACE(0, calls_.name(op) << " before hwInit");
 }
 
 void LagHelper::hwInit() {
@@ -186,7 +182,7 @@ Status LagHelper::reconcile(Nepo::IntfId const& lag) {
 void LagHelper::settle(Nepo::IntfId const& lag, Op op, Status s) {
   retry_.erase(lag);
   failed_.erase(lag);
-  std::string_view const name = kOpNames[static_cast<size_t>(op)];
+  std::string_view const name = calls_.name(op);
   switch (s) {
     case Status::ok:
       if (auto it = desired_.find(lag); it != desired_.end() && !it->second.exists) {

@@ -4,6 +4,7 @@
 #include "Sim/MacAddrHelper.h"
 
 #include <algorithm>
+#include <array>
 #include <map>
 #include <optional>
 #include <set>
@@ -19,7 +20,7 @@ namespace sim {
 
 namespace {
 
-constexpr std::string_view kOpNames[] = {
+constexpr auto kOpNames = std::to_array<std::string_view>({
     "hwInit",
     "addHost",
     "removeHost",
@@ -41,7 +42,7 @@ constexpr std::string_view kOpNames[] = {
     "refused",
     "aging",
     "beforeHwInit",
-};
+});
 
 // The SM's VLAN numbers are ints; anything below 1 means every VLAN.
 uint16_t flushVlanOf(int vlan) { return static_cast<uint16_t>(std::clamp(vlan, 0, 4095)); }
@@ -59,7 +60,8 @@ MacAddrHelper::MacAddrHelper(Zol::Name const& name, Chip& chip,
       chip_(chip),
       commonData_(commonData),
       driverTable_(driverTable),
-      agingClock_(commonData->loop(), [this] { handleAging(); }) {
+      agingClock_(commonData->loop(), [this] { handleAging(); }),
+      calls_(kOpNames) {
   Zol::ActivityLoop* const loop = &commonData->loop();
   chip_.timeSourceIs([loop] { return loop->now(); });
   chip_.macs().listenerIs([this](MacKey const& key, MacEntry const* e) { mirror(key, e); }, this);
@@ -74,19 +76,13 @@ MacAddrHelper::~MacAddrHelper() {
   chip_.timeSourceIs([t = chip_.now()] { return t; });
 }
 
-uint64_t MacAddrHelper::calls(std::string_view op) const {
-  static_assert(std::size(kOpNames) == kOpCount);
-  for (size_t i = 0; i < kOpCount; ++i) {
-    if (kOpNames[i] == op) return calls_[i];
-  }
-  return 0;
-}
+uint64_t MacAddrHelper::calls(std::string_view op) const { return calls_(op); }
 
 void MacAddrHelper::programming(Op op) {
   count(op);
   if (ready_) return;
   count(Op::beforeHwInit);
-  ZOL_TRACE(0, kOpNames[static_cast<size_t>(op)] << " before hwInit");
+  ZOL_TRACE(0, calls_.name(op) << " before hwInit");
 }
 
 Vemo::MacProgramStatus MacAddrHelper::answer(Status s) {

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "Sim/LagHelper.h"
+#include "SimTestSupport.h"
 
 namespace {
 
@@ -34,13 +35,7 @@ struct Bench {
     auto const* entry = chip.lags().entry(intf(lag));
     return entry ? &entry->members : nullptr;
   }
-  std::vector<std::string> verify() {
-    cd->verifyData()->mismatchDelAll();
-    helper->handleVerify();
-    std::vector<std::string> texts;
-    for (auto const& [seq, m] : cd->verifyData()->mismatchAll()) texts.push_back(m.text());
-    return texts;
-  }
+  std::vector<std::string> verify() { return simtest::verifyTexts(*cd, *helper); }
 };
 
 TEST(SimLagHelper, ProgramsTheChipAndRetriesWhatItRefuses) {

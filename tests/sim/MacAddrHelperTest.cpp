@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "Sim/MacAddrHelper.h"
+#include "SimTestSupport.h"
 #include "Vemo/VemoCommon.h"
 
 namespace {
@@ -51,13 +52,7 @@ struct Bench {
     }
     return out;
   }
-  std::vector<std::string> verify() {
-    cd->verifyData()->mismatchDelAll();
-    helper->handleVerify();
-    std::vector<std::string> texts;
-    for (auto const& [seq, m] : cd->verifyData()->mismatchAll()) texts.push_back(m.text());
-    return texts;
-  }
+  std::vector<std::string> verify() { return simtest::verifyTexts(*cd, *helper); }
 };
 
 TEST(SimMacAddrHelper, TheDriverTableFollowsLearnsMovesAgingFlushesAndStaticReplacement) {

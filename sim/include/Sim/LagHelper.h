@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "Sim/Chip.h"
+#include "Sim/HelperCalls.h"
 #include "Vemo/LagSm.h"
 
 namespace sim {
@@ -82,7 +83,7 @@ class LagHelper : public VemoHelper::VemoHelperLagSm {
     Nepo::IntfId sharedPeerLink;
   };
 
-  void count(Op op) const { ++calls_[static_cast<size_t>(op)]; }
+  void count(Op op) const { calls_.count(op); }
   // Counts a programming call and flags one that comes before hwInit.
   void programming(Op op);
   // Runs the chip operation for lag, or, when an earlier change to lag was refused, programs the
@@ -109,7 +110,7 @@ class LagHelper : public VemoHelper::VemoHelperLagSm {
   absl::btree_map<Nepo::IntfId, Status> retry_;
   absl::btree_set<Nepo::IntfId> failed_;
   Zol::Clock retryClock_;
-  mutable std::array<uint64_t, kOpCount> calls_{};
+  mutable HelperCalls<Op, kOpCount> calls_;
 };
 
 }  // namespace sim

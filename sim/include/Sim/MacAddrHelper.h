@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "Sim/Chip.h"
+#include "Sim/HelperCalls.h"
 #include "Vemo/VemoHelperMacAddrSm.h"
 
 namespace sim {
@@ -88,7 +89,7 @@ class MacAddrHelper : public VemoHelper::VemoHelperMacAddrSm {
   };
   static constexpr size_t kOpCount = static_cast<size_t>(Op::beforeHwInit) + 1;
 
-  void count(Op op) const { ++calls_[static_cast<size_t>(op)]; }
+  void count(Op op) const { calls_.count(op); }
   // Counts a programming call and flags one that comes before hwInit.
   void programming(Op op);
   Vemo::MacProgramStatus answer(Status s);
@@ -107,7 +108,7 @@ class MacAddrHelper : public VemoHelper::VemoHelperMacAddrSm {
   bool ready_ = false;
   int agingTime_ = 0;
   Zol::Clock agingClock_;
-  mutable std::array<uint64_t, kOpCount> calls_{};
+  mutable HelperCalls<Op, kOpCount> calls_;
 };
 
 }  // namespace sim
