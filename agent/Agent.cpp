@@ -165,7 +165,7 @@ Agent::Agent(bool json) : json_(json) {
     return showMacAddressTableCount(*platform_->bridgingStatus(), asJson);
   };
   views_["hardware mac"] = [this](bool asJson) {
-    return showHardwareMac(platform_->chip(), asJson);
+    return showHardwareMac(platform_->chip(), platform_->macIndirectAccess(), asJson);
   };
   platformIs(PlatformConfig());
 }

@@ -185,7 +185,7 @@ std::string showMacAddressTableCount(Bridging::Status const& status, bool json) 
 
 namespace vemo::agent {
 
-std::string showHardwareMac(sim::Chip const& chip, bool json) {
+std::string showHardwareMac(sim::Chip const& chip, sim::MacIndirectAccess const* io, bool json) {
   sim::MacTable const& table = chip.macs();
   size_t const buckets = std::max<size_t>(1, table.capacity() / sim::MacTable::bucketDepth);
   std::map<size_t, size_t> fill;
@@ -221,6 +221,14 @@ std::string showHardwareMac(sim::Chip const& chip, bool json) {
     rapidjson::Value errors(rapidjson::kArrayType);
     for (std::string const& e : refused) errors.PushBack(str(e, alloc), alloc);
     doc.AddMember("refused", errors, alloc);
+    if (io) {
+      rapidjson::Value q(rapidjson::kObjectType);
+      q.AddMember("pending", static_cast<uint64_t>(io->pendingSize()), alloc);
+      q.AddMember("inProgress", static_cast<uint64_t>(io->inProgressSize()), alloc);
+      q.AddMember("overflow", static_cast<uint64_t>(io->overflowSize()), alloc);
+      q.AddMember("overflowDelay", io->updateOverflowAddressDelay(), alloc);
+      doc.AddMember("indirectAccess", q, alloc);
+    }
     return prettyJson(doc);
   }
   std::string out = "MAC table: " + std::to_string(table.size()) + " of " +
@@ -233,6 +241,13 @@ std::string showHardwareMac(sim::Chip const& chip, bool json) {
          ", aged: " + std::to_string(table.aged()) + "\n";
   out += "Driver operations: " + std::to_string(c.operations) +
          ", writes: " + std::to_string(c.writes) + "\n";
+  if (io) {
+    char delay[32];
+    std::snprintf(delay, sizeof delay, "%g", io->updateOverflowAddressDelay());
+    out += "Indirect access: " + std::to_string(io->pendingSize()) + " pending, " +
+           std::to_string(io->inProgressSize()) + " in progress, " +
+           std::to_string(io->overflowSize()) + " in overflow (retried every " + delay + " s)\n";
+  }
   if (!refused.empty()) out += "Refused operations:\n";
   for (std::string const& e : refused) out += "  " + e + "\n";
   return out;

@@ -39,6 +39,7 @@ PlatformConfig PlatformConfig::parse(rapidjson::Value const& platform) {
   c.chip.portsPerUnit = desc.portsPerUnit();
   c.managedByChip = desc.managedByChip();
   c.aclAsync = desc.aclAsync();
+  c.macAsync = desc.macAsync();
   for (auto const& [table, capacity] : desc.capacityAll()) {
     auto const which = sim::tableFromName(table);
     if (!which) throw ScenarioError("platform: no chip table '" + table + "'");
@@ -51,6 +52,7 @@ Platform::Platform(PlatformConfig const& config, Zol::Ptr<Vemo::VemoCommonSmData
                    Zol::ActivityLoop& loop)
     : config_(config),
       loop_(loop),
+      wheel_(loop),
       chip_(config.chip),
       lagStatusDir_(Zol::make<Interface::EthLagIntfStatusDir>("ethLagIntfStatusDir")),
       mlagStatus_(Zol::make<Mlag::Status>("mlagStatus")),
@@ -143,6 +145,7 @@ void Platform::startMac(Zol::Ptr<Vemo::VemoCommonSmData> const& commonData) {
   l2RibHostInput_ = Zol::make<L2Rib::HostInput>("l2RibHostInput");
   macHelper_ = Zol::make<sim::MacAddrHelper>("macHelper", chip_, commonData, macDriverTable_);
   macHelper_->programmedTableIs(macTable_);
+  if (config_.macAsync) macHelper_->indirectAccessIs(wheel_);
   macSm_ = Vemo::macAddrSmFactory(
       commonData, Zol::make<Vemo::VemoCommonMulticastData>("commonMulticastData"), macTable_,
       macDriverTable_, bridgingStatus_, flushRequests_, flushReplies_, brConfig_, ethPhyIntfConfig_,

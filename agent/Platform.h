@@ -31,10 +31,13 @@ struct PlatformConfig {
   // The ACL helper answers installs and interface blocking later, as a platform with a separate
   // driver process does.
   bool aclAsync = false;
+  // The chip's MAC table is written through indirect-access commands (the MAC programmer), each
+  // run a millisecond after it is started.
+  bool macAsync = false;
 
   // {"units": 2, "portsPerUnit": 48, "capacity": {"lag": 64, "acl": 16, "rangeChecker": 4},
-  // "managedByChip": true, "aclAsync": false}; throws ScenarioError naming the member that is
-  // wrong.
+  // "managedByChip": true, "aclAsync": false, "macAsync": false}; throws ScenarioError naming the
+  // member that is wrong.
   static PlatformConfig parse(rapidjson::Value const& platform);
 };
 
@@ -79,6 +82,10 @@ class Platform {
   Zol::Ptr<Errdisable::CauseStatus> const& aclCauseStatus() const { return aclCauseStatus_; }
   Zol::Ptr<Lag::Input::Config> const& lagInputConfig() const { return lagInputConfig_; }
   Zol::Ptr<Bridging::Status> const& bridgingStatus() const { return bridgingStatus_; }
+  // The MAC table's indirect-access interface, with "macAsync"; null otherwise.
+  sim::MacIndirectAccess const* macIndirectAccess() const {
+    return macHelper_ ? macHelper_->indirectAccess() : nullptr;
+  }
 
  private:
   // The process's part: built by start, taken down by stop.
@@ -88,6 +95,8 @@ class Platform {
 
   PlatformConfig config_;
   Zol::ActivityLoop& loop_;
+  // The timers of the drivers that keep many (the MAC programmer's).
+  Tolm::TimerWheel wheel_;
   sim::Chip chip_;
   Zol::Ptr<Interface::EthLagIntfStatusDir> lagStatusDir_;
   Zol::Ptr<Lag::Input::IntfDeviceNameDir> lagDeviceNameDir_;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Sim/Chip.h"
+#include "Sim/MacIndirectAccess.h"
 #include "Vemo/VemoCommon.h"
 #include "ZolGen/Acl.h"
 #include "ZolGen/Bridging.h"
@@ -64,7 +65,8 @@ std::string showMacAddressTable(Bridging::Status const& status, MacTableFilter c
 std::string showMacAddressTableCount(Bridging::Status const& status, bool json);
 // The chip's MAC table: its use, its hash buckets, what the chip learned and aged on its own,
 // the driver's operations and the ones it refused.
-std::string showHardwareMac(sim::Chip const& chip, bool json);
+// With an indirect-access interface, its queues too.
+std::string showHardwareMac(sim::Chip const& chip, sim::MacIndirectAccess const* io, bool json);
 
 // The interfaces each cause keeps error-disabled, with the time they went down.
 std::string showErrdisable(std::vector<Errdisable::CauseStatus const*> const& causes, bool json);

@@ -17,6 +17,9 @@
 //                     status has no value of its own for it, as a chip's SDK answers both as "no
 //                     room" and only the driver knows which.
 //   macProgramFailed  the request itself is wrong; the SM drops it until the next change.
+// A platform whose chip is written through asynchronous commands (one built on
+// Vemo::VemoMacProgrammer) answers macProgramSuccess once the command is queued; the chip holds the
+// entry once the command has run.
 // Operations the platform leaves alone trace "Call to unimplemented function" and do nothing (a
 // programming operation then answers macProgramFailed).
 #pragma once

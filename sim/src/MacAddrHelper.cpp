@@ -154,6 +154,12 @@ Vemo::MacProgramStatus MacAddrHelper::addHost(Bridging::MacVlanPair const& key,
   MacKey const k = MacKey::of(key);
   ZOL_TRACE(8, "addHost " << k.text() << " " << placed(intf, entryType)
                           << (staticEntry ? " static" : ""));
+  if (indirect_) {
+    indirect_->handleAddrOp(Zol::make<Vemo::IndirectAccessMacCmd>(
+        Vemo::IndirectAccessMacCmdType::addHost,
+        Vemo::MacEntryKey(key, Vemo::MacHwType::macHwKeyBridge), intf, entryType, staticEntry));
+    return Vemo::MacProgramStatus::macProgramSuccess;
+  }
   return answer(chip_.macs().add(k, intf, entryType, !staticEntry));
 }
 
@@ -162,7 +168,17 @@ Vemo::MacProgramStatus MacAddrHelper::removeHost(Bridging::MacVlanPair const& ke
   programming(Op::removeHost);
   MacKey const k = MacKey::of(key);
   ZOL_TRACE(8, "removeHost " << k.text());
+  if (indirect_) {
+    indirect_->handleAddrOp(Zol::make<Vemo::IndirectAccessMacCmd>(
+        Vemo::IndirectAccessMacCmdType::removeHost,
+        Vemo::MacEntryKey(key, Vemo::MacHwType::macHwKeyBridge)));
+    return Vemo::MacProgramStatus::macProgramSuccess;
+  }
   return answer(chip_.macs().remove(k));
+}
+
+void MacAddrHelper::indirectAccessIs(Tolm::TimerWheel& wheel) {
+  indirect_ = std::make_unique<MacIndirectAccess>(wheel, chip_);
 }
 
 void MacAddrHelper::removeLag(Nepo::IntfId const& intf) {

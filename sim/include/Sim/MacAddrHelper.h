@@ -5,10 +5,12 @@
 
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <string_view>
 
 #include "Sim/Chip.h"
 #include "Sim/HelperCalls.h"
+#include "Sim/MacIndirectAccess.h"
 #include "Vemo/VemoHelperMacAddrSm.h"
 
 namespace sim {
@@ -53,6 +55,11 @@ class MacAddrHelper : public VemoHelper::VemoHelperMacAddrSm {
   // does not hold as programmed, and each static entry the chip holds that is not in it. Without
   // one, nothing is compared.
   void programmedTableIs(Zol::Ptr<VemoTypes::MacTable const> const& table) { programmed_ = table; }
+  // Host writes go through the chip's indirect-access interface, driven by wheel: addHost and
+  // removeHost answer success once the command is queued, and the chip holds the entry when the
+  // command has run. Until this is called, writes are direct.
+  void indirectAccessIs(Tolm::TimerWheel& wheel);
+  MacIndirectAccess* indirectAccess() const { return indirect_.get(); }
 
   Chip& chip() const { return chip_; }
   Zol::Ptr<VemoTypes::MacTable> const& driverTable() const { return driverTable_; }
@@ -108,6 +115,7 @@ class MacAddrHelper : public VemoHelper::VemoHelperMacAddrSm {
   bool ready_ = false;
   int agingTime_ = 0;
   Zol::Clock agingClock_;
+  std::unique_ptr<MacIndirectAccess> indirect_;
   mutable HelperCalls<Op, kOpCount> calls_;
 };
 
