@@ -188,6 +188,8 @@ class MacAddrSm : public VemoBaseSm {
   void updateQueuedAddresses();
   MacProgramStatus program(Bridging::MacVlanPair const& key, ModifyMacEntry const& update);
   void applied(Bridging::MacVlanPair const& key, ModifyMacEntry const& update);
+  // An asynchronous platform refused a write it had answered success for, or wrote it after all.
+  void handleRefusedHost(Bridging::MacVlanPair const& key);
   void entryFull(Bridging::MacVlanPair const& key, ModifyMacEntry update);
   void roomFreed();
   void requeueFullEntries();

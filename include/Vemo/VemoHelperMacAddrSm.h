@@ -19,7 +19,11 @@
 //   macProgramFailed  the request itself is wrong; the SM drops it until the next change.
 // A platform whose chip is written through asynchronous commands (one built on
 // Vemo::VemoMacProgrammer) answers macProgramSuccess once the command is queued; the chip holds the
-// entry once the command has run.
+// entry once the command has run. When the chip then refuses it, the platform says so in
+// refusedHost (macProgramFull: no room, it keeps retrying; macProgramFailed: it gave up): the SM
+// takes the entry out of the FDB status, keeping a full one aside and logging it as if the write
+// had answered full. When the entry is written after all, the platform deletes it from
+// refusedHost and the SM decides the pair again.
 // Operations the platform leaves alone trace "Call to unimplemented function" and do nothing (a
 // programming operation then answers macProgramFailed).
 #pragma once
@@ -30,7 +34,7 @@
 
 namespace VemoHelper {
 
-class VemoHelperMacAddrSm : public Vemo::VemoBaseHelper {
+class VemoHelperMacAddrSm : public VemoHelperMacAddrSmState {
  public:
   explicit VemoHelperMacAddrSm(Zol::Name const& name);
   std::string_view fwkType() const override { return "VemoHelper::VemoHelperMacAddrSm"; }

@@ -155,6 +155,7 @@ Vemo::MacProgramStatus MacAddrHelper::addHost(Bridging::MacVlanPair const& key,
   ZOL_TRACE(8, "addHost " << k.text() << " " << placed(intf, entryType)
                           << (staticEntry ? " static" : ""));
   if (indirect_) {
+    refusedHostDel(key);
     indirect_->handleAddrOp(Zol::make<Vemo::IndirectAccessMacCmd>(
         Vemo::IndirectAccessMacCmdType::addHost,
         Vemo::MacEntryKey(key, Vemo::MacHwType::macHwKeyBridge), intf, entryType, staticEntry));
@@ -169,6 +170,7 @@ Vemo::MacProgramStatus MacAddrHelper::removeHost(Bridging::MacVlanPair const& ke
   MacKey const k = MacKey::of(key);
   ZOL_TRACE(8, "removeHost " << k.text());
   if (indirect_) {
+    refusedHostDel(key);
     indirect_->handleAddrOp(Zol::make<Vemo::IndirectAccessMacCmd>(
         Vemo::IndirectAccessMacCmdType::removeHost,
         Vemo::MacEntryKey(key, Vemo::MacHwType::macHwKeyBridge)));
@@ -179,6 +181,17 @@ Vemo::MacProgramStatus MacAddrHelper::removeHost(Bridging::MacVlanPair const& ke
 
 void MacAddrHelper::indirectAccessIs(Tolm::TimerWheel& wheel) {
   indirect_ = std::make_unique<MacIndirectAccess>(wheel, chip_);
+  // What the SM was told succeeded and the chip refused, until it is written after all.
+  indirect_->listenerIs([this](Vemo::IndirectAccessMacCmd const& cmd, bool overflow) {
+    Bridging::MacVlanPair const& key = cmd.key().key();
+    if (overflow) {
+      refusedHostIs(key, Vemo::MacProgramStatus::macProgramFull);
+    } else if (cmd.status() == Vemo::MacProgramStatus::macProgramFailed) {
+      refusedHostIs(key, Vemo::MacProgramStatus::macProgramFailed);
+    } else {
+      refusedHostDel(key);
+    }
+  });
 }
 
 void MacAddrHelper::removeLag(Nepo::IntfId const& intf) {

@@ -20,6 +20,7 @@ MacAddrSm::MacAddrSm(Inputs const& inputs)
   reactors_->intfStatus.notifierIs(in_.ethPhyIntfStatusDir);
   reactors_->mlag.notifierIs(in_.mlagStatus);
   if (in_.portVlanMembership) reactors_->portVlan.notifierIs(in_.portVlanMembership);
+  reactors_->helper.notifierIs(in_.helper);
   reactors_->verify.notifierIs(commonData()->verifyData());
 }
 

@@ -24,6 +24,7 @@ class MacAddrSm::Reactors {
         intfStatus(sm),
         mlag(sm),
         portVlan(sm),
+        helper(sm),
         verify(sm) {}
 
   class HwMacTable : public SmReactor<VemoTypes::MacTable::NotifieeConst, MacAddrSm> {
@@ -114,6 +115,12 @@ class MacAddrSm::Reactors {
     void onIntfVlans(Nepo::IntfId const& intf) override { sm().handleLearning(intf); }
   };
 
+  class Helper : public SmReactor<VemoHelper::VemoHelperMacAddrSmState::NotifieeConst, MacAddrSm> {
+   public:
+    using SmReactor::SmReactor;
+    void onRefusedHost(Bridging::MacVlanPair const& key) override { sm().handleRefusedHost(key); }
+  };
+
   class Verify : public SmReactor<VerifyData::NotifieeConst, MacAddrSm> {
    public:
     using SmReactor::SmReactor;
@@ -142,6 +149,7 @@ class MacAddrSm::Reactors {
   IntfStatus intfStatus;
   MlagStatus mlag;
   PortVlan portVlan;
+  Helper helper;
   Verify verify;
   absl::flat_hash_map<Bridging::VlanId, std::unique_ptr<FdbConfig>> fdbConfig;
   absl::flat_hash_map<Nepo::IntfId, std::unique_ptr<SwitchIntfConfig>> switchIntfConfig;

@@ -125,6 +125,34 @@ void MacAddrSm::applied(Bridging::MacVlanPair const& key, ModifyMacEntry const& 
   }
 }
 
+void MacAddrSm::handleRefusedHost(Bridging::MacVlanPair const& key) {
+  ZOL_TRACE(9, "void Vemo::MacAddrSm::handleRefusedHost(Bridging::MacVlanPair const&) " << key);
+  if (!started_) return;
+  auto const& refused = in_.helper->refusedHostAll();
+  auto const it = refused.find(key);
+  if (it == refused.end()) {
+    ZOL_TRACE(6, key << " written after all");
+    reevaluateEntry(key);
+    return;
+  }
+  Bridging::HostEntry const* host = fdbEntry(key);
+  if (!host || host->entryType() == Bridging::EntryType::learnedDynamicMac) return;
+  ModifyMacEntry update;
+  update.intfIs(host->intf());
+  update.entryTypeIs(host->entryType());
+  update.movesIs(host->moves());
+  update.lastMoveTimeIs(host->lastMoveTime());
+  update.actionIs(EntryEvaluationAction::addConfiguredToFdbStatusAndHardware);
+  MacProgramStatus const status = it->second;
+  // The FDB status no longer claims what the chip does not hold.
+  delFromFdbStatus(key);
+  if (status == MacProgramStatus::macProgramFull) {
+    entryFull(key, update);
+  } else {
+    ZOL_TRACE(5, "Unable to program " << key << " " << update << ", code is " << status);
+  }
+}
+
 void MacAddrSm::entryFull(Bridging::MacVlanPair const& key, ModifyMacEntry update) {
   bool const collision = in_.helper->lastFullIsHashCollision();
   ZOL_TRACE(5, "No room for " << key << " " << update << (collision ? " (hash collision)" : ""));

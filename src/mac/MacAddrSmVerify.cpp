@@ -38,9 +38,9 @@ void MacAddrSm::verifyTables() {
   ZOL_TRACE(8, " verifying vlanBasedHostTableIndex");
   for (auto const& [fid, status] : in_.bridgingStatus->fdbStatusAll()) {
     if (status->fid() != fid || status->learnedHostSize() == 0) {
-      report.reportMismatch("MacAddrSm", "fdbStatus of vlan " + std::to_string(fid.value()) +
-                                             (status->fid() != fid ? " is keyed wrongly"
-                                                                   : " is empty"));
+      report.reportMismatch("MacAddrSm",
+                            "fdbStatus of vlan " + std::to_string(fid.value()) +
+                                (status->fid() != fid ? " is keyed wrongly" : " is empty"));
     }
   }
   for (auto const& [key, entry] : in_.macTable->entryAll()) {

@@ -13,7 +13,7 @@ void unimplemented(char const* operation) {
 using Vemo::MacProgramStatus;
 }  // namespace
 
-VemoHelperMacAddrSm::VemoHelperMacAddrSm(Zol::Name const& name) : Vemo::VemoBaseHelper(name) {}
+VemoHelperMacAddrSm::VemoHelperMacAddrSm(Zol::Name const& name) : VemoHelperMacAddrSmState(name) {}
 
 void VemoHelperMacAddrSm::hwInit() { unimplemented("hwInit"); }
 MacProgramStatus VemoHelperMacAddrSm::addHost(Bridging::MacVlanPair const&, Nepo::IntfId const&,

@@ -8,6 +8,7 @@
 
 #include "MacTestSupport.h"
 #include "Sim/MacAddrHelper.h"
+#include "Zol/Syslog.h"
 
 namespace mactest {
 namespace {
@@ -141,6 +142,8 @@ class MacSmModelTest : public MacSmTest {
   }
 
   sim::Chip chip{sim::Chip::Config{1, 8}};
+  // For a chip written through indirect-access commands; outlives the helper's timers.
+  Tolm::TimerWheel wheel{loop};
   Zol::Ptr<sim::MacAddrHelper> chipHelper;
   std::mt19937 rng{20261125};
 };
@@ -174,6 +177,34 @@ TEST_F(MacSmModelTest, ConvergesToTheBestSourceOfEveryPairAfterRandomChurnAndFau
   // The churn did reach the chip, and the chip did refuse.
   EXPECT_GT(chip.macs().learns(), 100u);
   EXPECT_GT(chipHelper->calls("refused"), 50u);
+}
+
+TEST_F(MacSmModelTest, AnAsynchronousChipsRefusalTakesTheEntryOutUntilItIsWritten) {
+  chipHelper->indirectAccessIs(wheel);
+  startOnChip();
+  Zol::Syslog::Capture syslog;
+  configure(host(1), eth(1));
+  loop.advanceBy(0.2);
+  EXPECT_EQ(fdb(host(1)), "Ethernet1 configuredStaticMac moves 0");
+  // No room for a second entry: accepted at first, then refused by the chip.
+  chip.capacityIs(sim::Table::mac, 1);
+  configure(host(2), eth(2));
+  loop.runUntilIdle();
+  EXPECT_EQ(fdb(host(2)), "Ethernet2 configuredStaticMac moves 0");
+  loop.advanceBy(0.2);
+  EXPECT_EQ(fdb(host(2)), "none");
+  EXPECT_EQ(sm->fullEntriesSize(), 1u);
+  ASSERT_EQ(syslog.records().size(), 2u);
+  EXPECT_EQ(syslog.records()[0].key, "MAC_PROGRAMMER_OVERFLOW");
+  EXPECT_EQ(syslog.records()[1].key, "MAC_HOST_TABLE_FULL");
+  EXPECT_EQ(verify("while full"), 0u);
+  // Room again: the programmer's retry writes it, and the SM publishes it.
+  chip.capacityIs(sim::Table::mac, 100);
+  loop.advanceBy(6);
+  EXPECT_EQ(fdb(host(2)), "Ethernet2 configuredStaticMac moves 0");
+  EXPECT_EQ(sm->fullEntriesSize(), 0u);
+  EXPECT_EQ(chipStatics().size(), 2u);
+  EXPECT_EQ(verify("after"), 0u);
 }
 
 }  // namespace

@@ -297,10 +297,10 @@ TEST_F(MacSmTest, LearningFollowsPortsVlansAndThePeerLinkAndOffClearsDynamicEntr
   EXPECT_EQ(verify("disagrees"), 2u);
   // An entry the SM claims to have programmed that the FDB status does not hold.
   helper->learning[eth(4)] = true;
-  macTable->entryIs(host(1), VemoTypes::MacAddressTableEntry(host(1), eth(1),
-                                                             EntryType::configuredStaticMac));
-  macTable->entryIs(host(3), VemoTypes::MacAddressTableEntry(host(3), eth(2),
-                                                             EntryType::configuredStaticMac));
+  macTable->entryIs(
+      host(1), VemoTypes::MacAddressTableEntry(host(1), eth(1), EntryType::configuredStaticMac));
+  macTable->entryIs(
+      host(3), VemoTypes::MacAddressTableEntry(host(3), eth(2), EntryType::configuredStaticMac));
   EXPECT_EQ(verify("stray"), 1u);
 }
 

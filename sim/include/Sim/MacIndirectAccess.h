@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 
 #include "Sim/Chip.h"
 #include "Vemo/VemoMacProgrammer.h"
@@ -25,12 +26,22 @@ class MacIndirectAccess : public Vemo::VemoMacProgrammer {
   void faultIs(Fault kind, uint32_t count);
   void execDelayIs(Zol::Seconds v) { execDelay_ = v; }
   Zol::Seconds execDelay() const { return execDelay_; }
+  // How each address command ended: written (done, status success), refused for good (done,
+  // failed), or parked for want of room (overflow); superseded commands are not reported.
+  using Listener = std::function<void(Vemo::IndirectAccessMacCmd const& cmd, bool overflow)>;
+  void listenerIs(Listener l) { listener_ = std::move(l); }
   // Commands started and not yet run.
   size_t running() const { return running_.size(); }
   uint64_t commandsRun() const { return commandsRun_; }
 
  protected:
   Vemo::MacProgramStatus writeToHw(Vemo::IndirectAccessMacCmd& cmd) override;
+  void onCommandDone(Vemo::IndirectAccessMacCmd const& cmd) override {
+    if (listener_ && cmd.valid() && cmd.isAddrOp()) listener_(cmd, false);
+  }
+  void onCommandOverflow(Vemo::IndirectAccessMacCmd const& cmd) override {
+    if (listener_) listener_(cmd, true);
+  }
 
  private:
   struct Running {
@@ -56,6 +67,7 @@ class MacIndirectAccess : public Vemo::VemoMacProgrammer {
   // Late answers, in the order they are due.
   std::deque<Answer> late_;
   Tolm::TimerWheel::Timer clock_;
+  Listener listener_;
   uint64_t commandsRun_ = 0;
 };
 
