@@ -244,14 +244,27 @@ void validatePacket(Step const& s, sim::Chip const& chip) {
   }
 }
 
-void validateFault(Step const& s) {
+// The ways a command of the MAC table's indirect-access interface goes wrong, by their names.
+std::optional<sim::MacIndirectAccess::Fault> indirectFault(std::string_view answer) {
+  using Fault = sim::MacIndirectAccess::Fault;
+  if (answer == "lost") return Fault::lost;
+  if (answer == "late") return Fault::late;
+  if (answer == "parity") return Fault::parity;
+  return std::nullopt;
+}
+
+void validateFault(Step const& s, bool macIndirect) {
   if (!sim::tableFromName(s.table)) {
     throw ScenarioError(s.label() + ": no chip table '" + s.table + "'");
   }
-  if (!s.capacity && !sim::statusFromText(s.answer)) {
-    throw ScenarioError(s.label() + ": 'answer' must be ok, busy, full or failed, found '" +
-                        s.answer + "'");
+  if (s.capacity || sim::statusFromText(s.answer)) return;
+  if (indirectFault(s.answer)) {
+    if (s.table == "mac" && macIndirect) return;
+    throw ScenarioError(s.label() + ": '" + s.answer +
+                        "' is a fault of the MAC table's indirect access (\"macAsync\": true)");
   }
+  throw ScenarioError(s.label() + ": 'answer' must be ok, busy, full or failed (or lost, late, " +
+                      "parity for an indirect-access MAC table), found '" + s.answer + "'");
 }
 
 }  // namespace
@@ -266,7 +279,7 @@ void Agent::validateStep(Step const& s) const {
     case Step::Kind::packet:
       return validatePacket(s, platform_->chip());
     case Step::Kind::fault:
-      return validateFault(s);
+      return validateFault(s, platform_->macIndirectAccess() != nullptr);
     default:
       break;
   }
@@ -377,6 +390,8 @@ void Agent::applyFault(Step const& s) {
   sim::Table const table = *sim::tableFromName(s.table);
   if (s.capacity) {
     platform_->chip().capacityIs(table, *s.capacity);
+  } else if (auto const fault = indirectFault(s.answer)) {
+    platform_->macIndirectAccess()->faultIs(*fault, s.count);
   } else {
     platform_->chip().faultIs(table, *sim::statusFromText(s.answer), s.count);
   }

@@ -83,7 +83,7 @@ class Platform {
   Zol::Ptr<Lag::Input::Config> const& lagInputConfig() const { return lagInputConfig_; }
   Zol::Ptr<Bridging::Status> const& bridgingStatus() const { return bridgingStatus_; }
   // The MAC table's indirect-access interface, with "macAsync"; null otherwise.
-  sim::MacIndirectAccess const* macIndirectAccess() const {
+  sim::MacIndirectAccess* macIndirectAccess() const {
     return macHelper_ ? macHelper_->indirectAccess() : nullptr;
   }
 

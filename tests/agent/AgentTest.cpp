@@ -148,6 +148,15 @@ TEST(Agent, PlatformFaultsAndChipPathsAreCheckedBeforeAnythingRuns) {
   EXPECT_NE(r.err.find("step 2 (fault lag): 'answer' must be ok, busy, full or failed"),
             std::string::npos)
       << r.err;
+  // A lost command is a fault of the MAC table's indirect access only.
+  r = runText(steps(R"({"fault": "mac", "answer": "lost"})"));
+  EXPECT_EQ(r.status, 2);
+  EXPECT_NE(r.err.find("'lost' is a fault of the MAC table's indirect access"), std::string::npos)
+      << r.err;
+  r = runText(withPlatform(R"({"macAsync": true})", R"({"fault": "lag", "answer": "late"})"));
+  EXPECT_EQ(r.status, 2);
+  r = runText(withPlatform(R"({"macAsync": true})", R"({"fault": "mac", "answer": "late"})"));
+  EXPECT_EQ(r.status, 0) << r.err;
   r = runText(steps(R"({"fault": "lag", "capacity": 4, "count": 2})"));
   EXPECT_NE(r.err.find("'count' goes with 'answer'"), std::string::npos) << r.err;
   r = runText(steps(R"({"set": "hw/lag", "attr": "Port-Channel1", "value": {}})"));
