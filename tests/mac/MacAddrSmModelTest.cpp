@@ -32,20 +32,7 @@ class MacSmModelTest : public MacSmTest {
 
   void startOnChip() {
     helper = {};
-    sm = Vemo::macAddrSmFactory(
-        cd, Zol::make<Vemo::VemoCommonMulticastData>("mcast"), macTable, hwMacTable, status,
-        flushRequests, flushReplies, config, Zol::make<Interface::AllEthPhyIntfConfigDir>("cfg"),
-        intfStatus, Zol::make<Vemo::VlanHelper>("vlanHelper"),
-        Zol::make<Mlag::HostTable>("mlagHosts"), mlag, chipHelper,
-        Zol::make<FastServerFailover::Status>("fsf"), Zol::make<Vxlan::VxlanConfigDir>("vxlan"),
-        Zol::make<Vemo::VXLAN::RemoteMacInfoDir>("rmi"),
-        Zol::make<Bridging::RemoteMacTable>("remoteMacs"), Zol::make<Dot1x::HostTable>("dot1x"),
-        Zol::make<Dot1x::Status>("dot1xStatus"), Zol::make<VemoHelper::VemoHelperDot1x>("d"),
-        Zol::make<L2Rib::HostInput>("l2RibIn"), Zol::make<L2Rib::HostOutput>("l2RibOut"),
-        Vemo::swTunnelGroupIdManagerFactory(cd), Zol::make<Vemo::ObjTupleToHwId>("hwIds"),
-        routerMacs, nonAging);
-    sm->initializedIs(true);
-    loop.runUntilIdle();
+    start(chipHelper);
   }
 
   uint32_t pick(uint32_t n) { return std::uniform_int_distribution<uint32_t>(0, n - 1)(rng); }

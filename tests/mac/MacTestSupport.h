@@ -115,12 +115,14 @@ class MacSmTest : public testing::Test {
   }
   ~MacSmTest() override { sm = {}; }
 
-  void start() {
+  // The SM over the recording helper, or over chip when given.
+  void start(Zol::Ptr<VemoHelper::VemoHelperMacAddrSm> const& chip = {}) {
     sm = Vemo::macAddrSmFactory(
         cd, Zol::make<Vemo::VemoCommonMulticastData>("mcast"), macTable, hwMacTable, status,
         flushRequests, flushReplies, config, Zol::make<Interface::AllEthPhyIntfConfigDir>("ethCfg"),
         intfStatus, Zol::make<Vemo::VlanHelper>("vlanHelper"),
-        Zol::make<Mlag::HostTable>("mlagHosts"), mlag, helper,
+        Zol::make<Mlag::HostTable>("mlagHosts"), mlag,
+        chip ? chip : Zol::Ptr<VemoHelper::VemoHelperMacAddrSm>(helper),
         Zol::make<FastServerFailover::Status>("fsf"), Zol::make<Vxlan::VxlanConfigDir>("vxlan"),
         Zol::make<Vemo::VXLAN::RemoteMacInfoDir>("remoteMacInfo"),
         Zol::make<Bridging::RemoteMacTable>("remoteMacs"), Zol::make<Dot1x::HostTable>("dot1x"),
