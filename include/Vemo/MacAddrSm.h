@@ -1,35 +1,46 @@
 // The MAC address SM: gathers every source of a (MAC, VLAN) entry, decides which one the chip is
 // to hold, queues the change, programs it through the platform's VemoHelperMacAddrSm and
-// publishes the result in the FDB status (per filtering identifier) and in the library's MAC
-// table. It also carries out other agents' flush requests, learning control per port and VLAN,
-// and the aging time.
+// publishes the result in the FDB status (per filtering identifier), in the library's MAC table
+// (local entries) and in the remote host status table (entries behind VXLAN tunnels). It also
+// carries out other agents' flush requests, learning control per port and VLAN, and the aging
+// time.
 //
-// Sources today: the chip's learn and age events (the driver's MAC table), configured static and
-// configured dynamic hosts (Bridging::Config's per-FID FDB config), the router's MAC addresses
-// and non-aging hosts. The MLAG peer, 802.1X, fast server failover and the remote (VXLAN, EVPN,
-// layer-2 RIB) sources are inputs of the factory already; the decision, the candidate type and the
-// update list are built for them.
+// Sources, in the order the best candidate is chosen: the layer-2 RIB's resolved hosts, EVPN
+// remote MACs, remote MACs received from the overlay controller, configured hosts, configured
+// remote hosts of the VXLAN tunnel interfaces, router MACs, the MLAG peer's hosts, 802.1X
+// authorised hosts, non-aging hosts and failed servers (sent to the CPU). Learn and age events come
+// from the chip driver's MAC table (local hosts) and from the VXLAN host table (hosts the data
+// plane learned behind a tunnel).
 //
 // Inputs beyond the factory's list reach the SM through trailing factory arguments: the router
-// MAC table, the non-aging MAC status and the port-VLAN membership (null: every port is taken as a
-// member of some VLAN). The MLAG peer link comes from Mlag::Status, the port-channels from the
-// common data's lagToPort.
+// MAC table, the non-aging MAC status, the port-VLAN membership (null: every port is taken as a
+// member of some VLAN), and the VTEP and VTEP-group status of the tunnel interfaces, which give
+// each tunnel group's hardware next hop (null: remote MACs resolve only through the layer-2 RIB).
+// The MLAG peer link comes from Mlag::Status, the port-channels from the common data's lagToPort.
 //
 // Preference between sources (betterEntry ranks preference * 256, plus the tie bit of the kinds
-// that win ties): router MACs have preference 1, every other local source 0, so a router MAC
-// beats a configured static entry of the same address (counted in
-// collidingStaticEntryWithRouterMacEntry), and a configured static entry beats everything else
-// learned or synced at its preference.
+// that win ties): router MACs and failed servers have preference 1, controller-received remote
+// MACs their own, every other source 0, so a router MAC beats a configured static entry of the
+// same address (counted in collidingStaticEntryWithRouterMacEntry), and a configured static entry
+// beats everything else learned or synced at its preference. Between a local learn and a dynamic
+// source elsewhere (the MLAG peer, a configured dynamic entry, EVPN, the controller) the more
+// recent move wins.
+//
+// Remote MACs: a remote entry points at its tunnel group's next hop; one whose next hop the
+// platform has not programmed yet waits (and leaves hardware if it was there) until it appears.
+// Every programmed remote MAC holds one reference on its next hop, its VLAN and its tunnel group.
 //
 // Full table: an entry the chip refused for want of room is kept aside, out of the FDB status,
 // logged once; whenever room is freed (a removal, an age event, a flush) the entries kept aside are
 // queued again, so a configured entry gets in as soon as it fits. A learned entry the chip had
-// no room for was never learned; the chip learns it again from the host's next packet.
+// no room for was never learned; the chip learns it again from the host's next packet. Remote
+// MACs beyond the platform's maximum wait aside the same way.
 #pragma once
 
 #include <absl/container/btree_set.h>
 #include <absl/container/flat_hash_map.h>
 #include <absl/container/flat_hash_set.h>
+#include <absl/functional/function_ref.h>
 
 #include <deque>
 #include <memory>
@@ -63,7 +74,13 @@ class MacAddrSm : public VemoBaseSm {
   // makes several agents ask at once (spanning tree, LACP, MLAG), and one pass over the chip serves
   // them all, well before a host's retransmission notices the stale entries.
   static constexpr Zol::Seconds kFlushDelay = 0.05;
+  // A walk of the whole MLAG host table (the peering came up or its peer link changed) runs this
+  // long at most before it yields; the walk of one MLAG interface's hosts after its link changed
+  // runs in the update list's slices, as failover latency matters there.
+  static constexpr Zol::Seconds kMlagWalkBudget = 0.1;
+  static constexpr Zol::Seconds kMlagIntfWalkBudget = 0.01;
   static constexpr Zol::U8 kRouterMacPreference = 1;
+  static constexpr Zol::U8 kFsfPreference = 1;
 
   struct Inputs {
     Zol::Ptr<VemoCommonSmData> commonData;
@@ -97,6 +114,8 @@ class MacAddrSm : public VemoBaseSm {
     Zol::Ptr<Bridging::RouterMacTable const> routerMacTable;
     Zol::Ptr<Bridging::NonAgingMacStatus const> nonAgingMacStatus;
     Zol::Ptr<PortVlanMembership const> portVlanMembership;
+    Zol::Ptr<VXLAN::VtepStatusDir const> vtepStatusDir;
+    Zol::Ptr<VXLAN::VtepGroupStatusDir const> vtepGroupStatusDir;
   };
 
   explicit MacAddrSm(Inputs const& inputs);
@@ -117,6 +136,10 @@ class MacAddrSm : public VemoBaseSm {
   static bool isProgrammedDynamic(Bridging::EntryType t) {
     return t == Bridging::EntryType::configuredDynamicMac;
   }
+  // Kinds behind a tunnel.
+  static bool isRemote(Bridging::EntryType t);
+  // Remote kinds that were learned (and age), rather than configured or received.
+  static bool isLearnedRemote(Bridging::EntryType t);
 
   Inputs const& inputs() const { return in_; }
   // What is queued for the chip, and what the chip had no room for.
@@ -127,6 +150,14 @@ class MacAddrSm : public VemoBaseSm {
   size_t collidingStaticEntryWithRouterMacEntry() const { return collidingStatic_.size(); }
   // Learning as last given to the helper, by port and by VLAN.
   absl::flat_hash_map<Nepo::IntfId, bool> const& learning() const { return learning_; }
+  // Remote MACs held until their tunnel group's next hop is programmed.
+  size_t waitingForNextHop() const;
+  // Where the time-sliced MLAG walks stand: the next key of the whole-table walk (none when no
+  // walk runs), and how many MLAG interfaces wait for their walk.
+  std::optional<Bridging::MacVlanPair> mlagHostTableBookmark() const { return mlagBookmark_; }
+  size_t mlagIntfWalksPending() const { return mlagIntfWalks_.size(); }
+  // While the VXLAN boot status says a hitless restart of remote MACs runs.
+  bool hitlessRestartInProgress() const;
 
  private:
   class Reactors;
@@ -160,6 +191,58 @@ class MacAddrSm : public VemoBaseSm {
   void handleHostAgingTime();
   void handleIntfStatus(Nepo::IntfId const& intf);
 
+  // The MLAG peer, 802.1X and failed servers.
+  void handleMlagHostTableEntry(Bridging::MacVlanPair const& key);
+  void handleMlagStatus();
+  void handleMlagIntfStatus(Nepo::IntfId const& intf);
+  void handleMlagHostTableTimer();
+  void handleMlagIntfHostTableTimer();
+  std::optional<MacCandidate> getPeerRemoteEntry(Bridging::MacVlanPair const& key);
+  void indexMlagHost(Bridging::MacVlanPair const& key);
+  void handleDot1xHostTableEntry(Bridging::MacVlanPair const& key);
+  void handleDot1xStatus();
+  void handleDot1xIntfStatus(Nepo::IntfId const& intf);
+  bool dot1xRestricts(Nepo::IntfId const& intf) const;
+  void handleFsfFailedServer(Bridging::MacVlanPair const& key);
+
+  // Remote MACs.
+  void handleConfiguredRemoteHost(Bridging::MacVlanPair const& key);
+  void handleVxlanConfig(Nepo::IntfId const& vti);
+  void handleReceivedRemoteHost(Bridging::MacVlanPair const& key);
+  void handleEvpnMacEntry(Bridging::MacVlanPair const& key);
+  void handleL2RibHost(Bridging::MacVlanPair const& key);
+  void handleObjTupleHwId(L2Rib::ObjTuple const& tuple);
+  void handleRemoteLearn(Bridging::MacVlanPair const& key);
+  void handleUseReceivedHostTable();
+  void handleVlanVni(Bridging::VlanId vlan);
+  void handleVtepStatus(Nepo::IntfId const& vti);
+  void handleTunnelGroupNextHop(SwTunnelGroupId group);
+  void handleRemoteMacFlushRequest(VXLAN::FlushReqKey const& req);
+  void handleBootStatus();
+  void handleStageRemoteMacsReady();
+  using Consider = absl::FunctionRef<void(MacCandidate const&, char const*)>;
+  // The layer-2 RIB's, EVPN's and the controller's candidates, then the configured remote hosts.
+  void gatherAnnouncedCandidates(Bridging::MacVlanPair const& key, Consider consider);
+  void gatherConfiguredRemoteCandidate(Bridging::MacVlanPair const& key, Consider consider);
+  // Queues a programmed remote MAC again as it stands (its next hop changed).
+  void reprogramRemote(Bridging::MacVlanPair const& key);
+  void queueRemoval(Bridging::MacVlanPair const& key, Bridging::HostEntry const& host);
+  // Between a local learn and a dynamic source elsewhere: whether the local one moved last.
+  bool localMoreRecent(ModifyMacEntry const& local, MacCandidate const& other) const;
+  bool mlagActive() const;
+  // The tunnel interface that carries a VLAN, or none.
+  Nepo::IntfId vtiOfVlan(Bridging::VlanId vlan) const;
+  // The next hop behind a remote entry: its RIB object's hardware id, or its tunnel group's next
+  // hop on the tunnel interface. nullopt: not programmed (yet).
+  std::optional<VXLAN::HwVtepInfo> hwVtepOf(Nepo::IntfId const& vti, SwTunnelGroupId group) const;
+  std::optional<Zol::U32> nextHopOf(ModifyMacEntry const& update) const;
+  void detectRemoteLocalMove(ModifyMacEntry& update, std::optional<MacCandidate> const& current,
+                             int point) const;
+  void updateRemoteHostTableAfterHwProg(Bridging::MacVlanPair const& key,
+                                        std::optional<VXLAN::StatusEntry> const& entry);
+  bool skipDuringHitlessRestart(Bridging::MacVlanPair const& key, ModifyMacEntry const& update,
+                                Zol::U32 nextHop) const;
+
   // The decision.
   std::optional<MacCandidate> configuredEntry(Bridging::MacVlanPair const& key);
   std::optional<MacCandidate> currentEntry(Bridging::MacVlanPair const& key) const;
@@ -171,7 +254,8 @@ class MacAddrSm : public VemoBaseSm {
   void maybeUpdateMoveCount(ModifyMacEntry& update, std::optional<MacCandidate> const& current,
                             Nepo::IntfId const& intf);
   bool checkIgnoreEvent(std::optional<MacCandidate> const& configured, Nepo::IntfId const& intf,
-                        Bridging::EntryType entryType, bool learnedInHardware) const;
+                        SwTunnelGroupId swTunnelGroupId, Bridging::EntryType entryType,
+                        bool learnedInHardware) const;
   void handleLearnEvent(Bridging::MacVlanPair const& key, ModifyMacEntry learned,
                         std::optional<MacCandidate> const& configured);
   void handleAgeEvent(Bridging::MacVlanPair const& key);
@@ -187,6 +271,8 @@ class MacAddrSm : public VemoBaseSm {
   // Programming.
   void updateQueuedAddresses();
   MacProgramStatus program(Bridging::MacVlanPair const& key, ModifyMacEntry const& update);
+  // A new remote MAC beyond the platform's maximum waits aside, like an entry with no room.
+  bool remoteLimitReached(Bridging::MacVlanPair const& key, ModifyMacEntry const& update) const;
   void applied(Bridging::MacVlanPair const& key, ModifyMacEntry const& update);
   // An asynchronous platform refused a write it had answered success for, or wrote it after all.
   void handleRefusedHost(Bridging::MacVlanPair const& key);
@@ -219,6 +305,7 @@ class MacAddrSm : public VemoBaseSm {
   void handleVerify(Zol::String const& request);
   void verifyTables();
   void verifyLearning();
+  void verifyRemote();
 
   Inputs const in_;
   std::unique_ptr<Reactors> reactors_;
@@ -251,6 +338,31 @@ class MacAddrSm : public VemoBaseSm {
   absl::flat_hash_map<Bridging::VlanId, bool> vlanLearning_;
   // Verification requests that came before the first pass, answered after it.
   absl::btree_set<Zol::String> pendingVerify_;
+
+  // The MLAG peer's hosts by the peer's interface, for the walk after an MLAG interface changed.
+  absl::flat_hash_map<Nepo::IntfId, absl::btree_set<Bridging::MacVlanPair>> mlagHostTableIndex_;
+  absl::flat_hash_map<Bridging::MacVlanPair, Nepo::IntfId> mlagHostIntf_;
+  std::optional<Bridging::MacVlanPair> mlagBookmark_;
+  Zol::Clock mlagClock_;
+  // MLAG interfaces whose hosts wait to be decided again, and where the first one's walk stands.
+  std::deque<Nepo::IntfId> mlagIntfWalks_;
+  std::optional<Bridging::MacVlanPair> mlagIntfBookmark_;
+  Zol::Clock mlagIntfClock_;
+  Mlag::State mlagState_ = Mlag::State::stateDisabled;
+  absl::flat_hash_map<Nepo::IntfId, Dot1x::HostMode> dot1xHostMode_;
+
+  bool skipRemote_ = false;
+  Zol::U32 maxRemoteMacs_ = 0;
+  // Remote MACs waiting for their tunnel group's next hop, and those whose RIB object has no
+  // hardware id yet, by what they wait for.
+  absl::flat_hash_map<SwTunnelGroupId, absl::flat_hash_set<Bridging::MacVlanPair>> waitingGroup_;
+  absl::flat_hash_map<Bridging::MacVlanPair, SwTunnelGroupId> waitingFor_;
+  absl::flat_hash_map<L2Rib::ObjTuple, absl::flat_hash_set<Bridging::MacVlanPair>> tupleHosts_;
+  absl::flat_hash_map<Bridging::MacVlanPair, L2Rib::ObjTuple> ribTupleOf_;
+  // Programmed remote MACs by tunnel group, and the RIB object of those programmed through one.
+  absl::flat_hash_map<SwTunnelGroupId, absl::flat_hash_set<Bridging::MacVlanPair>> remoteByGroup_;
+  absl::flat_hash_map<Bridging::MacVlanPair, L2Rib::ObjTuple> programmedTuple_;
+  bool hitlessRestart_ = false;
 };
 
 Zol::Ptr<MacAddrSm> macAddrSmFactory(
@@ -280,6 +392,8 @@ Zol::Ptr<MacAddrSm> macAddrSmFactory(
     Zol::Ptr<ObjTupleToHwId const> const& objTupleToHwId,
     Zol::Ptr<Bridging::RouterMacTable const> const& routerMacTable = {},
     Zol::Ptr<Bridging::NonAgingMacStatus const> const& nonAgingMacStatus = {},
-    Zol::Ptr<PortVlanMembership const> const& portVlanMembership = {});
+    Zol::Ptr<PortVlanMembership const> const& portVlanMembership = {},
+    Zol::Ptr<VXLAN::VtepStatusDir const> const& vtepStatusDir = {},
+    Zol::Ptr<VXLAN::VtepGroupStatusDir const> const& vtepGroupStatusDir = {});
 
 }  // namespace Vemo

@@ -10,7 +10,9 @@ MacAddrSm::MacAddrSm(Inputs const& inputs)
       in_(inputs),
       macTableClock_(inputs.commonData->loop(), [this] { handleMacTableTimer(); }),
       updateClock_(inputs.commonData->loop(), [this] { updateQueuedAddresses(); }),
-      flushClock_(inputs.commonData->loop(), [this] { handleFlushReqTimer(); }) {
+      flushClock_(inputs.commonData->loop(), [this] { handleFlushReqTimer(); }),
+      mlagClock_(inputs.commonData->loop(), [this] { handleMlagHostTableTimer(); }),
+      mlagIntfClock_(inputs.commonData->loop(), [this] { handleMlagIntfHostTableTimer(); }) {
   reactors_ = std::make_unique<Reactors>(this);
   reactors_->hwMacTable.notifierIs(in_.hwMacTable);
   reactors_->config.notifierIs(in_.bridgingConfig);
@@ -22,6 +24,7 @@ MacAddrSm::MacAddrSm(Inputs const& inputs)
   if (in_.portVlanMembership) reactors_->portVlan.notifierIs(in_.portVlanMembership);
   reactors_->helper.notifierIs(in_.helper);
   reactors_->verify.notifierIs(commonData()->verifyData());
+  reactors_->connectSources(this);
 }
 
 MacAddrSm::~MacAddrSm() {
@@ -56,7 +59,9 @@ Zol::Ptr<MacAddrSm> macAddrSmFactory(
     Zol::Ptr<ObjTupleToHwId const> const& objTupleToHwId,
     Zol::Ptr<Bridging::RouterMacTable const> const& routerMacTable,
     Zol::Ptr<Bridging::NonAgingMacStatus const> const& nonAgingMacStatus,
-    Zol::Ptr<PortVlanMembership const> const& portVlanMembership) {
+    Zol::Ptr<PortVlanMembership const> const& portVlanMembership,
+    Zol::Ptr<VXLAN::VtepStatusDir const> const& vtepStatusDir,
+    Zol::Ptr<VXLAN::VtepGroupStatusDir const> const& vtepGroupStatusDir) {
   return Zol::make<MacAddrSm>(MacAddrSm::Inputs{commonData,
                                                 commonMulticastData,
                                                 macTable,
@@ -84,7 +89,9 @@ Zol::Ptr<MacAddrSm> macAddrSmFactory(
                                                 objTupleToHwId,
                                                 routerMacTable,
                                                 nonAgingMacStatus,
-                                                portVlanMembership});
+                                                portVlanMembership,
+                                                vtepStatusDir,
+                                                vtepGroupStatusDir});
 }
 
 void MacAddrSm::handleInitialized() {
@@ -96,6 +103,8 @@ void MacAddrSm::handleInitialized() {
     started_ = true;
     in_.helper->hwInit();
     in_.helper->handleLinkStateAtInit();
+    skipRemote_ = in_.helper->skipVemoVxlanRmacHandling();
+    maxRemoteMacs_ = in_.helper->getMaxRemoteMacs();
   }
   handleHostAgingTime();
   peerLink_ = in_.mlagStatus->peerLinkIntf();
@@ -107,12 +116,30 @@ void MacAddrSm::handleInitialized() {
   // Programmed entries whose source went while nothing was acted on.
   std::vector<Bridging::MacVlanPair> programmed;
   for (auto const& [key, entry] : in_.macTable->entryAll()) programmed.push_back(key);
+  for (auto const& [key, entry] : in_.remoteMacInfoDir->hostStatusTable()->statusEntryAll()) {
+    programmed.push_back(key);
+  }
   for (auto const& key : programmed) reevaluateEntry(key);
   if (in_.routerMacTable) {
     for (auto const& [key, on] : in_.routerMacTable->routerMacAll()) handleRouterMacEntry(key);
   }
   if (in_.nonAgingMacStatus) {
     for (auto const& [key, on] : in_.nonAgingMacStatus->hostAll()) handleNonAgingMacEntries(key);
+  }
+  handleMlagStatus();
+  for (auto const& [key, entry] : in_.mlagHostTable->hostEntryAll()) handleMlagHostTableEntry(key);
+  handleDot1xStatus();
+  for (auto const& [key, entry] : in_.dot1xHostTable->hostAll()) handleDot1xHostTableEntry(key);
+  for (auto const& [key, intf] : in_.fsfStatus->failedServerAll()) handleFsfFailedServer(key);
+  handleBootStatus();
+  for (auto const& [vti, config] : in_.vxlanConfigDir->vxlanConfigAll()) handleVxlanConfig(vti);
+  for (auto const& [key, entry] : in_.remoteMacInfoDir->receivedHostTable()->receivedEntryAll()) {
+    handleReceivedRemoteHost(key);
+  }
+  for (auto const& [key, entry] : in_.remoteMacTable->remoteMacAll()) handleEvpnMacEntry(key);
+  for (auto const& [key, entry] : in_.l2RibHostOutput->hostAll()) handleL2RibHost(key);
+  for (auto const& [key, entry] : in_.remoteMacInfoDir->hostTable()->entryAll()) {
+    handleRemoteLearn(key);
   }
   // What the chip learned before this start is published, as if it were learned now.
   for (auto const& [key, entry] : in_.hwMacTable->entryAll()) handleMacTableEntry(key);

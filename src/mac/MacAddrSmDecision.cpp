@@ -34,6 +34,20 @@ bool sameTarget(MacCandidate const& a, MacCandidate const& b) {
 // "later" as the ranking reads time: a NaN time is never later.
 bool later(double a, double b) { return !std::isnan(a) && !std::isnan(b) && a > b; }
 
+// Kinds that exist because a host was seen there: each follows the host.
+bool learnedKind(EntryType t) {
+  return t == EntryType::learnedDynamicMac || t == EntryType::learnedRemoteMac;
+}
+
+// Sources that report a host where it was last seen, rather than pin it somewhere.
+bool dynamicSource(EntryType t) {
+  return t == EntryType::configuredDynamicMac || t == EntryType::peerDynamicMac ||
+         t == EntryType::peerDynamicRemoteMac || t == EntryType::evpnDynamicRemoteMac ||
+         t == EntryType::receivedRemoteMac || t == EntryType::evpnIntfDynamicMac;
+}
+
+bool tupleSet(L2Rib::ObjTuple const& t) { return t.objType() != L2Rib::ObjType::invalidObj; }
+
 }  // namespace
 
 std::optional<MacCandidate> MacAddrSm::configuredEntry(Bridging::MacVlanPair const& key) {
@@ -51,6 +65,7 @@ std::optional<MacCandidate> MacAddrSm::configuredEntry(Bridging::MacVlanPair con
     if (betterEntry(c, best ? &*best : nullptr, *in_.swTunnelGroupIdManager)) best = c;
   };
 
+  gatherAnnouncedCandidates(key, consider);
   bool configuredStatic = false;
   if (auto const fdb = in_.bridgingConfig->fdbConfig(key.vlanId())) {
     if (fdb->configuredHostHas(key.macAddr())) {
@@ -63,6 +78,7 @@ std::optional<MacCandidate> MacAddrSm::configuredEntry(Bridging::MacVlanPair con
       }
     }
   }
+  gatherConfiguredRemoteCandidate(key, consider);
   bool const routerMac = in_.routerMacTable && in_.routerMacTable->routerMacHas(key);
   if (routerMac) {
     consider(candidate(key, Nepo::IntfId(Nepo::IntfKind::Cpu, {}), EntryType::routerMac, 0, 0,
@@ -73,6 +89,14 @@ std::optional<MacCandidate> MacAddrSm::configuredEntry(Bridging::MacVlanPair con
     collidingStatic_.insert(key);
   } else {
     collidingStatic_.erase(key);
+  }
+  if (std::optional<MacCandidate> const peer = getPeerRemoteEntry(key)) {
+    consider(*peer, " candidate from mlagHostTable");
+  }
+  auto const& dot1x = in_.dot1xHostTable->hostAll();
+  if (auto const it = dot1x.find(key); it != dot1x.end()) {
+    consider(candidate(key, it->second.intf(), EntryType::dot1xAuthorizedMac, 0, 0),
+             " candidate from dot1xHostTable");
   }
   if (in_.nonAgingMacStatus && in_.nonAgingMacStatus->hostHas(key)) {
     // Kept where the chip last learned it.
@@ -88,6 +112,11 @@ std::optional<MacCandidate> MacAddrSm::configuredEntry(Bridging::MacVlanPair con
                " candidate from nonAgingMacStatus");
     }
   }
+  if (in_.fsfStatus->failedServerHas(key)) {
+    consider(candidate(key, Nepo::IntfId(Nepo::IntfKind::Cpu, {}), EntryType::fsfFailedServerMac, 0,
+                       0, kFsfPreference),
+             " candidate from fsfStatus");
+  }
   if (!best) ZOL_TRACE(8, key << " entry not found in collections");
   return best;
 }
@@ -99,14 +128,27 @@ std::optional<MacCandidate> MacAddrSm::currentEntry(Bridging::MacVlanPair const&
         8, "Found a pending operation in updateList with action " << u.action() << " for " << key);
     if (u.action() == EntryEvaluationAction::removeFromFdbStatusAndHardware) return std::nullopt;
     if (u.action() != EntryEvaluationAction::ignoreLearnt) {
-      return candidate(key, u.intf(), u.entryType(), u.moves(), u.lastMoveTime());
+      return MacCandidate(key, u.intf(), u.entryType(), u.swTunnelGroupId(),
+                          Tolm::Seqno32(u.moves()), u.lastMoveTime(), 0, false, u.l2RibObjTuple(),
+                          tupleSet(u.l2RibObjTuple()));
     }
   }
-  if (Bridging::HostEntry const* host = fdbEntry(key)) {
-    ZOL_TRACE(8, "Found entry in fdbStatus for " << key << ": " << *host);
-    return candidate(key, host->intf(), host->entryType(), host->moves(), host->lastMoveTime());
+  Bridging::HostEntry const* host = fdbEntry(key);
+  if (!host) return std::nullopt;
+  if (host->intf().isVxlan()) {
+    VXLAN::StatusEntry const remote = in_.remoteMacInfoDir->hostStatusTable()->statusEntry(key);
+    ZOL_TRACE(8, "Found entry in Vxlan fdbStatus for "
+                     << key << ": " << *host << " tunnels "
+                     << in_.swTunnelGroupIdManager->getTunnelIpListFromSwTunnelGroupId(
+                            remote.swTunnelGroupId()));
+    auto const tuple = programmedTuple_.find(key);
+    bool const viaRib = tuple != programmedTuple_.end();
+    return MacCandidate(key, host->intf(), host->entryType(), remote.swTunnelGroupId(),
+                        Tolm::Seqno32(host->moves()), host->lastMoveTime(), 0, false,
+                        viaRib ? tuple->second : L2Rib::ObjTuple(), viaRib);
   }
-  return std::nullopt;
+  ZOL_TRACE(8, "Found entry in fdbStatus for " << key << ": " << *host);
+  return candidate(key, host->intf(), host->entryType(), host->moves(), host->lastMoveTime());
 }
 
 void MacAddrSm::reevaluateEntry(Bridging::MacVlanPair const& key) {
@@ -145,13 +187,14 @@ void MacAddrSm::evaluateEntry(Bridging::MacVlanPair const& key, Nepo::IntfId con
     return;
   }
   if (Bridging::HostEntry const* host = fdbEntry(key);
-      host && host->intf() == intf && fuzzyTypeMatch(host->entryType(), entryType)) {
+      host && host->intf() == intf && fuzzyTypeMatch(host->entryType(), entryType) &&
+      (!intf.isVxlan() || current->swTunnelGroupId() == swTunnelGroupId)) {
     ZOL_TRACE(8, "Ignoring event for mac entry " << key
                                                  << " that matches current entry in fdb "
                                                     "status");
     return;
   }
-  if (checkIgnoreEvent(configured, intf, entryType, learnedInHardware)) {
+  if (checkIgnoreEvent(configured, intf, swTunnelGroupId, entryType, learnedInHardware)) {
     ZOL_TRACE(6, " Final action: ignore - MAC entry: " << key << " intf " << intf);
     return;
   }
@@ -161,8 +204,11 @@ void MacAddrSm::evaluateEntry(Bridging::MacVlanPair const& key, Nepo::IntfId con
   learned.swTunnelGroupIdIs(swTunnelGroupId);
   learned.l2RibObjTupleIs(objTuple);
   learned.lastMoveTimeIs(lastMoveTime);
-  learned.actionIs(EntryEvaluationAction::addLearntToFdbStatus);
+  learned.actionIs(entryType == EntryType::learnedRemoteMac
+                       ? EntryEvaluationAction::addLearntRemote
+                       : EntryEvaluationAction::addLearntToFdbStatus);
   maybeUpdateMoveCount(learned, current, intf);
+  detectRemoteLocalMove(learned, current, 1);
   handleLearnEvent(key, learned, configured);
 }
 
@@ -185,8 +231,8 @@ void MacAddrSm::maybeUpdateMoveCount(ModifyMacEntry& update,
 }
 
 bool MacAddrSm::checkIgnoreEvent(std::optional<MacCandidate> const& configured,
-                                 Nepo::IntfId const& intf, Bridging::EntryType entryType,
-                                 bool learnedInHardware) const {
+                                 Nepo::IntfId const& intf, SwTunnelGroupId swTunnelGroupId,
+                                 Bridging::EntryType entryType, bool learnedInHardware) const {
   if (!configured) {
     ZOL_TRACE(8, " no configEntry, returning false ");
     return false;
@@ -203,6 +249,10 @@ bool MacAddrSm::checkIgnoreEvent(std::optional<MacCandidate> const& configured,
     ZOL_TRACE(8, " fuzzy type match failed, returning false.");
     return false;
   }
+  if (configured->swTunnelGroupId() != swTunnelGroupId) {
+    ZOL_TRACE(8, " tunnel(s) don't match, returning false.");
+    return false;
+  }
   if (configured->swTunnelGroupId().isEmpty() && !configured->l2RibObjTupleSet()) {
     ZOL_TRACE(8, " no tunnel(s)/l2RibObjTuple returning true.");
     return true;
@@ -213,7 +263,13 @@ bool MacAddrSm::checkIgnoreEvent(std::optional<MacCandidate> const& configured,
 
 void MacAddrSm::handleLearnEvent(Bridging::MacVlanPair const& key, ModifyMacEntry learned,
                                  std::optional<MacCandidate> const& configured) {
-  if (!agesInHardware(learned.entryType())) {
+  bool const remote = learned.entryType() == EntryType::learnedRemoteMac;
+  if (remote && in_.remoteMacInfoDir->useReceivedHostTable()) {
+    // The controller is the authority on where remote hosts are.
+    ZOL_TRACE(6, "Ignore dynamically learnt remote macs in controller client mode");
+    return;
+  }
+  if (!remote && !agesInHardware(learned.entryType())) {
     // The driver reports only what the chip ages; anything else is not the chip's to learn.
     ZOL_TRACE(5, "unexpected learn "
                      << key << " intf " << learned.intf() << " type " << learned.entryType()
@@ -229,29 +285,111 @@ void MacAddrSm::handleLearnEvent(Bridging::MacVlanPair const& key, ModifyMacEntr
     }
     return;
   }
-  if (!configured) {
-    addLearntToFdbStatus(key, learned);
+  if (!remote && mlagActive() && !peerLink_.isEmpty() && learned.intf() == peerLink_) {
+    // The peer syncs its hosts; a learn on the link to it is a packet that went round.
+    ZOL_TRACE(6, "Entry was learned on peer-link. Deleting this entry.");
+    if (configured) {
+      queueConfigured(key, *configured, std::nullopt);
+    } else {
+      learned.actionIs(EntryEvaluationAction::removeFromFdbStatusAndHardware);
+      addToUpdateList(key, learned);
+    }
     return;
   }
-  if (isProgrammedDynamic(configured->entryType())) {
+  if (!remote && dot1xRestricts(learned.intf())) {
+    ZOL_TRACE(6, "Action is ignoreLearnt_ since interface is Dot1x singleHost or restrictedHost");
+    return;
+  }
+  auto const takeLearned = [&] {
+    if (learned.action() == EntryEvaluationAction::addLearntToFdbStatus) {
+      addLearntToFdbStatus(key, learned);
+    } else {
+      ZOL_TRACE(6, " Final action: " << learned.action() << " - MAC Entry: " << key);
+      addToUpdateList(key, learned);
+    }
+  };
+  if (!configured) {
+    takeLearned();
+    return;
+  }
+  EntryType const type = configured->entryType();
+  if (type == EntryType::peerDynamicMac || type == EntryType::peerDynamicRemoteMac) {
+    ZOL_TRACE(6, "for learnedDynamicMac Local move time is " << learned.lastMoveTime()
+                                                             << ", peer move time is "
+                                                             << configured->lastMoveTime());
+    if (localMoreRecent(learned, *configured)) {
+      ZOL_TRACE(6, "Local dynamic MAC is more recent");
+      takeLearned();
+    } else {
+      ZOL_TRACE(6, " peer dynamic MAC is more recent");
+      ZOL_TRACE(6, (type == EntryType::peerDynamicMac ? "Using peer dynamic entry"
+                                                      : "Using peer dynamic remote entry"));
+      queueConfigured(key, *configured, std::nullopt);
+    }
+    return;
+  }
+  if (isProgrammedDynamic(type)) {
     // Both are dynamic: the host is where it was seen last.
     if (later(learned.lastMoveTime(), configured->lastMoveTime())) {
       ZOL_TRACE(6, "Learned dynamic entry is more recent than configured");
-      addLearntToFdbStatus(key, learned);
+      takeLearned();
     } else {
       ZOL_TRACE(6, "Configured dynamic entry is more recent than learned");
       queueConfigured(key, *configured, std::nullopt);
     }
     return;
   }
+  if (dynamicSource(type)) {
+    if (localMoreRecent(learned, *configured)) {
+      ZOL_TRACE(6, "Learned entry is more recent than " << type);
+      takeLearned();
+      return;
+    }
+    if (type == EntryType::receivedRemoteMac) {
+      ZOL_TRACE(6, "Using controller received remote mac entry");
+      ZOL_TRACE(6, "Setting moves from received: " << configured->moveCount().value());
+    } else {
+      ZOL_TRACE(6, "Using " << type << " entry, more recent than the learn");
+    }
+    queueConfigured(key, *configured, std::nullopt);
+    return;
+  }
   // Every other configured kind is static: it stays, and the chip is set back to it.
-  ZOL_TRACE(6, "Configured " << configured->entryType() << " entry overrides learn on "
-                             << learned.intf());
+  ZOL_TRACE(6, "Configured " << type << " entry overrides learn on " << learned.intf());
   queueConfigured(key, *configured, std::nullopt);
 }
 
+bool MacAddrSm::localMoreRecent(ModifyMacEntry const& local, MacCandidate const& other) const {
+  // Announced hosts carry the protocol's move sequence number; it decides before the clocks of
+  // two switches are compared.
+  if (other.entryType() == EntryType::evpnDynamicRemoteMac ||
+      other.entryType() == EntryType::receivedRemoteMac) {
+    Tolm::Seqno32 const moves(local.moves());
+    if (moves != other.moveCount()) return moves > other.moveCount();
+  }
+  return later(local.lastMoveTime(), other.lastMoveTime());
+}
+
 void MacAddrSm::handleAgeEvent(Bridging::MacVlanPair const& key) {
+  if (in_.fsfStatus->failedServerHas(key)) {
+    ZOL_TRACE(6, "Ignoring aging event for FSF entry " << key);
+    return;
+  }
   Bridging::HostEntry const* host = fdbEntry(key);
+  if (host && host->entryType() == EntryType::learnedRemoteMac) {
+    // The data plane stopped seeing the host behind the tunnel; the entry the SM programmed for
+    // it goes, or gives way to the next best.
+    if (hitlessRestart_) {
+      ZOL_TRACE(6, key << " hitless restart is in progress");
+      return;
+    }
+    if (std::optional<MacCandidate> const configured = configuredEntry(key)) {
+      queueConfigured(key, *configured, std::nullopt);
+    } else {
+      queueRemoval(key, *host);
+    }
+    return;
+  }
   if (host && !agesInHardware(host->entryType())) {
     // The chip dropped a learn of its own that a programmed entry replaced.
     ZOL_TRACE(8, "age of " << key << " ignored: " << host->entryType() << " is programmed static");
@@ -264,7 +402,13 @@ void MacAddrSm::handleAgeEvent(Bridging::MacVlanPair const& key) {
   // The next best candidate takes over.
   std::optional<MacCandidate> const configured = configuredEntry(key);
   if (configured) {
-    ZOL_TRACE(6, "Entry aged, using " << configured->entryType() << " entry");
+    if (configured->entryType() == EntryType::peerDynamicMac) {
+      ZOL_TRACE(6, "Entry aged, using peer dynamic entry");
+    } else if (configured->entryType() == EntryType::peerDynamicRemoteMac) {
+      ZOL_TRACE(6, "Entry aged, using peer dynamic remote entry");
+    } else {
+      ZOL_TRACE(6, "Entry aged, using " << configured->entryType() << " entry");
+    }
     queueConfigured(key, *configured, std::nullopt);
   }
 }
@@ -278,27 +422,40 @@ void MacAddrSm::handleSourceChange(Bridging::MacVlanPair const& key,
       fullEntries_.erase(key);
       return;
     }
-    if (current && current->entryType() == EntryType::learnedDynamicMac &&
-        isProgrammedDynamic(configured->entryType()) &&
-        later(current->lastMoveTime(), configured->lastMoveTime())) {
-      ZOL_TRACE(6, "Learned dynamic entry is more recent than configured");
-      return;
+    if (current && learnedKind(current->entryType()) && dynamicSource(configured->entryType())) {
+      ModifyMacEntry local;
+      local.movesIs(current->moveCount().value());
+      local.lastMoveTimeIs(current->lastMoveTime());
+      if (localMoreRecent(local, *configured)) {
+        ZOL_TRACE(6, "Learned dynamic entry is more recent than " << configured->entryType());
+        return;
+      }
     }
     queueConfigured(key, *configured, current);
     return;
   }
   fullEntries_.erase(key);
-  if (current && current->entryType() != EntryType::learnedDynamicMac) {
-    ModifyMacEntry update;
-    update.intfIs(current->intf());
-    update.entryTypeIs(current->entryType());
-    update.movesIs(current->moveCount().value());
-    update.lastMoveTimeIs(current->lastMoveTime());
-    update.actionIs(EntryEvaluationAction::removeFromFdbStatusAndHardware);
-    addToUpdateList(key, update);
+  if (!current) {
+    ZOL_TRACE(8, " Final action: ignore - MAC entry: " << key);
     return;
   }
-  ZOL_TRACE(8, " Final action: ignore - MAC entry: " << key);
+  if (current->entryType() == EntryType::learnedDynamicMac ||
+      (current->entryType() == EntryType::learnedRemoteMac &&
+       in_.remoteMacInfoDir->hostTable()->entryAll().contains(key))) {
+    ZOL_TRACE(8, " Final action: ignore - MAC entry: " << key << " is learned");
+    return;
+  }
+  if (hitlessRestart_ && current->intf().isVxlan()) {
+    ZOL_TRACE(6, key << " hitless restart is in progress");
+    return;
+  }
+  ModifyMacEntry update;
+  update.intfIs(current->intf());
+  update.entryTypeIs(current->entryType());
+  update.movesIs(current->moveCount().value());
+  update.lastMoveTimeIs(current->lastMoveTime());
+  update.actionIs(EntryEvaluationAction::removeFromFdbStatusAndHardware);
+  addToUpdateList(key, update);
 }
 
 void MacAddrSm::queueConfigured(Bridging::MacVlanPair const& key, MacCandidate const& configured,
@@ -307,11 +464,20 @@ void MacAddrSm::queueConfigured(Bridging::MacVlanPair const& key, MacCandidate c
   update.intfIs(configured.intf());
   update.entryTypeIs(configured.entryType());
   update.swTunnelGroupIdIs(configured.swTunnelGroupId());
-  update.l2RibObjTupleIs(configured.l2RibObjTuple());
+  if (configured.l2RibObjTupleSet()) update.l2RibObjTupleIs(configured.l2RibObjTuple());
   update.movesIs(configured.moveCount().value());
   update.lastMoveTimeIs(configured.lastMoveTime());
-  update.actionIs(EntryEvaluationAction::addConfiguredToFdbStatusAndHardware);
+  if (configured.intf().isVxlan()) {
+    update.actionIs(isLearnedRemote(configured.entryType())
+                        ? EntryEvaluationAction::addLearntRemote
+                        : EntryEvaluationAction::addConfiguredRemote);
+  } else {
+    update.actionIs(EntryEvaluationAction::addConfiguredToFdbStatusAndHardware);
+  }
   if (current) maybeUpdateMoveCount(update, current, configured.intf());
+  if (Bridging::HostEntry const* host = fdbEntry(key)) {
+    detectRemoteLocalMove(update, candidate(key, host->intf(), host->entryType(), 0, 0), 2);
+  }
   addToUpdateList(key, update);
 }
 
@@ -327,6 +493,33 @@ void MacAddrSm::addLearntToFdbStatus(Bridging::MacVlanPair const& key,
 }
 
 void MacAddrSm::addToUpdateList(Bridging::MacVlanPair const& key, ModifyMacEntry update) {
+  if (auto const waiting = waitingFor_.find(key); waiting != waitingFor_.end()) {
+    auto const group = waitingGroup_.find(waiting->second);
+    group->second.erase(key);
+    if (group->second.empty()) waitingGroup_.erase(group);
+    waitingFor_.erase(waiting);
+  }
+  if ((update.action() == EntryEvaluationAction::addConfiguredRemote ||
+       update.action() == EntryEvaluationAction::addLearntRemote) &&
+      !nextHopOf(update)) {
+    if (tupleSet(update.l2RibObjTuple())) {
+      ZOL_TRACE(6, key << " hwId missing changing action to remove");
+      Bridging::HostEntry const* host = fdbEntry(key);
+      if (host && host->intf().isVxlan()) {
+        update.entryTypeIs(host->entryType());
+        update.actionIs(EntryEvaluationAction::removeFromFdbStatusAndHardware);
+      } else {
+        updateList_.erase(key);
+        return;
+      }
+    } else {
+      ZOL_TRACE(6, key << " changing action to ignore, wait for next hop id "
+                       << update.swTunnelGroupId());
+      waitingFor_.emplace(key, update.swTunnelGroupId());
+      waitingGroup_[update.swTunnelGroupId()].insert(key);
+      update.actionIs(EntryEvaluationAction::ignoreLearnt);
+    }
+  }
   if (auto const kept = fullEntries_.find(key); kept != fullEntries_.end()) {
     // The same entry refused for want of room is not logged again.
     if (kept->second.intf() == update.intf() && kept->second.entryType() == update.entryType()) {

@@ -25,7 +25,43 @@ class MacAddrSm::Reactors {
         mlag(sm),
         portVlan(sm),
         helper(sm),
-        verify(sm) {}
+        verify(sm),
+        mlagHosts(sm),
+        dot1xHosts(sm),
+        dot1xStatus(sm),
+        fsf(sm),
+        vxlanConfigDir(sm),
+        receivedHosts(sm),
+        remoteLearns(sm),
+        evpnMacs(sm),
+        l2RibHosts(sm),
+        hwIds(sm),
+        remoteMacInfo(sm),
+        vniInfo(sm),
+        remoteFlush(sm),
+        bootStatus(sm),
+        vtepStatusDir(sm),
+        vtepGroupStatusDir(sm) {}
+
+  // The reactors on the peer, 802.1X, failover and remote sources.
+  void connectSources(MacAddrSm* sm) {
+    MacAddrSm::Inputs const& in = sm->inputs();
+    mlagHosts.notifierIs(in.mlagHostTable);
+    dot1xHosts.notifierIs(in.dot1xHostTable);
+    dot1xStatus.notifierIs(in.dot1xStatus);
+    fsf.notifierIs(in.fsfStatus);
+    vxlanConfigDir.notifierIs(in.vxlanConfigDir);
+    receivedHosts.notifierIs(in.remoteMacInfoDir->receivedHostTable());
+    remoteLearns.notifierIs(in.remoteMacInfoDir->hostTable());
+    evpnMacs.notifierIs(in.remoteMacTable);
+    l2RibHosts.notifierIs(in.l2RibHostOutput);
+    hwIds.notifierIs(in.objTupleToHwId);
+    remoteMacInfo.notifierIs(in.remoteMacInfoDir);
+    vniInfo.notifierIs(in.remoteMacInfoDir->vniInfo());
+    remoteFlush.notifierIs(in.remoteMacInfoDir->remoteMacFlushReqTable());
+    if (in.vtepStatusDir) vtepStatusDir.notifierIs(in.vtepStatusDir);
+    if (in.vtepGroupStatusDir) vtepGroupStatusDir.notifierIs(in.vtepGroupStatusDir);
+  }
 
   class HwMacTable : public SmReactor<VemoTypes::MacTable::NotifieeConst, MacAddrSm> {
    public:
@@ -105,8 +141,143 @@ class MacAddrSm::Reactors {
   class MlagStatus : public SmReactor<Mlag::Status::NotifieeConst, MacAddrSm> {
    public:
     using SmReactor::SmReactor;
-    void onState() override { sm().handleMlagPeerLink(); }
-    void onPeerLinkIntf() override { sm().handleMlagPeerLink(); }
+    void onState() override { sm().handleMlagStatus(); }
+    void onPeerLinkIntf() override { sm().handleMlagStatus(); }
+    void onIntfStatus(Nepo::IntfId const& intf) override { sm().handleMlagIntfStatus(intf); }
+  };
+
+  class MlagHostTable : public SmReactor<Mlag::HostTable::NotifieeConst, MacAddrSm> {
+   public:
+    using SmReactor::SmReactor;
+    void onHostEntry(Bridging::MacVlanPair const& key) override {
+      sm().handleMlagHostTableEntry(key);
+    }
+  };
+
+  class Dot1xHostTable : public SmReactor<Dot1x::HostTable::NotifieeConst, MacAddrSm> {
+   public:
+    using SmReactor::SmReactor;
+    void onHost(Bridging::MacVlanPair const& key) override { sm().handleDot1xHostTableEntry(key); }
+  };
+
+  class Dot1xStatus : public SmReactor<Dot1x::Status::NotifieeConst, MacAddrSm> {
+   public:
+    using SmReactor::SmReactor;
+    void onEnabled() override { sm().handleDot1xStatus(); }
+    void onIntfStatus(Nepo::IntfId const& intf) override { sm().handleDot1xIntfStatus(intf); }
+  };
+
+  class Fsf : public SmReactor<FastServerFailover::Status::NotifieeConst, MacAddrSm> {
+   public:
+    using SmReactor::SmReactor;
+    void onFailedServer(Bridging::MacVlanPair const& key) override {
+      sm().handleFsfFailedServer(key);
+    }
+  };
+
+  class VxlanConfigDir : public SmReactor<Vxlan::VxlanConfigDir::NotifieeConst, MacAddrSm> {
+   public:
+    using SmReactor::SmReactor;
+    void onVxlanConfig(Nepo::IntfId const& vti) override { sm().handleVxlanConfig(vti); }
+  };
+
+  class VxlanConfig
+      : public SmKeyReactor<Vxlan::VxlanConfig::NotifieeConst, MacAddrSm, Nepo::IntfId> {
+   public:
+    using SmKeyReactor::SmKeyReactor;
+    void onRemoteMac(Bridging::MacVlanPair const& key) override {
+      sm().handleConfiguredRemoteHost(key);
+    }
+  };
+
+  class ReceivedHosts : public SmReactor<VXLAN::ReceivedHostTable::NotifieeConst, MacAddrSm> {
+   public:
+    using SmReactor::SmReactor;
+    void onReceivedEntry(Bridging::MacVlanPair const& key) override {
+      sm().handleReceivedRemoteHost(key);
+    }
+  };
+
+  class RemoteLearns : public SmReactor<VXLAN::HostTable::NotifieeConst, MacAddrSm> {
+   public:
+    using SmReactor::SmReactor;
+    void onEntry(Bridging::MacVlanPair const& key) override { sm().handleRemoteLearn(key); }
+  };
+
+  class EvpnMacs : public SmReactor<Bridging::RemoteMacTable::NotifieeConst, MacAddrSm> {
+   public:
+    using SmReactor::SmReactor;
+    void onRemoteMac(Bridging::MacVlanPair const& key) override { sm().handleEvpnMacEntry(key); }
+  };
+
+  class L2RibHosts : public SmReactor<L2Rib::HostOutput::NotifieeConst, MacAddrSm> {
+   public:
+    using SmReactor::SmReactor;
+    void onHost(Bridging::MacVlanPair const& key) override { sm().handleL2RibHost(key); }
+  };
+
+  class HwIds : public SmReactor<ObjTupleToHwId::NotifieeConst, MacAddrSm> {
+   public:
+    using SmReactor::SmReactor;
+    void onHwId(L2Rib::ObjTuple const& tuple) override { sm().handleObjTupleHwId(tuple); }
+  };
+
+  class RemoteMacInfo : public SmReactor<VXLAN::RemoteMacInfoDir::NotifieeConst, MacAddrSm> {
+   public:
+    using SmReactor::SmReactor;
+    void onUseReceivedHostTable() override { sm().handleUseReceivedHostTable(); }
+    void onVxlanBootStatus() override { sm().handleBootStatus(); }
+  };
+
+  class VniInfo : public SmReactor<VXLAN::VemoVniInfo::NotifieeConst, MacAddrSm> {
+   public:
+    using SmReactor::SmReactor;
+    void onValidVlanVniMap(Bridging::VlanId vlan) override { sm().handleVlanVni(vlan); }
+  };
+
+  class RemoteFlush : public SmReactor<VXLAN::RemoteMacFlushReqTable::NotifieeConst, MacAddrSm> {
+   public:
+    using SmReactor::SmReactor;
+    void onFlushReq(VXLAN::FlushReqKey const& req) override {
+      sm().handleRemoteMacFlushRequest(req);
+    }
+  };
+
+  class BootStatus : public SmReactor<VXLAN::VxlanBootStatus::NotifieeConst, MacAddrSm> {
+   public:
+    using SmReactor::SmReactor;
+    void onVxlanHitlessRestartSupported() override { sm().handleStageRemoteMacsReady(); }
+    void onStageRemoteMacsReady() override { sm().handleStageRemoteMacsReady(); }
+  };
+
+  class VtepStatusDir : public SmReactor<VXLAN::VtepStatusDir::NotifieeConst, MacAddrSm> {
+   public:
+    using SmReactor::SmReactor;
+    void onVtepStatus(Nepo::IntfId const& vti) override { sm().handleVtepStatus(vti); }
+  };
+
+  class VtepGroupStatusDir : public SmReactor<VXLAN::VtepGroupStatusDir::NotifieeConst, MacAddrSm> {
+   public:
+    using SmReactor::SmReactor;
+    void onVtepGroupStatus(Nepo::IntfId const& vti) override { sm().handleVtepStatus(vti); }
+  };
+
+  class VtepStatus
+      : public SmKeyReactor<VXLAN::VtepStatus::NotifieeConst, MacAddrSm, Nepo::IntfId> {
+   public:
+    using SmKeyReactor::SmKeyReactor;
+    void onHwVtepInfo(SwTunnelGroupId const& group) override {
+      sm().handleTunnelGroupNextHop(group);
+    }
+  };
+
+  class VtepGroupStatus
+      : public SmKeyReactor<VXLAN::VtepGroupStatus::NotifieeConst, MacAddrSm, Nepo::IntfId> {
+   public:
+    using SmKeyReactor::SmKeyReactor;
+    void onHwVtepGroupInfo(SwTunnelGroupId const& group) override {
+      sm().handleTunnelGroupNextHop(group);
+    }
   };
 
   class PortVlan : public SmReactor<PortVlanMembership::NotifieeConst, MacAddrSm> {
@@ -151,10 +322,29 @@ class MacAddrSm::Reactors {
   PortVlan portVlan;
   Helper helper;
   Verify verify;
+  MlagHostTable mlagHosts;
+  Dot1xHostTable dot1xHosts;
+  Dot1xStatus dot1xStatus;
+  Fsf fsf;
+  VxlanConfigDir vxlanConfigDir;
+  ReceivedHosts receivedHosts;
+  RemoteLearns remoteLearns;
+  EvpnMacs evpnMacs;
+  L2RibHosts l2RibHosts;
+  HwIds hwIds;
+  RemoteMacInfo remoteMacInfo;
+  VniInfo vniInfo;
+  RemoteFlush remoteFlush;
+  BootStatus bootStatus;
+  VtepStatusDir vtepStatusDir;
+  VtepGroupStatusDir vtepGroupStatusDir;
   absl::flat_hash_map<Bridging::VlanId, std::unique_ptr<FdbConfig>> fdbConfig;
   absl::flat_hash_map<Nepo::IntfId, std::unique_ptr<SwitchIntfConfig>> switchIntfConfig;
   absl::flat_hash_map<Bridging::VlanId, std::unique_ptr<VlanConfig>> vlanConfig;
   absl::flat_hash_map<Zol::String, std::unique_ptr<FlushRequestDir>> flushRequestDir;
+  absl::flat_hash_map<Nepo::IntfId, std::unique_ptr<VxlanConfig>> vxlanConfig;
+  absl::flat_hash_map<Nepo::IntfId, std::unique_ptr<VtepStatus>> vtepStatus;
+  absl::flat_hash_map<Nepo::IntfId, std::unique_ptr<VtepGroupStatus>> vtepGroupStatus;
 };
 
 }  // namespace Vemo

@@ -6,7 +6,11 @@
 #include "Vemo/MacEntryRank.h"
 #include "Zol/Text.h"
 #include "ZolGen/Bridging.h"
+#include "ZolGen/Dot1x.h"
+#include "ZolGen/L2Rib.h"
 #include "ZolGen/VemoMac.h"
+#include "ZolGen/VemoTunnel.h"
+#include "ZolGen/VemoVxlan.h"
 
 namespace Bridging {
 
@@ -23,8 +27,26 @@ inline std::ostream& operator<<(std::ostream& os, HostEntry const& e) {
 
 }  // namespace Bridging
 
+namespace L2Rib {
+
+inline std::ostream& operator<<(std::ostream& os, ObjTuple const& t) {
+  return os << Zol::enumName(t.objType()) << "/" << t.objId();
+}
+inline std::ostream& operator<<(std::ostream& os, DestType t) { return os << Zol::enumName(t); }
+
+}  // namespace L2Rib
+
 namespace Vemo {
 
+inline std::ostream& operator<<(std::ostream& os, SwTunnelGroupId g) { return os << g.value(); }
+inline std::ostream& operator<<(std::ostream& os, TunnelIpAddrList const& l) {
+  char const* sep = "";
+  for (auto const& [addr, on] : l.tunnelIpAddrAll()) {
+    os << sep << addr;
+    sep = " ";
+  }
+  return os;
+}
 inline std::ostream& operator<<(std::ostream& os, EntryEvaluationAction a) {
   return os << Zol::enumName(a);
 }
@@ -32,9 +54,19 @@ inline std::ostream& operator<<(std::ostream& os, MacProgramStatus s) {
   return os << Zol::enumName(s);
 }
 inline std::ostream& operator<<(std::ostream& os, ModifyMacEntry const& u) {
-  return os << "intf " << u.intf() << " type " << u.entryType() << " moves " << u.moves()
-            << " action " << u.action();
+  os << "intf " << u.intf() << " type " << u.entryType() << " moves " << u.moves() << " action "
+     << u.action();
+  if (!u.swTunnelGroupId().isEmpty()) os << " swTunnelGroupId " << u.swTunnelGroupId();
+  return os;
 }
+
+namespace VXLAN {
+
+inline std::ostream& operator<<(std::ostream& os, FlushReqKey const& k) {
+  return os << "vlan " << k.vlanId().value() << " " << k.vtiIntfId();
+}
+
+}  // namespace VXLAN
 
 }  // namespace Vemo
 

@@ -51,6 +51,12 @@ void MacAddrSm::updateQueuedAddresses() {
       ZOL_TRACE(5, key << " has been in updateList for longer than aging time of " << agingTime
                        << " seconds");
     }
+    if (remoteLimitReached(key, it->second.update)) {
+      fullEntries_.insert_or_assign(key, it->second.update);
+      updateList_.erase(it);
+      updateOrder_.pop_front();
+      continue;
+    }
     MacProgramStatus const status = program(key, it->second.update);
     if (status == MacProgramStatus::macProgramBusy ||
         status == MacProgramStatus::macProgramFlushInProgress) {
@@ -83,14 +89,64 @@ void MacAddrSm::updateQueuedAddresses() {
   }
 }
 
+bool MacAddrSm::remoteLimitReached(Bridging::MacVlanPair const& key,
+                                   ModifyMacEntry const& update) const {
+  if (update.action() != EntryEvaluationAction::addConfiguredRemote &&
+      update.action() != EntryEvaluationAction::addLearntRemote) {
+    return false;
+  }
+  auto const status = in_.remoteMacInfoDir->hostStatusTable();
+  if (status->statusEntryHas(key) || status->statusEntrySize() < maxRemoteMacs_) return false;
+  ZOL_TRACE(5, key << " max remote MAC limit reached, " << maxRemoteMacs_
+                   << " remote MACs programmed; it waits for room");
+  return true;
+}
+
 MacProgramStatus MacAddrSm::program(Bridging::MacVlanPair const& key,
                                     ModifyMacEntry const& update) {
   switch (update.action()) {
     case EntryEvaluationAction::addConfiguredToFdbStatusAndHardware:
-      ZOL_TRACE(6, " Programming MAC entry: " << key << " intf " << update.intf() << " type "
-                                              << update.entryType() << " moves " << update.moves());
+      if (update.entryType() == Bridging::EntryType::evpnIntfDynamicMac) {
+        ZOL_TRACE(
+            6, " Programming evpn received mac as local mac: " << key << " intf " << update.intf());
+      } else {
+        ZOL_TRACE(6, " Programming MAC entry: " << key << " intf " << update.intf() << " type "
+                                                << update.entryType() << " moves "
+                                                << update.moves());
+      }
       return in_.helper->addHost(key, update.intf(), clipMoves(update.moves()),
                                  !agesInHardware(update.entryType()), update.entryType());
+    case EntryEvaluationAction::addConfiguredRemote:
+    case EntryEvaluationAction::addLearntRemote: {
+      std::optional<Zol::U32> const nextHop = nextHopOf(update);
+      if (!nextHop) {
+        // The next hop went while the entry was queued: it waits again.
+        ZOL_TRACE(6, key << " changing action to ignore, wait for next hop id "
+                         << update.swTunnelGroupId());
+        waitingFor_.emplace(key, update.swTunnelGroupId());
+        waitingGroup_[update.swTunnelGroupId()].insert(key);
+        return MacProgramStatus::macProgramFailed;
+      }
+      if (skipDuringHitlessRestart(key, update, *nextHop))
+        return MacProgramStatus::macProgramSuccess;
+      ZOL_TRACE(6, " Programming remote MAC entry: "
+                       << key << " intf " << update.intf() << " nextHopId " << *nextHop << " type "
+                       << update.entryType() << " moves " << update.moves());
+      return in_.helper->addRemoteHost(key, update.intf(), *nextHop, clipMoves(update.moves()),
+                                       !isLearnedRemote(update.entryType()), update.entryType(),
+                                       update.movedToRemote());
+    }
+    case EntryEvaluationAction::addLearntLocalAndRemoveRemote: {
+      ZOL_TRACE(
+          6, " Programming local in place of remote entry: " << key << " intf " << update.intf());
+      MacProgramStatus const status =
+          in_.helper->addLearntLocalAndRemoveRemoteHost(key, update.intf(), update.entryType());
+      if (status != MacProgramStatus::macProgramSuccess &&
+          status != MacProgramStatus::macProgramInProgress) {
+        ZOL_TRACE(5, "Remote to local unsuccessful, code is " << status);
+      }
+      return status;
+    }
     case EntryEvaluationAction::removeFromFdbStatusAndHardware:
       ZOL_TRACE(6, " Removing MAC entry: " << key << " type " << update.entryType());
       return in_.helper->removeHost(key, update.entryType());
@@ -106,6 +162,28 @@ MacProgramStatus MacAddrSm::program(Bridging::MacVlanPair const& key,
 
 void MacAddrSm::applied(Bridging::MacVlanPair const& key, ModifyMacEntry const& update) {
   switch (update.action()) {
+    case EntryEvaluationAction::addConfiguredRemote:
+    case EntryEvaluationAction::addLearntRemote: {
+      std::optional<VXLAN::HwVtepInfo> const hw = hwVtepOf(update.intf(), update.swTunnelGroupId());
+      VXLAN::StatusEntry const entry(
+          key, update.intf(), update.swTunnelGroupId(), update.entryType(),
+          VemoNextHopId(nextHopOf(update).value_or(VemoNextHopId::invalidValue)),
+          hw ? hw->tunnelId() : VemoTunnelId::noTunnel());
+      addToFdbStatus(key, Bridging::HostEntry(update.intf(), update.entryType(), update.moves(),
+                                              update.lastMoveTime()));
+      updateRemoteHostTableAfterHwProg(key, entry);
+      if (update.l2RibObjTuple().objType() != L2Rib::ObjType::invalidObj) {
+        programmedTuple_.insert_or_assign(key, update.l2RibObjTuple());
+      } else {
+        programmedTuple_.erase(key);
+      }
+      break;
+    }
+    case EntryEvaluationAction::addLearntLocalAndRemoveRemote:
+      // The chip learned the host here; the remote entry and its references are gone.
+      addToFdbStatus(key, Bridging::HostEntry(update.intf(), update.entryType(), update.moves(),
+                                              update.lastMoveTime()));
+      break;
     case EntryEvaluationAction::addConfiguredToFdbStatusAndHardware:
       addToFdbStatus(key, Bridging::HostEntry(update.intf(), update.entryType(), update.moves(),
                                               update.lastMoveTime()));
@@ -202,13 +280,24 @@ void MacAddrSm::addToFdbStatus(Bridging::MacVlanPair const& key, Bridging::HostE
   Zol::Ptr<Bridging::FdbStatus> status = in_.bridgingStatus->fdbStatus(key.vlanId());
   if (!status) status = in_.bridgingStatus->fdbStatusIs(key.vlanId());
   status->learnedHostIs(key.macAddr(), entry);
+  bool const learned = entry.entryType() == Bridging::EntryType::learnedDynamicMac;
   // A learn that overtook a programmed entry: the SM no longer holds anything there.
-  if (entry.entryType() == Bridging::EntryType::learnedDynamicMac) in_.macTable->entryDel(key);
+  if (learned || entry.intf().isVxlan()) in_.macTable->entryDel(key);
+  if (!entry.intf().isVxlan()) updateRemoteHostTableAfterHwProg(key, std::nullopt);
+  // Hosts learned here are offered to the layer-2 RIB, which announces them to the overlay.
+  if (learned) {
+    in_.l2RibHostInput->hostIs(
+        key, L2Rib::HostInputEntry(entry.intf(), entry.moves(), entry.lastMoveTime()));
+  } else if (in_.l2RibHostInput->hostHas(key)) {
+    in_.l2RibHostInput->hostDel(key);
+  }
 }
 
 void MacAddrSm::delFromFdbStatus(Bridging::MacVlanPair const& key) {
   ZOL_TRACE(5, "delFromFdbStatus " << key);
   in_.macTable->entryDel(key);
+  updateRemoteHostTableAfterHwProg(key, std::nullopt);
+  if (in_.l2RibHostInput->hostHas(key)) in_.l2RibHostInput->hostDel(key);
   Zol::Ptr<Bridging::FdbStatus> const status = in_.bridgingStatus->fdbStatus(key.vlanId());
   if (!status) return;
   status->learnedHostDel(key.macAddr());

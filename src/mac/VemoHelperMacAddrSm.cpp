@@ -1,5 +1,7 @@
 #include "Vemo/VemoHelperMacAddrSm.h"
 
+#include "Vemo/VemoHelperDot1x.h"
+
 #include "Zol/Trace.h"
 
 ZOL_TRACE_MODULE("VemoHelperMacAddrSm")
@@ -90,6 +92,14 @@ bool VemoHelperMacAddrSm::verifyRemoteHost(Bridging::MacVlanPair const&, Zol::U3
 bool VemoHelperMacAddrSm::skipVemoVxlanRmacHandling() {
   unimplemented("skipVemoVxlanRmacHandling");
   return false;
+}
+
+}  // namespace VemoHelper
+
+namespace VemoHelper {
+
+void VemoHelperDot1x::setHostMode(Nepo::IntfId const&, Dot1x::HostMode) {
+  ZOL_TRACE(0, "Call to unimplemented function VemoHelperDot1x::setHostMode");
 }
 
 }  // namespace VemoHelper
