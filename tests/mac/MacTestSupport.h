@@ -49,10 +49,40 @@ class RecordingHelper : public VemoHelper::VemoHelperMacAddrSm {
     if (s == MacProgramStatus::macProgramSuccess) programmed[key] = intf;
     return s;
   }
+  MacProgramStatus addRemoteHost(MacVlanPair const& key, IntfId const& intf, Zol::U32 nextHop,
+                                 Zol::U16 moves, bool staticEntry, EntryType type,
+                                 bool replacesLocal) override {
+    calls.push_back("addRemote " + text(key) + " " + intf.stringValue() + " nh " +
+                    std::to_string(nextHop) + " " + std::string(Zol::enumName(type)) +
+                    (staticEntry ? " static" : " dynamic") +
+                    (replacesLocal ? " replacesLocal" : ""));
+    MacProgramStatus const s = answer();
+    if (s == MacProgramStatus::macProgramSuccess) {
+      programmed.erase(key);
+      remote[key] = nextHop;
+    }
+    return s;
+  }
+  MacProgramStatus addLearntLocalAndRemoveRemoteHost(MacVlanPair const& key, IntfId const& intf,
+                                                     EntryType type) override {
+    calls.push_back("localForRemote " + text(key) + " " + intf.stringValue());
+    MacProgramStatus const s = answer();
+    if (s == MacProgramStatus::macProgramSuccess) remote.erase(key);
+    return s;
+  }
+  Zol::U32 getMaxRemoteMacs() override { return maxRemote; }
+  bool verifyRemoteHost(MacVlanPair const& key, Zol::U32 nextHop) override {
+    return remote.contains(key) && remote[key] == nextHop;
+  }
+  bool verifyNumRemoteHost(Zol::U16 count) override { return remote.size() == count; }
+  bool skipVemoVxlanRmacHandling() override { return false; }
   MacProgramStatus removeHost(MacVlanPair const& key, EntryType type) override {
     calls.push_back("remove " + text(key) + " " + std::string(Zol::enumName(type)));
     MacProgramStatus const s = answer();
-    if (s == MacProgramStatus::macProgramSuccess) programmed.erase(key);
+    if (s == MacProgramStatus::macProgramSuccess) {
+      programmed.erase(key);
+      remote.erase(key);
+    }
     return s;
   }
   bool lastFullIsHashCollision() const override { return collision; }
@@ -92,6 +122,8 @@ class RecordingHelper : public VemoHelper::VemoHelperMacAddrSm {
   std::deque<MacProgramStatus> answers;
   bool collision = false;
   std::map<MacVlanPair, IntfId> programmed;
+  std::map<MacVlanPair, Zol::U32> remote;
+  Zol::U32 maxRemote = 1000;
   std::map<IntfId, bool> learning;
   std::map<uint16_t, bool> vlanLearning;
 
@@ -102,6 +134,14 @@ class RecordingHelper : public VemoHelper::VemoHelperMacAddrSm {
     answers.pop_front();
     return s;
   }
+};
+
+// Records the host modes 802.1X sets.
+class RecordingDot1xHelper : public VemoHelper::VemoHelperDot1x {
+ public:
+  RecordingDot1xHelper() : VemoHelperDot1x("dot1xHelper") {}
+  void setHostMode(IntfId const& intf, Dot1x::HostMode mode) override { modes[intf] = mode; }
+  std::map<IntfId, Dot1x::HostMode> modes;
 };
 
 // Every input of the SM, Ethernet1 to Ethernet8 up and switched, and the SM once start() runs.
@@ -120,17 +160,10 @@ class MacSmTest : public testing::Test {
     sm = Vemo::macAddrSmFactory(
         cd, Zol::make<Vemo::VemoCommonMulticastData>("mcast"), macTable, hwMacTable, status,
         flushRequests, flushReplies, config, Zol::make<Interface::AllEthPhyIntfConfigDir>("ethCfg"),
-        intfStatus, Zol::make<Vemo::VlanHelper>("vlanHelper"),
-        Zol::make<Mlag::HostTable>("mlagHosts"), mlag,
-        chip ? chip : Zol::Ptr<VemoHelper::VemoHelperMacAddrSm>(helper),
-        Zol::make<FastServerFailover::Status>("fsf"), Zol::make<Vxlan::VxlanConfigDir>("vxlan"),
-        Zol::make<Vemo::VXLAN::RemoteMacInfoDir>("remoteMacInfo"),
-        Zol::make<Bridging::RemoteMacTable>("remoteMacs"), Zol::make<Dot1x::HostTable>("dot1x"),
-        Zol::make<Dot1x::Status>("dot1xStatus"),
-        Zol::make<VemoHelper::VemoHelperDot1x>("dot1xHelper"),
-        Zol::make<L2Rib::HostInput>("l2RibIn"), Zol::make<L2Rib::HostOutput>("l2RibOut"),
-        Vemo::swTunnelGroupIdManagerFactory(cd), Zol::make<Vemo::ObjTupleToHwId>("hwIds"),
-        routerMacs, nonAging);
+        intfStatus, Zol::make<Vemo::VlanHelper>("vlanHelper"), mlagHosts, mlag,
+        chip ? chip : Zol::Ptr<VemoHelper::VemoHelperMacAddrSm>(helper), fsf, vxlanConfig,
+        remoteMacInfo, evpnMacs, dot1xHosts, dot1xStatus, dot1xHelper, l2RibIn, l2RibOut, groups,
+        hwIds, routerMacs, nonAging, {}, vtepStatus, vtepGroupStatus);
     sm->initializedIs(true);
     loop.runUntilIdle();
   }
@@ -182,6 +215,23 @@ class MacSmTest : public testing::Test {
   Zol::Ptr<Bridging::RouterMacTable> routerMacs = Zol::make<Bridging::RouterMacTable>("routerMacs");
   Zol::Ptr<Bridging::NonAgingMacStatus> nonAging =
       Zol::make<Bridging::NonAgingMacStatus>("nonAging");
+  Zol::Ptr<Mlag::HostTable> mlagHosts = Zol::make<Mlag::HostTable>("mlagHosts");
+  Zol::Ptr<FastServerFailover::Status> fsf = Zol::make<FastServerFailover::Status>("fsf");
+  Zol::Ptr<Vxlan::VxlanConfigDir> vxlanConfig = Zol::make<Vxlan::VxlanConfigDir>("vxlan");
+  Zol::Ptr<Vemo::VXLAN::RemoteMacInfoDir> remoteMacInfo =
+      Zol::make<Vemo::VXLAN::RemoteMacInfoDir>("remoteMacInfo");
+  Zol::Ptr<Bridging::RemoteMacTable> evpnMacs = Zol::make<Bridging::RemoteMacTable>("evpnMacs");
+  Zol::Ptr<Dot1x::HostTable> dot1xHosts = Zol::make<Dot1x::HostTable>("dot1x");
+  Zol::Ptr<Dot1x::Status> dot1xStatus = Zol::make<Dot1x::Status>("dot1xStatus");
+  Zol::Ptr<RecordingDot1xHelper> dot1xHelper = Zol::make<RecordingDot1xHelper>();
+  Zol::Ptr<L2Rib::HostInput> l2RibIn = Zol::make<L2Rib::HostInput>("l2RibIn");
+  Zol::Ptr<L2Rib::HostOutput> l2RibOut = Zol::make<L2Rib::HostOutput>("l2RibOut");
+  Zol::Ptr<Vemo::SwTunnelGroupIdManager> groups = Vemo::swTunnelGroupIdManagerFactory(cd);
+  Zol::Ptr<Vemo::ObjTupleToHwId> hwIds = Zol::make<Vemo::ObjTupleToHwId>("hwIds");
+  Zol::Ptr<Vemo::VXLAN::VtepStatusDir> vtepStatus =
+      Zol::make<Vemo::VXLAN::VtepStatusDir>("vtepStatus");
+  Zol::Ptr<Vemo::VXLAN::VtepGroupStatusDir> vtepGroupStatus =
+      Zol::make<Vemo::VXLAN::VtepGroupStatusDir>("vtepGroupStatus");
   Zol::Ptr<RecordingHelper> helper = Zol::make<RecordingHelper>();
   Zol::Ptr<Vemo::MacAddrSm> sm;
 };
