@@ -302,6 +302,10 @@ class MacAddrSm : public VemoBaseSm {
   void handleMlagPeerLink();
   bool learningConfigured(Nepo::IntfId const& intf) const;
 
+  // The persistent store (Vemo/MacStateStore.h), at the helper's path.
+  void restoreFromStore();
+  void saveToStore() const;
+
   void handleVerify(Zol::String const& request);
   void verifyTables();
   void verifyLearning();

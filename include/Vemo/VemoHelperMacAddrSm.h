@@ -108,6 +108,11 @@ class VemoHelperMacAddrSm : public VemoHelperMacAddrSmState {
 
   // True when the platform programs VXLAN remote MACs itself and the SM leaves them alone.
   virtual bool skipVemoVxlanRmacHandling();
+
+  // Where the SM keeps what the chip holds across a restart of the agent (Vemo/MacStateStore.h),
+  // or empty for no store (the default: every start is then a cold one for the SM). Keep it where
+  // a reboot clears it: it describes the chip as this boot left it.
+  virtual std::string persistentStorePath();
 };
 
 }  // namespace VemoHelper

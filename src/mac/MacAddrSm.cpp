@@ -28,6 +28,7 @@ MacAddrSm::MacAddrSm(Inputs const& inputs)
 }
 
 MacAddrSm::~MacAddrSm() {
+  saveToStore();
   // Requests held for this SM's answer must not wait for ever.
   for (Zol::String const& request : pendingVerify_) verifyData().answerGiven(request);
 }
@@ -105,6 +106,14 @@ void MacAddrSm::handleInitialized() {
     in_.helper->handleLinkStateAtInit();
     skipRemote_ = in_.helper->skipVemoVxlanRmacHandling();
     maxRemoteMacs_ = in_.helper->getMaxRemoteMacs();
+    // The remote host status table, its references and its index are this SM's claims: a
+    // previous run's are dropped, and the store says what the chip still holds.
+    VXLAN::RemoteMacInfoDir& remote = *in_.remoteMacInfoDir;
+    remote.hostStatusTable()->statusEntryDelAll();
+    remote.nextHopIdRefcountTable()->refcountDelAll();
+    remote.vlanRefcountTable()->refcountDelAll();
+    remote.vlanBasedHostTableIndexDelAll();
+    restoreFromStore();
   }
   handleHostAgingTime();
   peerLink_ = in_.mlagStatus->peerLinkIntf();
@@ -132,6 +141,14 @@ void MacAddrSm::handleInitialized() {
   for (auto const& [key, entry] : in_.dot1xHostTable->hostAll()) handleDot1xHostTableEntry(key);
   for (auto const& [key, intf] : in_.fsfStatus->failedServerAll()) handleFsfFailedServer(key);
   handleBootStatus();
+  if (in_.vtepStatusDir) {
+    for (auto const& [vti, status] : in_.vtepStatusDir->vtepStatusAll()) handleVtepStatus(vti);
+  }
+  if (in_.vtepGroupStatusDir) {
+    for (auto const& [vti, status] : in_.vtepGroupStatusDir->vtepGroupStatusAll()) {
+      handleVtepStatus(vti);
+    }
+  }
   for (auto const& [vti, config] : in_.vxlanConfigDir->vxlanConfigAll()) handleVxlanConfig(vti);
   for (auto const& [key, entry] : in_.remoteMacInfoDir->receivedHostTable()->receivedEntryAll()) {
     handleReceivedRemoteHost(key);

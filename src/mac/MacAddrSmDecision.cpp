@@ -420,6 +420,15 @@ void MacAddrSm::handleSourceChange(Bridging::MacVlanPair const& key,
     if (current && sameTarget(*current, *configured)) {
       ZOL_TRACE(8, " Final action: ignore - MAC entry: " << key << " is installed");
       fullEntries_.erase(key);
+      // A source that counts moves itself is the authority on them, even when the host stays.
+      Bridging::HostEntry const* host = fdbEntry(key);
+      if (host && dynamicSource(configured->entryType()) && !updateList_.contains(key) &&
+          (host->moves() != configured->moveCount().value() ||
+           host->lastMoveTime() != configured->lastMoveTime())) {
+        addToFdbStatus(
+            key, Bridging::HostEntry(host->intf(), host->entryType(),
+                                     configured->moveCount().value(), configured->lastMoveTime()));
+      }
       return;
     }
     if (current && learnedKind(current->entryType()) && dynamicSource(configured->entryType())) {

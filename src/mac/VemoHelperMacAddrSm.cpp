@@ -89,6 +89,7 @@ bool VemoHelperMacAddrSm::verifyRemoteHost(Bridging::MacVlanPair const&, Zol::U3
   unimplemented("verifyRemoteHost");
   return true;
 }
+std::string VemoHelperMacAddrSm::persistentStorePath() { return {}; }
 bool VemoHelperMacAddrSm::skipVemoVxlanRmacHandling() {
   unimplemented("skipVemoVxlanRmacHandling");
   return false;

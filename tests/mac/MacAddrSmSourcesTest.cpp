@@ -2,7 +2,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fstream>
+
 #include "MacTestSupport.h"
+#include "Zol/Syslog.h"
 
 namespace mactest {
 namespace {
@@ -404,6 +407,100 @@ TEST_F(MacSourcesTest, HitlessRestartKeepsWhatHardwareHoldsAndRemovesWhatNobodyC
   EXPECT_THAT(helper->take(), ElementsAre("remove 00:00:00:00:00:03/10 evpnDynamicRemoteMac",
                                           "remove 00:00:00:00:00:02/10 configuredRemoteMac"));
   EXPECT_EQ(fdb(host(1)), "Vxlan1 evpnDynamicRemoteMac moves 0");
+}
+
+}  // namespace
+}  // namespace mactest
+
+namespace mactest {
+namespace {
+
+class MacStoreRestartTest : public MacSourcesTest {
+ protected:
+  MacStoreRestartTest() {
+    helper->storePath = testing::TempDir() + "/mac-state-" +
+                        testing::UnitTest::GetInstance()->current_test_info()->name() + ".json";
+    std::remove(helper->storePath.c_str());
+    tunnelUp("10.0.0.2", 7);
+  }
+  ~MacStoreRestartTest() override { std::remove(helper->storePath.c_str()); }
+
+  // A configured host, a host that moved once, and a remote one, then the SM stops.
+  void runAndStop() {
+    start();
+    configure(host(1), eth(1));
+    learn(host(2), eth(2));
+    loop.runUntilIdle();
+    learn(host(2), eth(3));
+    evpn(host(3), "10.0.0.2", 0);
+    loop.runUntilIdle();
+    ASSERT_EQ(fdb(host(2)), "Ethernet3 learnedDynamicMac moves 1");
+    sm = {};
+  }
+  // The agent restarts: the SM's own tables start empty, the chip and the sources stay.
+  void restart() {
+    status = Zol::make<Bridging::Status>("bridgingStatus");
+    macTable = Zol::make<VemoTypes::MacTable>("macTable");
+    groups = Vemo::swTunnelGroupIdManagerFactory(cd);
+    helper->take();
+    start();
+  }
+  static bool writes(std::vector<std::string> const& calls) {
+    return std::any_of(calls.begin(), calls.end(),
+                       [](std::string const& c) { return c.starts_with("add"); });
+  }
+};
+
+TEST_F(MacStoreRestartTest, ARestoredRestartWritesNothingAndKeepsMoveCounts) {
+  runAndStop();
+  ASSERT_TRUE(std::ifstream(helper->storePath).good());
+  unconfigure(host(4));  // nothing
+  restart();
+  EXPECT_FALSE(writes(helper->take()));
+  EXPECT_EQ(fdb(host(1)), "Ethernet1 configuredStaticMac moves 0");
+  EXPECT_EQ(fdb(host(2)), "Ethernet3 learnedDynamicMac moves 1");
+  EXPECT_EQ(fdb(host(3)), "Vxlan1 evpnDynamicRemoteMac moves 0");
+  EXPECT_EQ(groupRefs(vtep("10.0.0.2")), 1u);
+  EXPECT_EQ(verify("restored"), 0u);
+  // Read once: a crash from here on finds no file to trust.
+  EXPECT_FALSE(std::ifstream(helper->storePath).good());
+}
+
+TEST_F(MacStoreRestartTest, WhatChangedWhileDownIsReconciled) {
+  runAndStop();
+  unconfigure(host(1));
+  evpn(host(3), "10.0.0.2", 4);
+  restart();
+  std::vector<std::string> const calls = helper->take();
+  EXPECT_THAT(calls, testing::Contains("remove 00:00:00:00:00:01/10 configuredStaticMac"));
+  EXPECT_EQ(fdb(host(3)), "Vxlan1 evpnDynamicRemoteMac moves 4");
+  EXPECT_EQ(verify("reconciled"), 0u);
+}
+
+TEST_F(MacStoreRestartTest, ACorruptStoreIsRefusedWholeAndTheSourcesAreWrittenAgain) {
+  runAndStop();
+  std::string text;
+  {
+    std::ifstream in(helper->storePath);
+    std::getline(in, text, '\0');
+  }
+  {
+    std::ofstream out(helper->storePath, std::ios::trunc);
+    out << text.substr(0, text.size() / 2);
+  }
+  Zol::Syslog::Capture logs;
+  restart();
+  ASSERT_EQ(logs.records().size(), 1u);
+  EXPECT_EQ(logs.records()[0].key, "MAC_STATE_STORE_REFUSED");
+  std::vector<std::string> const calls = helper->take();
+  EXPECT_THAT(calls, testing::Contains("add 00:00:00:00:00:01/10 Ethernet1 configuredStaticMac "
+                                       "static"));
+  EXPECT_THAT(calls, testing::Contains("addRemote 00:00:00:00:00:03/10 Vxlan1 nh 7 "
+                                       "evpnDynamicRemoteMac dynamic"));
+  // The chip's learn is adopted; its moves start again.
+  EXPECT_EQ(fdb(host(2)), "Ethernet3 learnedDynamicMac moves 0");
+  EXPECT_EQ(verify("cold"), 0u);
+  EXPECT_FALSE(std::ifstream(helper->storePath).good());
 }
 
 }  // namespace

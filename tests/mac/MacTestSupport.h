@@ -76,6 +76,7 @@ class RecordingHelper : public VemoHelper::VemoHelperMacAddrSm {
   }
   bool verifyNumRemoteHost(Zol::U16 count) override { return remote.size() == count; }
   bool skipVemoVxlanRmacHandling() override { return false; }
+  std::string persistentStorePath() override { return storePath; }
   MacProgramStatus removeHost(MacVlanPair const& key, EntryType type) override {
     calls.push_back("remove " + text(key) + " " + std::string(Zol::enumName(type)));
     MacProgramStatus const s = answer();
@@ -124,6 +125,7 @@ class RecordingHelper : public VemoHelper::VemoHelperMacAddrSm {
   std::map<MacVlanPair, IntfId> programmed;
   std::map<MacVlanPair, Zol::U32> remote;
   Zol::U32 maxRemote = 1000;
+  std::string storePath;
   std::map<IntfId, bool> learning;
   std::map<uint16_t, bool> vlanLearning;
 
