@@ -34,10 +34,13 @@ constexpr char const* kTreeShape = R"({
           "bindings": {"*": {"in": 0, "out": 0, "ipv6 in": 0, "ipv6 out": 0, "mac in": 0,
                              "mac out": 0}},
           "blocked": [""]},
-  "mac": {"writes": 0, "operations": 0, "learns": 0, "aged": 0,
-          "*": {"*": {"intf": "", "type": "", "static": true}}},
+  "mac": {"writes": 0, "operations": 0, "learns": 0, "aged": 0, "remote": 0, "remoteLearns": 0,
+          "*": {"*": {"intf": "", "type": "", "static": true, "nextHop": 0}}},
+  "vxlan": {"writes": 0, "operations": 0,
+            "tunnels": {"*": {"intf": "", "vteps": [""], "tunnelId": 0}},
+            "vnis": {"*": 0}},
   "rangeChecker": {"writes": 0, "operations": 0},
-  "capacity": {"lag": 0, "mac": 0},
+  "capacity": {"lag": 0, "mac": 0, "vxlan": 0},
   "errors": [""],
   "writes": 0,
   "operations": 0
@@ -74,7 +77,8 @@ Chip::Chip(Config const& config)
     : ports_(config.units, config.portsPerUnit),
       lags_(ports_, errors_),
       acls_(ports_, errors_),
-      macs_(ports_, lags_, errors_),
+      vxlan_(errors_),
+      macs_(ports_, lags_, vxlan_, errors_),
       path_{&acls_, &macs_} {}
 
 ChipTable& Chip::table(Table t) {
@@ -91,6 +95,8 @@ ChipTable const& Chip::table(Table t) const {
       return acls_.checkerTable();
     case Table::mac:
       return macs_;
+    case Table::vxlan:
+      return vxlan_;
   }
   throw Zol::RangeException("no table " + std::to_string(static_cast<int>(t)));
 }
@@ -105,6 +111,8 @@ size_t Chip::size(Table t) const {
       return acls_.checkerCount();
     case Table::mac:
       return macs_.size();
+    case Table::vxlan:
+      return vxlan_.size();
   }
   return 0;
 }
@@ -141,6 +149,7 @@ rapidjson::Value Chip::toJson(rapidjson::Document::AllocatorType& alloc) const {
   root.AddMember("lag", lags_.toJson(alloc), alloc);
   root.AddMember("acl", acls_.toJson(alloc), alloc);
   root.AddMember("mac", macs_.toJson(alloc), alloc);
+  root.AddMember("vxlan", vxlan_.toJson(alloc), alloc);
   rapidjson::Value capacities(rapidjson::kObjectType);
   for (size_t i = 0; i < kTableCount; ++i) {
     // The ACL tables' capacities apply per unit and are shown there.
@@ -164,6 +173,9 @@ rapidjson::Value Chip::treeJson(rapidjson::Document::AllocatorType& alloc) const
   addCounters(root["mac"], counters(Table::mac), alloc);
   root["mac"].AddMember("learns", macs_.learns(), alloc);
   root["mac"].AddMember("aged", macs_.aged(), alloc);
+  root["mac"].AddMember("remote", static_cast<uint64_t>(macs_.remoteSize()), alloc);
+  root["mac"].AddMember("remoteLearns", macs_.remoteLearns(), alloc);
+  addCounters(root["vxlan"], counters(Table::vxlan), alloc);
   rapidjson::Value checkers(rapidjson::kObjectType);
   addCounters(checkers, counters(Table::rangeChecker), alloc);
   root.AddMember("rangeChecker", checkers, alloc);

@@ -36,10 +36,12 @@ std::string MacKey::text() const {
   return "vlan " + std::to_string(vlan) + " " + mac.stringValue();
 }
 
-MacTable::MacTable(ChipPorts const& ports, LagTable const& lags, ErrorLog& errors)
+MacTable::MacTable(ChipPorts const& ports, LagTable const& lags, VxlanTable const& vxlan,
+                   ErrorLog& errors)
     : ChipTable(Table::mac, defaultCapacity, errors),
       ports_(ports),
       lags_(lags),
+      vxlan_(vxlan),
       bucketsFor_(static_cast<size_t>(-1)) {}
 
 size_t MacTable::bucket(MacKey const& key) const {
@@ -64,11 +66,14 @@ MacTable::Iterator MacTable::insert(MacKey const& key, MacEntry const& e) {
   syncBuckets();
   ++bucketUse_[bucket(key)];
   if (e.aging) seen_.emplace(e.lastSeen, key);
+  if (e.remote()) ++remoteSize_;
   return entries_.emplace(key, e).first;
 }
 
 void MacTable::replace(Iterator it, MacEntry const& e) {
   if (it->second.aging) seen_.erase({it->second.lastSeen, it->first});
+  if (it->second.remote()) --remoteSize_;
+  if (e.remote()) ++remoteSize_;
   it->second = e;
   if (e.aging) seen_.emplace(e.lastSeen, it->first);
 }
@@ -78,6 +83,7 @@ MacTable::Iterator MacTable::erase(Iterator it) {
   MacKey const key = it->first;
   bool const aging = it->second.aging;
   if (aging) seen_.erase({it->second.lastSeen, key});
+  if (it->second.remote()) --remoteSize_;
   if (auto b = bucketUse_.find(bucket(key)); b != bucketUse_.end() && --b->second == 0) {
     bucketUse_.erase(b);
   }
@@ -123,26 +129,50 @@ Status MacTable::add(MacKey const& key, Nepo::IntfId const& intf, Bridging::Entr
     return refuse(named("add", key), Status::failed,
                   intf.stringValue() + " is not a port, a port-channel or the CPU");
   }
-  MacEntry const e{intf, type, aging, now()};
+  return put("add", key, MacEntry{intf, type, aging, now(), std::nullopt});
+}
+
+Status MacTable::addRemote(MacKey const& key, Nepo::IntfId const& vti, uint32_t nextHopId,
+                           Bridging::EntryType type, bool aging) {
+  constexpr std::string_view op = "add remote";
+  if (Status s = admit(false, size()); s != Status::ok) {
+    if (s == Status::full) lastFullWasCollision_ = false;
+    return refuse(named(op, key), s);
+  }
+  if (key.vlan < 1 || key.vlan > kVlanMax) {
+    return refuse(named(op, key), Status::failed, "no such VLAN");
+  }
+  if (!vti.isVxlan()) {
+    return refuse(named(op, key), Status::failed, vti.stringValue() + " is not a VXLAN interface");
+  }
+  MacEntry const* const old = entry(key);
+  if ((!old || !old->remote()) && remoteSize_ >= remoteCapacity_) {
+    lastFullWasCollision_ = false;
+    return refuse(named(op, key), Status::full, "remote entries full");
+  }
+  return put(op, key, MacEntry{vti, type, aging, now(), nextHopId});
+}
+
+Status MacTable::put(std::string_view op, MacKey const& key, MacEntry const& e) {
   auto const it = entries_.find(key);
   if (it == entries_.end()) {
     if (size() >= capacity() || bucketFull(key)) {
       lastFullWasCollision_ = size() < capacity();
-      return refuse(named("add", key), Status::full,
-                    lastFullWasCollision_ ? "hash bucket full" : "");
+      return refuse(named(op, key), Status::full, lastFullWasCollision_ ? "hash bucket full" : "");
     }
     wrote();
     Iterator const added = insert(key, e);
-    if (aging) report(key, &added->second);
+    if (e.aging) report(key, &added->second);
     return Status::ok;
   }
   MacEntry const old = it->second;
-  bool const changed = old.intf != intf || old.type != type || old.aging != aging;
+  bool const changed =
+      old.intf != e.intf || old.type != e.type || old.aging != e.aging || old.nextHop != e.nextHop;
   wrote(changed);
   replace(it, e);
-  if (aging && changed) {
+  if (e.aging && changed) {
     report(key, &it->second);
-  } else if (old.aging && !aging) {
+  } else if (old.aging && !e.aging) {
     report(key, nullptr);
   }
   return Status::ok;
@@ -157,14 +187,15 @@ Status MacTable::remove(MacKey const& key) {
 
 size_t MacTable::flush(uint16_t vlan) {
   operated();
-  size_t const n = eraseIf(vlan, true, [](MacEntry const&) { return true; });
+  size_t const n = eraseIf(vlan, true, [](MacEntry const& e) { return !e.remote(); });
   wrote(n != 0);
   return n;
 }
 
 size_t MacTable::flushIntf(uint16_t vlan, Nepo::IntfId const& intf) {
   operated();
-  size_t const n = eraseIf(vlan, true, [&](MacEntry const& e) { return e.intf == intf; });
+  size_t const n =
+      eraseIf(vlan, true, [&](MacEntry const& e) { return !e.remote() && e.intf == intf; });
   wrote(n != 0);
   return n;
 }
@@ -192,6 +223,12 @@ void MacTable::learningIs(Nepo::IntfId const& intf, bool enabled) {
 void MacTable::vlanLearningIs(uint16_t vlan, bool enabled) {
   operated();
   wrote(enabled ? vlanLearningOff_.erase(vlan) != 0 : vlanLearningOff_.insert(vlan).second);
+}
+
+void MacTable::remoteLearningIs(bool enabled) {
+  operated();
+  wrote(remoteLearning_ != enabled);
+  remoteLearning_ = enabled;
 }
 
 size_t MacTable::age(Zol::Seconds now, Zol::Seconds agingTime) {
@@ -247,6 +284,7 @@ Nepo::IntfId MacTable::bridgePort(Nepo::IntfId const& port) const {
 bool MacTable::process(Packet const& p, ClassifyResult& result) {
   // Egress packets meet only the egress ACLs.
   if (p.direction != Acl::AclDirection::in) return false;
+  if (p.decap) return processDecap(p, result);
   Nepo::IntfId const from = bridgePort(p.intf);
   VlanMembership const& membership = vlanMembership(from);
   uint16_t const vlan = p.vlan != 0 ? p.vlan : membership.vlan;
@@ -264,13 +302,13 @@ bool MacTable::learn(Packet const& p, Nepo::IntfId const& from, uint16_t vlan) {
   if (p.srcMac.isMulticast() || p.srcMac.isZero()) return false;
   MacKey const key{vlan, p.srcMac};
   Zol::Seconds const t = now();
-  MacEntry const learned{from, Bridging::EntryType::learnedDynamicMac, true, t};
+  MacEntry const learned{from, Bridging::EntryType::learnedDynamicMac, true, t, std::nullopt};
   auto const it = entries_.find(key);
   if (it != entries_.end()) {
     MacEntry const& e = it->second;
     if (!e.aging) return false;
     if (e.intf == from) {
-      replace(it, MacEntry{e.intf, e.type, true, t});
+      replace(it, MacEntry{e.intf, e.type, true, t, std::nullopt});
       return false;
     }
   }
@@ -285,6 +323,55 @@ bool MacTable::learn(Packet const& p, Nepo::IntfId const& from, uint16_t vlan) {
   ++learns_;
   report(key, &at->second);
   return true;
+}
+
+bool MacTable::processDecap(Packet const& p, ClassifyResult& result) {
+  std::optional<uint16_t> const vlan = vxlan_.vlanOfVni(p.decap->vni);
+  if (!vlan) {
+    result.dropReason = "vni " + std::to_string(p.decap->vni) + " has no vlan";
+    return true;
+  }
+  result.vlan = *vlan;
+  result.remoteLearned = learnRemote(p, *vlan);
+  forward(p, p.decap->vti, *vlan, result);
+  return true;
+}
+
+bool MacTable::learnRemote(Packet const& p, uint16_t vlan) {
+  if (!remoteLearning_ || !vlanLearning(vlan)) return false;
+  if (p.srcMac.isMulticast() || p.srcMac.isZero()) return false;
+  MacKey const key{vlan, p.srcMac};
+  VxlanDecap const& from = *p.decap;
+  if (auto const it = entries_.find(key); it != entries_.end()) {
+    MacEntry const& e = it->second;
+    // A static entry, local or remote, is the driver's to move.
+    if (!e.aging) return false;
+    VxlanTunnel const* const t = e.nextHop ? vxlan_.tunnel(*e.nextHop) : nullptr;
+    if (t && std::binary_search(t->vteps.begin(), t->vteps.end(), from.srcVtep)) {
+      // Where the table already sends it: a refresh.
+      replace(it, MacEntry{e.intf, e.type, true, now(), e.nextHop});
+      return false;
+    }
+  }
+  ++remoteLearns_;
+  if (remoteLearnListener_) remoteLearnListener_(key, from.srcVtep, from.vni);
+  return true;
+}
+
+void MacTable::toTunnel(MacEntry const& e, uint16_t vlan, Packet const& p,
+                        ClassifyResult& result) const {
+  VxlanTunnel const* const t = vxlan_.tunnel(*e.nextHop);
+  if (!t) {
+    result.dropReason = "no tunnel for next hop " + std::to_string(*e.nextHop);
+    return;
+  }
+  std::optional<uint32_t> const vni = vxlan_.vni(vlan);
+  if (!vni) {
+    result.dropReason = "vlan " + std::to_string(vlan) + " has no vni";
+    return;
+  }
+  result.egress.push_back(t->vti);
+  result.vxlan = VxlanEncap{t->vti, t->vteps[flowHash(p) % t->vteps.size()], *vni, t->tunnelId};
 }
 
 std::optional<Nepo::IntfId> MacTable::egressPort(Nepo::IntfId const& to, uint16_t vlan,
@@ -309,11 +396,15 @@ void MacTable::forward(Packet const& p, Nepo::IntfId const& from, uint16_t vlan,
                        ClassifyResult& result) {
   if (p.dstMac.isUnicast()) {
     if (auto const it = entries_.find(MacKey{vlan, p.dstMac}); it != entries_.end()) {
-      Nepo::IntfId const& to = it->second.intf;
-      if (to.isCpu()) {
+      MacEntry const& e = it->second;
+      if (e.intf.isCpu()) {
         result.toCpu = true;
-      } else if (to != from) {
-        if (auto const port = egressPort(to, vlan, p)) result.egress.push_back(*port);
+      } else if (e.intf == from) {
+        // Nothing goes back where it came from.
+      } else if (e.remote()) {
+        toTunnel(e, vlan, p, result);
+      } else if (auto const port = egressPort(e.intf, vlan, p)) {
+        result.egress.push_back(*port);
       }
       return;
     }
@@ -344,6 +435,7 @@ rapidjson::Value MacTable::toJson(rapidjson::Document::AllocatorType& alloc) con
       entry.AddMember("intf", Zol::toJson(e.intf.stringValue(), alloc), alloc);
       entry.AddMember("type", Zol::toJson(std::string(Zol::enumName(e.type)), alloc), alloc);
       entry.AddMember("static", !e.aging, alloc);
+      if (e.nextHop) entry.AddMember("nextHop", *e.nextHop, alloc);
       byMac.AddMember(Zol::toJson(it->first.mac.stringValue(), alloc), entry, alloc);
     }
     table.AddMember(Zol::toJson(std::to_string(vlan), alloc), byMac, alloc);

@@ -12,7 +12,7 @@ namespace sim {
 namespace {
 
 constexpr std::array<std::string_view, kTableCount> kTableNames = {"lag", "acl", "rangeChecker",
-                                                                   "mac"};
+                                                                   "mac", "vxlan"};
 constexpr std::array<std::string_view, 4> kStatusTexts = {"ok", "busy", "full", "failed"};
 
 }  // namespace

@@ -1,6 +1,6 @@
 // The chip answers each write at once, so the helper keeps nothing pending: the SM retries busy
 // writes and keeps full ones aside. What the helper keeps is the driver's view, mirrored from
-// the chip's reports as they happen.
+// the chip's reports as they happen: local entries only.
 #include "Sim/MacAddrHelper.h"
 
 #include <algorithm>
@@ -39,6 +39,11 @@ constexpr auto kOpNames = std::to_array<std::string_view>({
     "verifyLearning",
     "verifyLearningOnVlan",
     "skipVemoVxlanRmacHandling",
+    "addRemoteHost",
+    "addLearntLocalAndRemoveRemoteHost",
+    "getMaxRemoteMacs",
+    "verifyNumRemoteHost",
+    "verifyRemoteHost",
     "refused",
     "aging",
     "beforeHwInit",
@@ -108,7 +113,12 @@ void MacAddrHelper::mirror(MacKey const& key, MacEntry const* entry) {
     driverTable_->entryDel(pair);
     return;
   }
-  driverTable_->entryIs(pair, VemoTypes::MacAddressTableEntry(pair, entry->intf, entry->type));
+  // An aging remote entry replacing a local one takes it out of the driver's table, and ages too.
+  if (entry->remote()) {
+    driverTable_->entryDel(pair);
+  } else {
+    driverTable_->entryIs(pair, VemoTypes::MacAddressTableEntry(pair, entry->intf, entry->type));
+  }
   // A new entry is due after every other one, so a clock already armed stays right.
   if (!agingClock_.armed()) agingClockSet();
 }
@@ -117,7 +127,7 @@ void MacAddrHelper::publishAll() {
   std::vector<Bridging::MacVlanPair> gone;
   for (auto const& [pair, e] : driverTable_->entryAll()) {
     MacEntry const* const hw = chip_.macs().entry(MacKey::of(pair));
-    if (!hw || !hw->aging) gone.push_back(pair);
+    if (!hw || !hw->aging || hw->remote()) gone.push_back(pair);
   }
   for (Bridging::MacVlanPair const& pair : gone) driverTable_->entryDel(pair);
   for (auto const& [key, e] : chip_.macs().entries()) {
@@ -151,9 +161,14 @@ Vemo::MacProgramStatus MacAddrHelper::addHost(Bridging::MacVlanPair const& key,
                                               Nepo::IntfId const& intf, Zol::U16, bool staticEntry,
                                               Bridging::EntryType entryType) {
   programming(Op::addHost);
-  MacKey const k = MacKey::of(key);
-  ZOL_TRACE(8, "addHost " << k.text() << " " << placed(intf, entryType)
+  ZOL_TRACE(8, "addHost " << MacKey::of(key).text() << " " << placed(intf, entryType)
                           << (staticEntry ? " static" : ""));
+  return writeLocal(key, intf, staticEntry, entryType);
+}
+
+Vemo::MacProgramStatus MacAddrHelper::writeLocal(Bridging::MacVlanPair const& key,
+                                                 Nepo::IntfId const& intf, bool staticEntry,
+                                                 Bridging::EntryType entryType) {
   if (indirect_) {
     refusedHostDel(key);
     indirect_->handleAddrOp(Zol::make<Vemo::IndirectAccessMacCmd>(
@@ -161,7 +176,43 @@ Vemo::MacProgramStatus MacAddrHelper::addHost(Bridging::MacVlanPair const& key,
         Vemo::MacEntryKey(key, Vemo::MacHwType::macHwKeyBridge), intf, entryType, staticEntry));
     return Vemo::MacProgramStatus::macProgramSuccess;
   }
-  return answer(chip_.macs().add(k, intf, entryType, !staticEntry));
+  return answer(chip_.macs().add(MacKey::of(key), intf, entryType, !staticEntry));
+}
+
+Vemo::MacProgramStatus MacAddrHelper::addRemoteHost(Bridging::MacVlanPair const& key,
+                                                    Nepo::IntfId const& intf, Zol::U32 nextHopId,
+                                                    Zol::U16, bool staticEntry,
+                                                    Bridging::EntryType entryType, bool) {
+  programming(Op::addRemoteHost);
+  MacKey const k = MacKey::of(key);
+  ZOL_TRACE(8, "addRemoteHost " << k.text() << " " << placed(intf, entryType) << " next hop "
+                                << nextHopId << (staticEntry ? " static" : ""));
+  if (indirect_) {
+    Vemo::MacEntryKey const hwKey(key, Vemo::MacHwType::macHwKeyBridge);
+    if (indirect_->overflowAddrOp(hwKey)) {
+      indirect_->handleAddrOp(
+          Zol::make<Vemo::IndirectAccessMacCmd>(Vemo::IndirectAccessMacCmdType::removeHost, hwKey));
+    }
+    if (indirect_->busyWith(hwKey)) return answer(Status::busy);
+    // This write's own answer replaces what an earlier command for the key was refused.
+    refusedHostDel(key);
+  }
+  return answer(chip_.macs().addRemote(k, intf, nextHopId, entryType, !staticEntry));
+}
+
+Vemo::MacProgramStatus MacAddrHelper::addLearntLocalAndRemoveRemoteHost(
+    Bridging::MacVlanPair const& key, Nepo::IntfId const& intf, Bridging::EntryType entryType) {
+  programming(Op::addLearntLocalAndRemoveRemoteHost);
+  MacKey const k = MacKey::of(key);
+  ZOL_TRACE(8, "addLearntLocalAndRemoveRemoteHost " << k.text() << " " << placed(intf, entryType));
+  MacEntry const* const held = chip_.macs().entry(k);
+  bool const outstanding =
+      indirect_ && indirect_->busyWith(Vemo::MacEntryKey(key, Vemo::MacHwType::macHwKeyBridge));
+  if (held && !held->remote() && held->aging && held->intf == intf && held->type == entryType &&
+      !outstanding) {
+    return Vemo::MacProgramStatus::macProgramSuccess;
+  }
+  return writeLocal(key, intf, false, entryType);
 }
 
 Vemo::MacProgramStatus MacAddrHelper::removeHost(Bridging::MacVlanPair const& key,
@@ -271,6 +322,24 @@ bool MacAddrHelper::verifyLearningOnVlan(Bridging::VlanId vlan, bool enable) {
   return chip_.macs().vlanLearning(vlan.value()) == enable;
 }
 
+bool MacAddrHelper::verifyNumRemoteHost(Zol::U16 expected) {
+  count(Op::verifyNumRemoteHost);
+  return static_cast<Zol::U16>(chip_.macs().remoteSize()) == expected;
+}
+
+bool MacAddrHelper::verifyRemoteHost(Bridging::MacVlanPair const& key, Zol::U32 nextHopId) {
+  count(Op::verifyRemoteHost);
+  MacEntry const* const hw = chip_.macs().entry(MacKey::of(key));
+  return hw && hw->nextHop == nextHopId;
+}
+
+Zol::U32 MacAddrHelper::getMaxRemoteMacs() {
+  count(Op::getMaxRemoteMacs);
+  return static_cast<Zol::U32>(chip_.macs().remoteCapacity());
+}
+
+void MacAddrHelper::maxRemoteMacsIs(Zol::U32 max) { chip_.macs().remoteCapacityIs(max); }
+
 bool MacAddrHelper::skipVemoVxlanRmacHandling() {
   count(Op::skipVemoVxlanRmacHandling);
   return false;
@@ -295,9 +364,10 @@ void MacAddrHelper::handleVerify() {
       report(key, programmed + ", hardware has " + placed(hw->intf, hw->type));
     }
   }
-  // Only the SM writes static entries: one it does not know of was left behind.
+  // Only the SM writes static entries: one it does not know of was left behind. Remote entries
+  // are checked against the SM's remote table, through verifyRemoteHost.
   for (auto const& [key, e] : chip_.macs().entries()) {
-    if (e.aging || want.contains(key)) continue;
+    if (e.aging || e.remote() || want.contains(key)) continue;
     report(key, "static in hardware behind " + placed(e.intf, e.type) + ", not programmed");
   }
 }

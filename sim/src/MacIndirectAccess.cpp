@@ -34,6 +34,12 @@ void MacIndirectAccess::faultIs(Fault kind, uint32_t count) {
   faultCount_ = kind == Fault::none ? 0 : count;
 }
 
+bool MacIndirectAccess::busyWith(Vemo::MacEntryKey const& key) const {
+  // A command superseded while the chip runs it needs no look: the chip runs commands in order,
+  // so it has run by the time the one that superseded it leaves these.
+  return pendingAddrOp(key) || inProgAddrOp(key);
+}
+
 Vemo::MacProgramStatus MacIndirectAccess::writeToHw(Vemo::IndirectAccessMacCmd& cmd) {
   Fault fault = Fault::none;
   if (faultCount_ > 0) {

@@ -168,7 +168,8 @@ TEST(SimChipAcl, CheckersAreSharedPerUnitAndTheDumpShowsTheAclPart) {
             R"("instances":{}},"rangeCheckers":{"used":0,"capacity":2},)"
             R"("error":"aclCreateErrorTooManyAcls"}],"bindings":{"Ethernet2":{"in":1}},)"
             R"("blocked":["Vlan5"],"writes":6,"operations":9})");
-  EXPECT_EQ(Zol::jsonText(*chip.lookup({"capacity"}, alloc)), R"({"lag":1024,"mac":32768})");
+  EXPECT_EQ(Zol::jsonText(*chip.lookup({"capacity"}, alloc)),
+            R"({"lag":1024,"mac":32768,"vxlan":4096})");
   chip.acls().deleteInstance(1);
   EXPECT_EQ(chip.acls().rangeCheckersUsed(0), 0u);
   EXPECT_EQ(chip.size(Table::acl), 0u);

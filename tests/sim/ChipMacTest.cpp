@@ -1,5 +1,5 @@
 // The chip's layer-2 table: room and buckets, what the chip does on its own (learning, moves,
-// aging, link loss), and where the bridging stage sends packets.
+// aging, link loss), where the bridging stage sends packets, and remote (VXLAN) entries.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -15,6 +15,7 @@ namespace {
 using Bridging::EntryType;
 using Nepo::EthAddr;
 using Nepo::IntfId;
+using Nepo::IpAddr;
 using sim::MacKey;
 using sim::Status;
 using sim::VlanMembership;
@@ -24,6 +25,7 @@ using testing::IsEmpty;
 IntfId intf(std::string_view name) { return IntfId::fromString(name); }
 EthAddr mac(uint64_t n) { return EthAddr::fromValue(0x020000000000 + n); }
 MacKey key(uint16_t vlan, uint64_t n) { return MacKey{vlan, mac(n)}; }
+IpAddr ip(std::string_view text) { return IpAddr::fromString(text); }
 EthAddr const all = EthAddr::broadcast();
 
 // A chip with a settable clock and every report of its listener, as "+vlan 10 ... Ethernet1" or
@@ -46,12 +48,24 @@ struct Bench {
              EntryType type = EntryType::configuredStaticMac) {
     return t.add(k, intf(to), type, type == EntryType::configuredDynamicMac);
   }
+  Status addRemote(MacKey const& k, uint32_t nextHop, bool aging = false) {
+    return t.addRemote(k, intf("Vxlan1"), nextHop, EntryType::configuredRemoteMac, aging);
+  }
   sim::ClassifyResult send(std::string_view port, uint64_t src, EthAddr dst, uint16_t vlan = 0) {
     sim::Packet p;
     p.intf = intf(port);
     p.vlan = vlan;
     p.srcMac = mac(src);
     p.dstMac = dst;
+    return chip.classify(p);
+  }
+  // Arrived on Ethernet8 through Vxlan1's tunnel.
+  sim::ClassifyResult decap(std::string_view vtep, uint32_t vni, uint64_t src, EthAddr dst) {
+    sim::Packet p;
+    p.intf = intf("Ethernet8");
+    p.srcMac = mac(src);
+    p.dstMac = dst;
+    p.decap = sim::VxlanDecap{intf("Vxlan1"), ip(vtep), vni};
     return chip.classify(p);
   }
   std::string at(MacKey const& k) const {
@@ -220,6 +234,163 @@ TEST(SimChipMac, FloodsOneMemberPerPortChannelAndHashesFlowsOverDistributingMemb
   b.chip.acls().blockIs(intf("Ethernet1"), true);
   EXPECT_FALSE(b.send("Ethernet1", 72, all).learned);
   EXPECT_EQ(b.t.entry(key(10, 71)), nullptr);
+}
+
+TEST(SimChipMac, RemoteEntriesTakeSlotsHaveTheirOwnLimitAndOutliveFlushes) {
+  Bench b;
+  b.t.capacityIs(8);  // 2 buckets of 4
+  std::vector<uint64_t> same;
+  uint64_t other = 0;
+  for (uint64_t n = 1; same.size() < 5 || other == 0; ++n) {
+    bool const together = b.t.bucket(key(10, n)) == b.t.bucket(key(10, 1));
+    if (together && same.size() < 5) same.push_back(n);
+    if (!together && other == 0) other = n;
+  }
+  for (int i = 0; i < 4; ++i) ASSERT_EQ(b.addRemote(key(10, same[i]), 7), Status::ok);
+  EXPECT_EQ(b.add(key(10, same[4]), "Ethernet1"), Status::full);
+  EXPECT_EQ(b.addRemote(key(10, same[4]), 7), Status::full);
+  EXPECT_TRUE(b.t.lastFullWasCollision());
+  EXPECT_EQ(b.t.remoteSize(), 4u);
+
+  // At the remote limit only a new remote entry is refused, and not as a collision.
+  b.t.remoteCapacityIs(4);
+  EXPECT_EQ(b.addRemote(key(10, other), 7), Status::full);
+  EXPECT_FALSE(b.t.lastFullWasCollision());
+  EXPECT_EQ(b.addRemote(key(10, same[0]), 8), Status::ok);
+  EXPECT_EQ(b.add(key(10, other), "Ethernet1", EntryType::configuredDynamicMac), Status::ok);
+  ASSERT_EQ(b.add(key(10, same[1]), "Ethernet2"), Status::ok);
+  EXPECT_EQ(b.t.remoteSize(), 3u);
+  // The local aging entry turned remote goes from the reports' point of view too.
+  EXPECT_EQ(b.addRemote(key(10, other), 7, true), Status::ok);
+  EXPECT_EQ(b.t.remoteSize(), 4u);
+  EXPECT_EQ(b.t.addRemote(key(10, 1), intf("Ethernet1"), 7, EntryType::configuredRemoteMac, false),
+            Status::failed);
+
+  // Flushes take what the chip learned, not what the driver put behind tunnels; aging does.
+  EXPECT_EQ(b.t.flush(0), 0u);
+  EXPECT_EQ(b.t.flushIntf(10, intf("Vxlan1")), 0u);
+  EXPECT_EQ(b.t.age(300, 300), 1u);
+  EXPECT_EQ(b.t.remove(key(10, same[2])), Status::ok);
+  EXPECT_EQ(b.t.removeIntf(intf("Vxlan1")), 2u);
+  EXPECT_EQ(b.t.remoteSize(), 0u);
+  EXPECT_EQ(b.t.size(), 1u);
+  std::string const o = key(10, other).text();
+  EXPECT_THAT(b.events, ElementsAre("+" + o + " Ethernet1", "+" + o + " Vxlan1", "-" + o));
+}
+
+TEST(SimChipMac, PacketsToRemoteHostsLeaveByTheTunnelInTheVlansVniOrAreDropped) {
+  Bench b;
+  sim::VxlanTable& vx = b.chip.vxlan();
+  for (auto port : {"Ethernet1", "Ethernet2"}) {
+    b.t.vlanMembershipIs(intf(port), VlanMembership::trunkOf({10, 20}));
+  }
+  ASSERT_EQ(vx.vniIs(10, 10010), Status::ok);
+  ASSERT_EQ(vx.tunnelIs(7, {intf("Vxlan1"), {ip("10.0.0.3"), ip("10.0.0.2"), ip("10.0.0.3")}, 3}),
+            Status::ok);
+  ASSERT_EQ(b.addRemote(key(10, 1), 7), Status::ok);
+  ASSERT_EQ(b.addRemote(key(10, 2), 8), Status::ok);
+  ASSERT_EQ(b.addRemote(key(20, 1), 7), Status::ok);
+
+  // A flow keeps to one VTEP of the group, whichever port it comes from; flows spread over both.
+  std::set<IpAddr> used;
+  for (uint64_t src = 10; src < 40; ++src) {
+    sim::ClassifyResult const r = b.send("Ethernet1", src, mac(1), 10);
+    ASSERT_TRUE(r.vxlan);
+    EXPECT_THAT(r.egress, ElementsAre(intf("Vxlan1")));
+    EXPECT_EQ(r.vxlan->vni, 10010u);
+    EXPECT_EQ(b.send("Ethernet2", src, mac(1), 10).vxlan, r.vxlan);
+    used.insert(r.vxlan->vtep);
+  }
+  EXPECT_EQ(used, (std::set<IpAddr>{ip("10.0.0.2"), ip("10.0.0.3")}));
+
+  // Without the next hop's tunnel or the VLAN's VNI the packet is dropped, never flooded.
+  sim::ClassifyResult r = b.send("Ethernet1", 50, mac(2), 10);
+  EXPECT_THAT(r.egress, IsEmpty());
+  EXPECT_FALSE(r.flooded);
+  EXPECT_EQ(r.dropReason, "no tunnel for next hop 8");
+  r = b.send("Ethernet1", 50, mac(1), 20);
+  EXPECT_THAT(r.egress, IsEmpty());
+  EXPECT_EQ(r.dropReason, "vlan 20 has no vni");
+  ASSERT_EQ(vx.tunnelIs(8, {intf("Vxlan1"), {ip("10.0.0.4")}, 4}), Status::ok);
+  r = b.send("Ethernet1", 50, mac(2), 10);
+  EXPECT_EQ(r.vxlan, (sim::VxlanEncap{intf("Vxlan1"), ip("10.0.0.4"), 10010, 4}));
+  EXPECT_EQ(r.dropReason, "");
+  vx.tunnelDel(8);
+  EXPECT_EQ(b.send("Ethernet1", 50, mac(2), 10).dropReason, "no tunnel for next hop 8");
+  r = b.send("Ethernet1", 50, mac(99), 10);
+  EXPECT_THAT(r.egress, ElementsAre(intf("Ethernet2")));
+  EXPECT_FALSE(r.vxlan);
+
+  // A tunnel needs a VTEP to hash to; a VNI belongs to one VLAN at a time.
+  EXPECT_EQ(vx.tunnelIs(9, {intf("Vxlan1"), {}, 5}), Status::failed);
+  EXPECT_EQ(vx.vniIs(20, 10010), Status::failed);
+  EXPECT_EQ(vx.vniIs(10, 10011), Status::ok);
+  EXPECT_EQ(vx.vniIs(20, 10010), Status::ok);
+  rapidjson::Document doc;
+  auto const tree = [&](std::vector<std::string> const& path) {
+    EXPECT_TRUE(b.chip.validPath(path, nullptr));
+    return Zol::jsonText(*b.chip.lookup(path, doc.GetAllocator()));
+  };
+  EXPECT_EQ(tree({"vxlan", "tunnels", "7"}),
+            R"({"intf":"Vxlan1","vteps":["10.0.0.2","10.0.0.3"],"tunnelId":3})");
+  EXPECT_EQ(tree({"mac", "10", "02:00:00:00:00:02", "nextHop"}), "8");
+  EXPECT_EQ(tree({"mac", "remote"}), "3");
+}
+
+TEST(SimChipMac, LocalLearnsMoveAgingRemoteEntriesAndDecapsulatedSourcesAreOnlyReported) {
+  Bench b;
+  std::vector<std::string> remote;
+  b.t.remoteLearnListenerIs([&](MacKey const& k, IpAddr const& vtep, uint32_t vni) {
+    remote.push_back(k.text() + " " + vtep.stringValue() + " " + std::to_string(vni));
+  });
+  ASSERT_EQ(b.chip.vxlan().vniIs(1, 10001), Status::ok);
+  ASSERT_EQ(b.chip.vxlan().tunnelIs(7, {intf("Vxlan1"), {ip("10.0.0.2")}, 3}), Status::ok);
+
+  // A host that came home: learned over an aging remote entry (reported), not over a static one.
+  ASSERT_EQ(b.addRemote(key(1, 1), 7, true), Status::ok);
+  ASSERT_EQ(b.addRemote(key(1, 2), 7), Status::ok);
+  EXPECT_TRUE(b.send("Ethernet1", 1, all).learned);
+  EXPECT_FALSE(b.send("Ethernet1", 2, all).learned);
+  EXPECT_EQ(b.at(key(1, 1)), "Ethernet1");
+  EXPECT_EQ(b.t.entry(key(1, 2))->nextHop, 7u);
+  EXPECT_EQ(b.t.remoteSize(), 1u);
+  EXPECT_THAT(b.events, ElementsAre("+vlan 1 02:00:00:00:00:01 Vxlan1",
+                                    "+vlan 1 02:00:00:00:00:01 Ethernet1"));
+
+  // Remote learning is off until switched on; a decapsulated packet floods the local ports.
+  sim::ClassifyResult r = b.decap("10.0.0.2", 10001, 5, all);
+  EXPECT_FALSE(r.remoteLearned);
+  EXPECT_EQ(r.egress.size(), 8u);
+  b.t.remoteLearningIs(true);
+  EXPECT_TRUE(b.decap("10.0.0.2", 10001, 5, all).remoteLearned);
+  EXPECT_EQ(b.t.entry(key(1, 5)), nullptr);
+  // Once programmed, its VTEP's packets refresh it and another VTEP's are a move to report.
+  ASSERT_EQ(b.addRemote(key(1, 5), 7, true), Status::ok);
+  b.now = 100;
+  EXPECT_FALSE(b.decap("10.0.0.2", 10001, 5, all).remoteLearned);
+  EXPECT_EQ(b.t.entry(key(1, 5))->lastSeen, 100);
+  EXPECT_TRUE(b.decap("10.0.0.9", 10001, 5, all).remoteLearned);
+  EXPECT_FALSE(b.decap("10.0.0.9", 10001, 2, all).remoteLearned);  // static: the driver's
+  r = b.decap("10.0.0.2", 999, 6, all);
+  EXPECT_EQ(r.dropReason, "vni 999 has no vlan");
+  EXPECT_THAT(r.egress, IsEmpty());
+  EXPECT_FALSE(r.remoteLearned);
+  b.t.vlanLearningIs(1, false);
+  EXPECT_FALSE(b.decap("10.0.0.2", 10001, 6, all).remoteLearned);
+  b.t.vlanLearningIs(1, true);
+
+  // From a tunnel to a local host: its port; to a remote host: nowhere, never back into the
+  // overlay.
+  EXPECT_THAT(b.decap("10.0.0.2", 10001, 6, mac(1)).egress, ElementsAre(intf("Ethernet1")));
+  r = b.decap("10.0.0.2", 10001, 6, mac(2));
+  EXPECT_THAT(r.egress, IsEmpty());
+  EXPECT_FALSE(r.vxlan);
+  EXPECT_EQ(b.t.entry(key(1, 6)), nullptr);
+  EXPECT_THAT(remote, ElementsAre("vlan 1 02:00:00:00:00:05 10.0.0.2 10001",
+                                  "vlan 1 02:00:00:00:00:05 10.0.0.9 10001",
+                                  "vlan 1 02:00:00:00:00:06 10.0.0.2 10001",
+                                  "vlan 1 02:00:00:00:00:06 10.0.0.2 10001"));
+  EXPECT_EQ(b.t.learns(), 1u);
 }
 
 }  // namespace

@@ -204,4 +204,93 @@ TEST(SimMacAddrHelper, ANewHelperPublishesWhatTheChipKeptAndTheOldOneLetsGo) {
   EXPECT_EQ(b.driver->entry(pair(1, 1)).intf(), intf("Ethernet1"));
 }
 
+TEST(SimMacAddrHelper, RemoteHostsAreWrittenCountedAndVerifiedButNeverPublished) {
+  Bench b;
+  auto& h = *b.helper;
+  h.hwInit();
+  auto const programmed = Zol::make<VemoTypes::MacTable>("programmed");
+  h.programmedTableIs(programmed);
+  IntfId const vti = intf("Vxlan1");
+  auto remote = [&](MacVlanPair const& k, uint32_t nextHop, bool staticEntry) {
+    return h.addRemoteHost(
+        k, vti, nextHop, 0, staticEntry,
+        staticEntry ? EntryType::configuredRemoteMac : EntryType::learnedRemoteMac, false);
+  };
+  EXPECT_EQ(remote(pair(1, 1), 7, true), macProgramSuccess);
+  ASSERT_TRUE(b.packet("Ethernet1", 2));
+  EXPECT_EQ(remote(pair(1, 2), 8, false), macProgramSuccess);  // the learned host moved away
+  EXPECT_THAT(b.published(), IsEmpty());
+  // Written again as it is: an operation, not a write.
+  sim::Counters const before = b.chip.counters(Table::mac);
+  EXPECT_EQ(remote(pair(1, 2), 8, false), macProgramSuccess);
+  EXPECT_EQ(b.chip.counters(Table::mac).writes, before.writes);
+  EXPECT_EQ(b.chip.counters(Table::mac).operations, before.operations + 1);
+
+  EXPECT_TRUE(h.verifyRemoteHost(pair(1, 1), 7));
+  EXPECT_FALSE(h.verifyRemoteHost(pair(1, 1), 8));
+  EXPECT_FALSE(h.verifyRemoteHost(pair(1, 3), 7));
+  EXPECT_TRUE(h.verifyNumRemoteHost(2));
+  EXPECT_FALSE(h.verifyNumRemoteHost(3));
+  // Remote entries are no strays; a local entry the SM programmed is still checked.
+  programmed->entryIs(pair(1, 3), VemoTypes::MacAddressTableEntry(pair(1, 3), intf("Ethernet3"),
+                                                                  EntryType::configuredStaticMac));
+  EXPECT_EQ(remote(pair(1, 3), 7, true), macProgramSuccess);
+  EXPECT_THAT(b.verify(), ElementsAre("vlan 1 02:00:00:00:00:03: programmed behind Ethernet3 "
+                                      "(configuredStaticMac), hardware has Vxlan1 "
+                                      "(configuredRemoteMac)"));
+
+  // The chip's limit is what the SM is told, and what refuses a new remote host.
+  EXPECT_EQ(h.getMaxRemoteMacs(), 16384u);
+  h.maxRemoteMacsIs(3);
+  EXPECT_EQ(h.getMaxRemoteMacs(), 3u);
+  EXPECT_EQ(remote(pair(1, 4), 7, true), macProgramFull);
+  EXPECT_FALSE(h.lastFullIsHashCollision());
+  EXPECT_EQ(h.removeHost(pair(1, 1), EntryType::configuredRemoteMac), macProgramSuccess);
+  EXPECT_EQ(remote(pair(1, 4), 7, true), macProgramSuccess);
+
+  // A flush leaves them; the aging one ages, and its going is no driver event either.
+  h.configureAgingTime(300);
+  h.flushAll();
+  EXPECT_TRUE(h.verifyNumRemoteHost(3));
+  b.loop.advanceBy(300);
+  EXPECT_FALSE(h.verifyRemoteHost(pair(1, 2), 8));
+  EXPECT_TRUE(h.verifyNumRemoteHost(2));
+  EXPECT_THAT(b.published(), IsEmpty());
+  EXPECT_EQ(h.calls("refused"), 1u);
+}
+
+TEST(SimMacAddrHelper, AHostBackFromATunnelIsOneLocalWriteOrNoneWhenTheChipLearnedIt) {
+  Bench b;
+  auto& h = *b.helper;
+  h.hwInit();
+  for (uint64_t n : {1, 2, 3}) {
+    ASSERT_EQ(h.addRemoteHost(pair(1, n), intf("Vxlan1"), 7, 0, n == 3, EntryType::learnedRemoteMac,
+                              false),
+              macProgramSuccess);
+  }
+  auto const home = [&](uint64_t n, std::string_view to) {
+    return h.addLearntLocalAndRemoveRemoteHost(pair(1, n), intf(to), EntryType::learnedDynamicMac);
+  };
+  sim::Counters before = b.chip.counters(Table::mac);
+  EXPECT_EQ(home(1, "Ethernet2"), macProgramSuccess);
+  EXPECT_EQ(b.chip.counters(Table::mac).writes, before.writes + 1);
+
+  // The chip saw the host first: nothing to write, and its age is left as it was.
+  b.loop.advanceBy(10);
+  ASSERT_TRUE(b.packet("Ethernet3", 2));
+  b.loop.advanceBy(10);
+  before = b.chip.counters(Table::mac);
+  EXPECT_EQ(home(2, "Ethernet3"), macProgramSuccess);
+  EXPECT_EQ(b.chip.counters(Table::mac).operations, before.operations);
+  EXPECT_EQ(b.chip.macs().entry(sim::MacKey::of(pair(1, 2)))->lastSeen, 10);
+  // Learned elsewhere than the SM says: written where the SM says.
+  EXPECT_EQ(home(2, "Ethernet4"), macProgramSuccess);
+  EXPECT_EQ(b.chip.macs().entry(sim::MacKey::of(pair(1, 2)))->intf, intf("Ethernet4"));
+  EXPECT_EQ(home(3, "Ethernet5"), macProgramSuccess);  // a static remote entry too
+  EXPECT_TRUE(h.verifyNumRemoteHost(0));
+  EXPECT_THAT(b.published(), ElementsAre("vlan 1 02:00:00:00:00:01 Ethernet2 learnedDynamicMac",
+                                         "vlan 1 02:00:00:00:00:02 Ethernet4 learnedDynamicMac",
+                                         "vlan 1 02:00:00:00:00:03 Ethernet5 learnedDynamicMac"));
+}
+
 }  // namespace

@@ -83,4 +83,45 @@ TEST(SimMacIndirectAccess, CommandsRunLaterInOrderAndSurviveLostLateAndRefusedAn
   EXPECT_EQ(b.chipIo().overflowSize(), 0u);
 }
 
+TEST(SimMacIndirectAccess, ARemoteWriteWaitsForTheCommandsOfItsKeySoThatNoneUndoesIt) {
+  IndirectBench b;
+  auto& h = *b.helper;
+  IntfId const vti(Nepo::IntfKind::Vxlan, {1});
+  auto remote = [&](uint64_t n) {
+    return h.addRemoteHost(pair(n), vti, 7, 0, true, EntryType::configuredRemoteMac, false);
+  };
+  h.addHost(pair(1), eth(1), 0, true, EntryType::configuredStaticMac);
+  EXPECT_EQ(remote(1), Vemo::MacProgramStatus::macProgramBusy);
+  EXPECT_EQ(remote(2), Vemo::MacProgramStatus::macProgramSuccess);  // another key goes at once
+  // Run, but in progress until the programmer polls it.
+  b.loop.advanceBy(0.01);
+  EXPECT_EQ(b.at(1), eth(1));
+  EXPECT_EQ(remote(1), Vemo::MacProgramStatus::macProgramBusy);
+  b.loop.advanceBy(0.2);
+  EXPECT_EQ(remote(1), Vemo::MacProgramStatus::macProgramSuccess);
+  b.loop.advanceBy(2);
+  EXPECT_EQ(b.at(1), vti);
+
+  // A local write parked for room is withdrawn, so that it cannot land over the remote entry.
+  b.chip.capacityIs(sim::Table::mac, b.chip.macs().size());
+  h.addHost(pair(3), eth(3), 0, true, EntryType::configuredStaticMac);
+  b.loop.advanceBy(1);
+  ASSERT_EQ(b.chipIo().overflowSize(), 1u);
+  EXPECT_EQ(remote(3), Vemo::MacProgramStatus::macProgramBusy);
+  EXPECT_EQ(b.chipIo().overflowSize(), 0u);
+  b.chip.capacityIs(sim::Table::mac, 1000);
+  b.loop.advanceBy(0.2);
+  EXPECT_EQ(remote(3), Vemo::MacProgramStatus::macProgramSuccess);
+  b.loop.advanceBy(b.chipIo().updateOverflowAddressDelay() + 1);
+  EXPECT_EQ(b.at(3), vti);
+
+  // Coming home goes through the commands, like any local write.
+  EXPECT_EQ(h.addLearntLocalAndRemoveRemoteHost(pair(3), eth(4), EntryType::learnedDynamicMac),
+            Vemo::MacProgramStatus::macProgramSuccess);
+  EXPECT_EQ(b.at(3), vti);
+  b.loop.advanceBy(0.2);
+  EXPECT_EQ(b.at(3), eth(4));
+  EXPECT_TRUE(b.idle());
+}
+
 }  // namespace

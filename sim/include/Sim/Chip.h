@@ -19,6 +19,7 @@
 #include "Sim/ChipMac.h"
 #include "Sim/ChipPorts.h"
 #include "Sim/ChipTable.h"
+#include "Sim/ChipVxlan.h"
 #include "Vemo/VemoTypes.h"
 
 namespace sim {
@@ -56,6 +57,9 @@ class Chip {
   AclTables const& acls() const { return acls_; }
   MacTable& macs() { return macs_; }
   MacTable const& macs() const { return macs_; }
+  // The VXLAN tunnels and VNIs, which the platform programs directly.
+  VxlanTable& vxlan() { return vxlan_; }
+  VxlanTable const& vxlan() const { return vxlan_; }
 
   // A port's link, up unless said otherwise: one that goes down loses what the chip learned on
   // it and sends nothing.
@@ -86,20 +90,22 @@ class Chip {
 
   // Everything the chip holds, in key order:
   // {"units": [{"unit": 0, "ports": 32}], "lacpEnabled": true, "lag": {LagTable::toJson},
-  //  "acl": {AclTables::toJson}, "mac": {MacTable::toJson}, "capacity": {"lag": 1024,
-  //  "mac": 32768}, "errors": [...]}; the ACL tables' capacities are shown in their units.
+  //  "acl": {AclTables::toJson}, "mac": {MacTable::toJson}, "vxlan": {VxlanTable::toJson},
+  //  "capacity": {"lag": 1024, "mac": 32768, "vxlan": 4096}, "errors": [...]}; the ACL tables'
+  //  capacities are shown in their units.
   rapidjson::Value toJson(rapidjson::Document::AllocatorType& alloc) const;
   // What scenarios read under hw/: toJson with the counters, "writes" and "operations", at the
-  // root (every table) and in each table's object ("lag", "acl", "mac", and "rangeChecker", which
-  // holds only them); "mac" also counts what the chip "learns" and "aged" on its own.
+  // root (every table) and in each table's object ("lag", "acl", "mac", "vxlan", and
+  // "rangeChecker", which holds only them); "mac" also counts what the chip "learns" and "aged" on
+  // its own, the "remote" entries it holds and the "remoteLearns" it reported.
   rapidjson::Value treeJson(rapidjson::Document::AllocatorType& alloc) const;
   // The part of treeJson at path: object members by name, array elements by decimal index.
   std::optional<rapidjson::Value> lookup(std::vector<std::string> const& path,
                                          rapidjson::Document::AllocatorType& alloc) const;
   // Whether path can name something in treeJson on this chip, whatever it holds now: known
   // tables and attribute names, a unit that exists, any key where the tree is keyed (a
-  // port-channel, an interface, an ACL number, a VLAN and a MAC address). Otherwise says why in
-  // *problem.
+  // port-channel, an interface, an ACL number, a VLAN, a MAC address and a next hop). Otherwise
+  // says why in *problem.
   bool validPath(std::vector<std::string> const& path, std::string* problem) const;
   // Every path validPath accepts down to the values, with "<key>" and "<unit>" where the tree is
   // keyed or indexed ("lag/<key>/hwId", "acl/units/<unit>/in/used").
@@ -113,6 +119,8 @@ class Chip {
   ErrorLog errors_;
   LagTable lags_;
   AclTables acls_;
+  // Before the MAC table, which reads it.
+  VxlanTable vxlan_;
   MacTable macs_;
   // The packet path, in order.
   std::vector<PacketStage*> path_;

@@ -10,6 +10,7 @@
 #include <map>
 #include <optional>
 #include <set>
+#include <string>
 #include <tuple>
 #include <vector>
 
@@ -22,6 +23,7 @@
 #include "Nepo/RangeToMask.h"
 #include "Sim/ChipPorts.h"
 #include "Sim/ChipTable.h"
+#include "Sim/ChipVxlan.h"
 #include "ZolGen/Acl.h"
 #include "ZolGen/VemoAcl.h"
 
@@ -56,7 +58,9 @@ struct AclEntryKey {
 };
 
 // One packet as the classifier sees it. For IP packets the Ethernet type follows the address
-// family; for non-initial fragments the L4 fields are not there.
+// family; for non-initial fragments the L4 fields are not there. A decapsulated packet arrived on
+// the port intf inside a VXLAN tunnel: the fields are its inner frame's, and decap says where the
+// tunnel came from.
 struct Packet {
   Nepo::IntfId intf;
   Acl::AclDirection direction = Acl::AclDirection::in;
@@ -73,6 +77,7 @@ struct Packet {
   uint8_t ttl = 0;
   uint8_t icmpType = 0, icmpCode = 0;
   bool fragment = false;
+  std::optional<VxlanDecap> decap;
 };
 
 // One TCAM entry. Every value/mask pair with mask 0 matches anything; an entry that matches on
@@ -134,6 +139,15 @@ struct ClassifyResult {
   bool learned = false;
   // The VLAN is not one the packet's port carries: dropped.
   bool vlanDropped = false;
+  // A known destination behind a tunnel: egress holds the tunnel interface, and this how the
+  // packet is encapsulated.
+  std::optional<VxlanEncap> vxlan;
+  // A decapsulated packet's source was reported as a remote learn (the table holds nothing new).
+  bool remoteLearned = false;
+  // Why bridging dropped a packet it would otherwise have sent on, as "no tunnel for next hop 7"
+  // or "vni 10010 has no vlan"; empty when it did not (a VLAN the port does not carry is
+  // vlanDropped).
+  std::string dropReason;
 };
 
 // The TCAMs and range checkers are two tables (acl and rangeChecker) for faults, capacity and

@@ -1,7 +1,7 @@
-// The chip's layer-2 table: (MAC, VLAN) entries behind a port, a port-channel or the CPU, kept in
-// hash buckets of fixed depth; what the chip learns and ages on its own; the VLANs each port
-// carries, whether it learns, and its link. Its packet stage, after the ACLs, learns the source
-// and forwards to the destination.
+// The chip's layer-2 table: (MAC, VLAN) entries behind a port, a port-channel, the CPU or a VXLAN
+// tunnel's next hop, kept in hash buckets of fixed depth; what the chip learns and ages on its
+// own; the VLANs each port carries, whether it learns, and its link. Its packet stage, after the
+// ACLs, learns the source and forwards to the destination.
 #pragma once
 
 #include <absl/container/flat_hash_map.h>
@@ -13,6 +13,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -20,9 +21,11 @@
 
 #include "Nepo/EthAddr.h"
 #include "Nepo/IntfId.h"
+#include "Nepo/IpAddr.h"
 #include "Sim/ChipLag.h"
 #include "Sim/ChipPorts.h"
 #include "Sim/ChipTable.h"
+#include "Sim/ChipVxlan.h"
 #include "Zol/Types.h"
 #include "ZolGen/Bridging.h"
 
@@ -43,12 +46,15 @@ struct MacKey {
 };
 
 // One entry. aging: the chip ages it and a learn elsewhere moves it (learned entries and dynamic
-// ones the driver programs); a static entry stays until the driver removes it.
+// ones the driver programs); a static entry stays until the driver removes it. A remote entry
+// (nextHop set) is behind the tunnel interface intf, through that next hop of the VXLAN table.
 struct MacEntry {
   Nepo::IntfId intf;
   Bridging::EntryType type = Bridging::EntryType::learnedDynamicMac;
   bool aging = true;
   Zol::Seconds lastSeen = 0;
+  std::optional<uint32_t> nextHop;
+  bool remote() const { return nextHop.has_value(); }
 };
 
 // The VLANs a port or port-channel carries: an access port one, its packets untagged; a trunk its
@@ -71,23 +77,41 @@ struct VlanMembership {
 // return a Status can be refused; what the chip does on its own (learning from packets, aging,
 // flushing a port whose link went down) is not an operation and is counted in learns and aged.
 // Every change to an aging entry, whoever made it, goes to the listener.
+//
+// Remote entries are the driver's: the chip never installs one itself. A static remote entry
+// stays until the driver removes it, whatever the chip sees. An aging one is a remote host that
+// may move: it ages as learned entries do, and a local learn of its address replaces it (reported
+// as any learn), so that a host that came home from behind a tunnel is found again. Flushes,
+// which remove what the chip learned, leave remote entries alone. Decapsulated packets are never
+// learned as local entries; with remote learning on, their unknown or moved sources go to the
+// remote learn listener, and the MAC SM decides whether to program them.
 class MacTable : public ChipTable, public PacketStage {
  public:
   static constexpr size_t defaultCapacity = 32768;
   static constexpr size_t bucketDepth = 4;
   using Entries = std::map<MacKey, MacEntry>;
-  // The aging entry now held for key, or null when it went (aged, flushed, removed, or replaced
-  // by a static entry). Static entries are never reported.
+  // The aging entry now held for key, remote ones too, or null when it went (aged, flushed,
+  // removed, or replaced by a static entry). Static entries are never reported.
   using Listener = std::function<void(MacKey const& key, MacEntry const* entry)>;
+  // A decapsulated packet's source, with the VTEP that sent it and the VNI it came in.
+  using RemoteLearnListener =
+      std::function<void(MacKey const& key, Nepo::IpAddr const& vtep, uint32_t vni)>;
   using TimeSource = std::function<Zol::Seconds()>;
+  static constexpr size_t defaultRemoteCapacity = 16384;
 
-  MacTable(ChipPorts const& ports, LagTable const& lags, ErrorLog& errors);
+  MacTable(ChipPorts const& ports, LagTable const& lags, VxlanTable const& vxlan, ErrorLog& errors);
 
   // Programs key behind intf (a port of the chip, a port-channel, or Cpu), replacing what the
   // table holds for it; replacing never needs room. full is a full table or, when the table has
   // room, a full bucket: lastFullWasCollision tells which.
   Status add(MacKey const& key, Nepo::IntfId const& intf, Bridging::EntryType type, bool aging);
   bool lastFullWasCollision() const { return lastFullWasCollision_; }
+  // Programs key behind the VXLAN interface vti, through nextHopId (which the VXLAN table need
+  // not hold yet: until it does, packets to key are dropped). Replaces what the table holds for
+  // key, and takes a slot as add does; full also when remoteCapacity remote entries are held
+  // (not a collision).
+  Status addRemote(MacKey const& key, Nepo::IntfId const& vti, uint32_t nextHopId,
+                   Bridging::EntryType type, bool aging);
   // Removing what the table does not hold succeeds.
   Status remove(MacKey const& key);
   // Flushes remove aging entries only: of vlan, or of intf in vlan; vlan 0 is every VLAN.
@@ -103,6 +127,12 @@ class MacTable : public ChipTable, public PacketStage {
   void vlanLearningIs(uint16_t vlan, bool enabled);
   bool learning(Nepo::IntfId const& intf) const { return !learningOff_.contains(intf); }
   bool vlanLearning(uint16_t vlan) const { return !vlanLearningOff_.contains(vlan); }
+  // Reporting decapsulated sources, off by default; the VLAN's learning switch applies too.
+  void remoteLearningIs(bool enabled);
+  bool remoteLearning() const { return remoteLearning_; }
+  // At most this many remote entries; lowering it keeps the ones held.
+  void remoteCapacityIs(size_t capacity) { remoteCapacity_ = capacity; }
+  size_t remoteCapacity() const { return remoteCapacity_; }
 
   // Removes the aging entries not seen for agingTime (0: none) and returns how many.
   size_t age(Zol::Seconds now, Zol::Seconds agingTime);
@@ -121,6 +151,9 @@ class MacTable : public ChipTable, public PacketStage {
   // One listener; owner tags it so that only whoever set it takes it away.
   void listenerIs(Listener listener, void const* owner);
   void const* listenerOwner() const { return listenerOwner_; }
+  void remoteLearnListenerIs(RemoteLearnListener listener) {
+    remoteLearnListener_ = std::move(listener);
+  }
   // Learning and programming stamp entries with this time; without a source the time stays 0.
   void timeSourceIs(TimeSource now) { now_ = std::move(now); }
   Zol::Seconds now() const { return now_ ? now_() : 0; }
@@ -128,20 +161,25 @@ class MacTable : public ChipTable, public PacketStage {
   MacEntry const* entry(MacKey const& key) const;
   Entries const& entries() const { return entries_; }
   size_t size() const { return entries_.size(); }
+  size_t remoteSize() const { return remoteSize_; }
   // The bucket key hashes to: capacity / bucketDepth buckets.
   size_t bucket(MacKey const& key) const;
   uint64_t learns() const { return learns_; }
   uint64_t aged() const { return aged_; }
+  uint64_t remoteLearns() const { return remoteLearns_; }
 
   // Ingress packets only: the VLAN is the packet's tag, or its port's access or native VLAN; a
   // VLAN the port does not carry drops the packet. The source is learned or refreshed (all-zero
   // and group addresses are no station's), then a known unicast destination gets its port (one
   // distributing member of a port-channel, by a hash of the addresses) or the CPU, and anything
-  // else floods the VLAN. Nothing goes back where it came from.
+  // else floods the VLAN's ports. Nothing goes back where it came from. A remote destination
+  // leaves by its next hop's tunnel, to the VTEP the flow hashes to, in the VLAN's VNI; without
+  // the tunnel or the VNI the packet is dropped (dropReason), never flooded. A decapsulated
+  // packet is bridged from its tunnel interface in the VLAN its VNI maps to (dropped when none).
   bool process(Packet const& p, ClassifyResult& result) override;
 
   // {"10": {"02:00:00:00:00:01": {"intf": "Ethernet1", "type": "learnedDynamicMac",
-  //  "static": false}}}, by VLAN then address.
+  //  "static": false}}}, by VLAN then address; a remote entry adds "nextHop": 7.
   rapidjson::Value toJson(rapidjson::Document::AllocatorType& alloc) const;
 
  private:
@@ -149,6 +187,8 @@ class MacTable : public ChipTable, public PacketStage {
   // Rebuilds the bucket counts after the capacity changed.
   void syncBuckets();
   bool bucketFull(MacKey const& key);
+  // add and addRemote once the request was checked: room, then the write and its reports.
+  Status put(std::string_view op, MacKey const& key, MacEntry const& e);
   // Each keeps the buckets and the aging order with the entries; erase reports what went.
   Iterator insert(MacKey const& key, MacEntry const& e);
   void replace(Iterator it, MacEntry const& e);
@@ -159,6 +199,9 @@ class MacTable : public ChipTable, public PacketStage {
   // The port-channel a port is a member of, or the port itself.
   Nepo::IntfId bridgePort(Nepo::IntfId const& port) const;
   bool learn(Packet const& p, Nepo::IntfId const& from, uint16_t vlan);
+  bool processDecap(Packet const& p, ClassifyResult& result);
+  bool learnRemote(Packet const& p, uint16_t vlan);
+  void toTunnel(MacEntry const& e, uint16_t vlan, Packet const& p, ClassifyResult& result) const;
   void forward(Packet const& p, Nepo::IntfId const& from, uint16_t vlan, ClassifyResult& result);
   // The port a packet to the bridge port to leaves by; none when it cannot leave there.
   std::optional<Nepo::IntfId> egressPort(Nepo::IntfId const& to, uint16_t vlan,
@@ -166,6 +209,7 @@ class MacTable : public ChipTable, public PacketStage {
 
   ChipPorts const& ports_;
   LagTable const& lags_;
+  VxlanTable const& vxlan_;
   Entries entries_;
   // Aging entries by when they were last seen, oldest first.
   std::set<std::pair<Zol::Seconds, MacKey>> seen_;
@@ -174,6 +218,10 @@ class MacTable : public ChipTable, public PacketStage {
   bool lastFullWasCollision_ = false;
   std::set<Nepo::IntfId> learningOff_;
   std::set<uint16_t> vlanLearningOff_;
+  bool remoteLearning_ = false;
+  size_t remoteCapacity_ = defaultRemoteCapacity;
+  size_t remoteSize_ = 0;
+  RemoteLearnListener remoteLearnListener_;
   std::map<Nepo::IntfId, VlanMembership> membership_;
   std::set<Nepo::IntfId> linkDown_;
   Listener listener_;
@@ -181,6 +229,7 @@ class MacTable : public ChipTable, public PacketStage {
   TimeSource now_;
   uint64_t learns_ = 0;
   uint64_t aged_ = 0;
+  uint64_t remoteLearns_ = 0;
 };
 
 }  // namespace sim

@@ -17,8 +17,8 @@ struct Packet;
 struct ClassifyResult;
 
 // The chip's tables; each new one is appended and gets a name in tableName.
-enum class Table : uint8_t { lag, acl, rangeChecker, mac };
-inline constexpr size_t kTableCount = 4;
+enum class Table : uint8_t { lag, acl, rangeChecker, mac, vxlan };
+inline constexpr size_t kTableCount = 5;
 
 // What the chip answers to one table operation.
 enum class Status : uint8_t {

@@ -1,6 +1,6 @@
 // The MAC table helper of the simulated chip: programs the chip's layer-2 table for the MAC SM,
-// ages it on the loop, and publishes what a chip driver publishes: every aging entry the chip
-// holds, in the driver's MAC table.
+// local and remote (VXLAN) entries, ages it on the loop, and publishes what a chip driver
+// publishes: every local aging entry the chip holds, in the driver's MAC table.
 #pragma once
 
 #include <array>
@@ -21,7 +21,10 @@ class MacAddrHelper : public VemoHelper::VemoHelperMacAddrSm {
   // the chip's aging entries at once, as a driver starting over a running chip finds them, and
   // then follows every learn, move, aging, flush and removal: an aging entry appears with its
   // interface and type (learnedDynamicMac when learned) and goes when the chip drops it or a
-  // static entry replaces it. Static entries never appear.
+  // static entry replaces it. Static entries never appear, nor do remote ones, aging or not: the
+  // SM learns remote hosts from the VXLAN agent's tables, and a remote entry in this table would
+  // read as a local learn. A local learn that replaces an aging remote entry appears as any
+  // learn.
   MacAddrHelper(Zol::Name const& name, Chip& chip,
                 Zol::Ptr<Vemo::VemoCommonSmData> const& commonData,
                 Zol::Ptr<VemoTypes::MacTable> const& driverTable);
@@ -33,6 +36,20 @@ class MacAddrHelper : public VemoHelper::VemoHelperMacAddrSm {
   Vemo::MacProgramStatus addHost(Bridging::MacVlanPair const& key, Nepo::IntfId const& intf,
                                  Zol::U16 moves, bool staticEntry,
                                  Bridging::EntryType entryType) override;
+  // Remote entries are written to the chip at once, also when host writes go through the
+  // indirect interface, whose commands carry no next hop. A remote write then answers busy while
+  // a command for its key is queued or running, which would undo it when it ran; a command parked
+  // for want of room is withdrawn first (a remove is queued in its place). The entry ages unless
+  // staticEntry; moves and replacesLocal are not used (the write replaces whatever the chip holds).
+  Vemo::MacProgramStatus addRemoteHost(Bridging::MacVlanPair const& key, Nepo::IntfId const& intf,
+                                       Zol::U32 nextHopId, Zol::U16 moves, bool staticEntry,
+                                       Bridging::EntryType entryType, bool replacesLocal) override;
+  // A local aging entry behind intf replaces the remote one in one write, made as addHost makes
+  // it. Nothing is written when the chip already holds that local aging entry (it learned the
+  // move itself) and no command for the key is outstanding.
+  Vemo::MacProgramStatus addLearntLocalAndRemoveRemoteHost(Bridging::MacVlanPair const& key,
+                                                           Nepo::IntfId const& intf,
+                                                           Bridging::EntryType entryType) override;
   Vemo::MacProgramStatus removeHost(Bridging::MacVlanPair const& key,
                                     Bridging::EntryType entryType) override;
   void removeLag(Nepo::IntfId const& intf) override;
@@ -49,15 +66,25 @@ class MacAddrHelper : public VemoHelper::VemoHelperMacAddrSm {
   void handleVerify() override;
   bool verifyLearning(Nepo::IntfId const& intf, bool enable) override;
   bool verifyLearningOnVlan(Bridging::VlanId vlan, bool enable) override;
+  // The chip's remote entry count modulo 65536: the SM's count reaches the U16 truncated, as a
+  // C++ conversion does, so that a table above 65535 entries still compares.
+  bool verifyNumRemoteHost(Zol::U16 count) override;
+  // The chip holds a remote entry for key through nextHopId.
+  bool verifyRemoteHost(Bridging::MacVlanPair const& key, Zol::U32 nextHopId) override;
+  // The chip's limit of remote entries (MacTable::remoteCapacity), which maxRemoteMacsIs sets.
+  Zol::U32 getMaxRemoteMacs() override;
+  void maxRemoteMacsIs(Zol::U32 max);
   bool skipVemoVxlanRmacHandling() override;
 
   // The SM's table of the local entries it programmed: handleVerify reports each one the chip
-  // does not hold as programmed, and each static entry the chip holds that is not in it. Without
-  // one, nothing is compared.
+  // does not hold as programmed, and each static local entry the chip holds that is not in it.
+  // Without one, nothing is compared. Remote entries are not compared here: the SM keeps its own
+  // table of them and asks verifyRemoteHost and verifyNumRemoteHost.
   void programmedTableIs(Zol::Ptr<VemoTypes::MacTable const> const& table) { programmed_ = table; }
-  // Host writes go through the chip's indirect-access interface, driven by wheel: addHost and
-  // removeHost answer success once the command is queued, and the chip holds the entry when the
-  // command has run. Until this is called, writes are direct.
+  // Host writes go through the chip's indirect-access interface, driven by wheel: addHost,
+  // addLearntLocalAndRemoveRemoteHost and removeHost answer success once the command is queued,
+  // and the chip holds the entry when the command has run. Until this is called, writes are
+  // direct.
   void indirectAccessIs(Tolm::TimerWheel& wheel);
   MacIndirectAccess* indirectAccess() const { return indirect_.get(); }
 
@@ -90,6 +117,11 @@ class MacAddrHelper : public VemoHelper::VemoHelperMacAddrSm {
     verifyLearning,
     verifyLearningOnVlan,
     skipVemoVxlanRmacHandling,
+    addRemoteHost,
+    addLearntLocalAndRemoveRemoteHost,
+    getMaxRemoteMacs,
+    verifyNumRemoteHost,
+    verifyRemoteHost,
     refused,
     aging,
     beforeHwInit,
@@ -100,6 +132,9 @@ class MacAddrHelper : public VemoHelper::VemoHelperMacAddrSm {
   // Counts a programming call and flags one that comes before hwInit.
   void programming(Op op);
   Vemo::MacProgramStatus answer(Status s);
+  // A local entry, directly or through the indirect interface.
+  Vemo::MacProgramStatus writeLocal(Bridging::MacVlanPair const& key, Nepo::IntfId const& intf,
+                                    bool staticEntry, Bridging::EntryType entryType);
   void mirror(MacKey const& key, MacEntry const* entry);
   // Brings the driver table to the chip's aging entries.
   void publishAll();

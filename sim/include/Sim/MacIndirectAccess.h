@@ -32,6 +32,9 @@ class MacIndirectAccess : public Vemo::VemoMacProgrammer {
   void listenerIs(Listener l) { listener_ = std::move(l); }
   // Commands started and not yet run.
   size_t running() const { return running_.size(); }
+  // Whether a command for key is pending or in progress: a write made past this interface must
+  // wait for it, or the command would undo the write when it runs.
+  bool busyWith(Vemo::MacEntryKey const& key) const;
   uint64_t commandsRun() const { return commandsRun_; }
 
  protected:
