@@ -95,6 +95,11 @@ std::string portList(std::vector<Nepo::IntfId> const& ports) {
 // Where a bridged packet went: "to Ethernet3", "flood Ethernet2-4, Ethernet7" (runs of ports
 // that follow each other shortened), "to Cpu", "no egress".
 std::string egressText(sim::ClassifyResult const& r) {
+  if (!r.dropReason.empty()) return "dropped: " + r.dropReason;
+  if (r.vxlan) {
+    return "to " + r.vxlan->vti.stringValue() + " vtep " + r.vxlan->vtep.stringValue() + " vni " +
+           std::to_string(r.vxlan->vni);
+  }
   if (r.toCpu && r.egress.empty()) return "to Cpu";
   if (r.egress.empty()) return "no egress";
   std::string out;
@@ -153,13 +158,21 @@ Agent::Agent(bool json) : json_(json) {
     return showErrdisable({platform_->aclCauseStatus().ptr()}, asJson);
   };
   views_["mac address-table"] = [this](bool asJson) {
-    return showMacAddressTable(*platform_->bridgingStatus(), MacTableFilter(), loop_.now(), asJson);
+    return showMacAddressTable(*platform_->bridgingStatus(),
+                               *platform_->remoteMacInfo()->hostStatusTable(),
+                               *platform_->tunnelGroups(), MacTableFilter(), loop_.now(), asJson);
   };
   filteredViews_["mac address-table"] = [this](std::vector<std::string> const& words) -> View {
     MacTableFilter const filter = MacTableFilter::parse(words);
     return [this, filter](bool asJson) {
-      return showMacAddressTable(*platform_->bridgingStatus(), filter, loop_.now(), asJson);
+      return showMacAddressTable(*platform_->bridgingStatus(),
+                                 *platform_->remoteMacInfo()->hostStatusTable(),
+                                 *platform_->tunnelGroups(), filter, loop_.now(), asJson);
     };
+  };
+  views_["vxlan address-table"] = [this](bool asJson) {
+    return showVxlanAddressTable(*platform_->remoteMacInfo()->hostStatusTable(),
+                                 *platform_->tunnelGroups(), asJson);
   };
   views_["mac address-table count"] = [this](bool asJson) {
     return showMacAddressTableCount(*platform_->bridgingStatus(), asJson);
@@ -358,8 +371,11 @@ bool Agent::applyStep(Step const& s, std::ostream& out, std::ostream& err) {
     case Step::Kind::expectLog:
       return expectLog(s, err);
     case Step::Kind::restart:
-      if (!json_) out << "\n! agent restart, " << s.text << "\n";
-      restartHitless();
+      if (!json_) {
+        out << "\n! agent restart, " << s.text
+            << (s.truncateStore ? ", MAC state store truncated" : "") << "\n";
+      }
+      restartHitless(s.truncateStore);
       return true;
     case Step::Kind::expect:
       return isHardwarePath(s.path) ? expectHardware(s, err) : expectEntity(s, err);
@@ -429,8 +445,8 @@ bool Agent::applyPacket(Step const& s, std::ostream& out, std::ostream& err) {
   bool const bridged = action == "permit" && p.direction == Acl::AclDirection::in;
   std::string result = action + " (" + reason + ")";
   if (bridged)
-    result +=
-        ", vlan " + std::to_string(r.vlan) + (r.learned ? ", learned" : "") + ", " + egressText(r);
+    result += ", vlan " + std::to_string(r.vlan) + (r.learned ? ", learned" : "") +
+              (r.remoteLearned ? ", learned remote" : "") + ", " + egressText(r);
   if (json_) {
     rapidjson::Document doc(rapidjson::kObjectType);
     auto& alloc = doc.GetAllocator();
@@ -447,6 +463,15 @@ bool Agent::applyPacket(Step const& s, std::ostream& out, std::ostream& err) {
         egress.PushBack(Zol::toJson(port.stringValue(), alloc), alloc);
       }
       doc.AddMember("egress", egress, alloc);
+      if (r.vxlan) {
+        rapidjson::Value v(rapidjson::kObjectType);
+        v.AddMember("intf", Zol::toJson(r.vxlan->vti.stringValue(), alloc), alloc);
+        v.AddMember("vtep", Zol::toJson(r.vxlan->vtep.stringValue(), alloc), alloc);
+        v.AddMember("vni", r.vxlan->vni, alloc);
+        doc.AddMember("vxlan", v, alloc);
+      }
+      if (r.remoteLearned) doc.AddMember("remoteLearned", true, alloc);
+      if (!r.dropReason.empty()) doc.AddMember("dropped", Zol::toJson(r.dropReason, alloc), alloc);
     }
     out << prettyJson(doc);
   } else {
@@ -467,12 +492,12 @@ bool Agent::applyPacket(Step const& s, std::ostream& out, std::ostream& err) {
   return held;
 }
 
-void Agent::restartHitless() {
+void Agent::restartHitless(bool truncateStore) {
   for (auto const& [path, entity] : platform_->mounts()) mounts_.erase(path);
   // The common data is the process's: the new one starts empty, as after a real restart.
   commonData_ = Vemo::vemoCommonSmDataFactory("vemo", loop_);
   mount("vemo/common", commonData_.ptr());
-  platform_->restartHitless(commonData_);
+  platform_->restartHitless(commonData_, truncateStore);
   for (auto const& [path, entity] : platform_->mounts()) mounts_[path] = entity;
 }
 

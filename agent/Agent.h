@@ -70,7 +70,7 @@ class Agent {
   bool expectLog(Step const& s, std::ostream& err);
   // Prints the syslog messages raised since the last call, as the switch logs them.
   void printLog(std::ostream& out);
-  void restartHitless();
+  void restartHitless(bool truncateStore);
   void validateStep(Step const& s) const;
   // Returns false when an expectation failed.
   bool applyStep(Step const& s, std::ostream& out, std::ostream& err);

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "Scenario.h"
+#include "Vemo/SwTunnelGroupIdManager.h"
 #include "Views.h"
 #include "Zol/Text.h"
 
@@ -30,6 +31,31 @@ std::string typeText(EntryType t) {
       return "ROUTER";
     case EntryType::nonAgingMac:
       return "NON-AGING";
+    case EntryType::peerDynamicMac:
+      return "PEER-DYNAMIC";
+    case EntryType::peerStaticMac:
+      return "PEER-STATIC";
+    case EntryType::peerRouterMac:
+      return "PEER-ROUTER";
+    case EntryType::learnedRemoteMac:
+      return "DYNAMIC-REMOTE";
+    case EntryType::configuredRemoteMac:
+      return "STATIC-REMOTE";
+    case EntryType::evpnDynamicRemoteMac:
+    case EntryType::evpnIntfDynamicMac:
+      return "EVPN";
+    case EntryType::receivedRemoteMac:
+      return "RECEIVED-REMOTE";
+    case EntryType::peerDynamicRemoteMac:
+      return "PEER-DYNAMIC-REMOTE";
+    case EntryType::peerConfiguredRemoteMac:
+      return "PEER-STATIC-REMOTE";
+    case EntryType::dot1xAuthorizedMac:
+      return "DOT1X";
+    case EntryType::peerDot1xAuthorizedMac:
+      return "PEER-DOT1X";
+    case EntryType::fsfFailedServerMac:
+      return "FSF";
     default:
       return std::string(Zol::enumName(t));
   }
@@ -109,9 +135,16 @@ MacTableFilter MacTableFilter::parse(std::vector<std::string> const& words) {
   return f;
 }
 
-std::string showMacAddressTable(Bridging::Status const& status, MacTableFilter const& filter,
-                                double now, bool json) {
+std::string showMacAddressTable(Bridging::Status const& status,
+                                Vemo::VXLAN::HostStatusTable const& remote,
+                                Vemo::SwTunnelGroupIdData const& groups,
+                                MacTableFilter const& filter, double now, bool json) {
   std::vector<Row> const all = rows(status, filter);
+  // The VTEPs behind a remote entry, from the remote host status table.
+  auto vteps = [&](Row const& r) -> std::optional<Vemo::TunnelIpAddrList> {
+    if (!r.host->intf().isVxlan() || !remote.statusEntryHas(r.key)) return std::nullopt;
+    return vtepsOf(groups, remote.statusEntry(r.key).swTunnelGroupId());
+  };
   if (json) {
     rapidjson::Document doc(rapidjson::kObjectType);
     auto& alloc = doc.GetAllocator();
@@ -124,6 +157,13 @@ std::string showMacAddressTable(Bridging::Status const& status, MacTableFilter c
       e.AddMember("intf", str(r.host->intf().stringValue(), alloc), alloc);
       e.AddMember("moves", r.host->moves(), alloc);
       e.AddMember("lastMoveTime", r.host->lastMoveTime(), alloc);
+      if (auto const list = vteps(r)) {
+        rapidjson::Value a(rapidjson::kArrayType);
+        for (auto const& [addr, on] : list->tunnelIpAddrAll()) {
+          a.PushBack(str(addr.stringValue(), alloc), alloc);
+        }
+        e.AddMember("vteps", a, alloc);
+      }
       entries.PushBack(e, alloc);
     }
     doc.AddMember("entries", entries, alloc);
@@ -134,11 +174,67 @@ std::string showMacAddressTable(Bridging::Status const& status, MacTableFilter c
   out += tableRow("Vlan", "Mac Address", "Type", "Ports", "Moves", "Last Move");
   out += tableRow("----", "-----------", "----", "-----", "-----", "---------");
   for (Row const& r : all) {
+    std::string port = r.host->intf().stringValue();
+    if (auto const list = vteps(r)) port += " " + vtepText(*list);
     out += tableRow(std::to_string(r.key.vlanId().value()), r.key.macAddr().stringValue(),
-                    typeText(r.host->entryType()), r.host->intf().stringValue(),
-                    std::to_string(r.host->moves()), agoText(*r.host, now));
+                    typeText(r.host->entryType()), port, std::to_string(r.host->moves()),
+                    agoText(*r.host, now));
   }
   out += "Total Mac Addresses for this criterion: " + std::to_string(all.size()) + "\n";
+  return out;
+}
+
+std::string showVxlanAddressTable(Vemo::VXLAN::HostStatusTable const& remote,
+                                  Vemo::SwTunnelGroupIdData const& groups, bool json) {
+  std::vector<Vemo::VXLAN::StatusEntry> entries;
+  for (auto const& [key, e] : remote.statusEntryAll()) entries.push_back(e);
+  std::sort(entries.begin(), entries.end(), [](auto const& a, auto const& b) {
+    return std::pair(a.key().vlanId().value(), a.key().macAddr()) <
+           std::pair(b.key().vlanId().value(), b.key().macAddr());
+  });
+  auto tunnelText = [](Vemo::VemoTunnelId t) {
+    return t.isNoTunnel() ? std::string("-") : std::to_string(t.value());
+  };
+  if (json) {
+    rapidjson::Document doc(rapidjson::kObjectType);
+    auto& alloc = doc.GetAllocator();
+    rapidjson::Value list(rapidjson::kArrayType);
+    for (auto const& e : entries) {
+      rapidjson::Value v(rapidjson::kObjectType);
+      v.AddMember("vlan", e.key().vlanId().value(), alloc);
+      v.AddMember("mac", str(e.key().macAddr().stringValue(), alloc), alloc);
+      v.AddMember("type", str(std::string(Zol::enumName(e.entryType())), alloc), alloc);
+      v.AddMember("intf", str(e.intf().stringValue(), alloc), alloc);
+      v.AddMember("vteps", str(vtepText(vtepsOf(groups, e.swTunnelGroupId())), alloc), alloc);
+      v.AddMember("nextHop", e.nextHopId().value(), alloc);
+      v.AddMember("tunnel", str(tunnelText(e.tunnelId()), alloc), alloc);
+      list.PushBack(v, alloc);
+    }
+    doc.AddMember("entries", list, alloc);
+    doc.AddMember("total", static_cast<uint64_t>(entries.size()), alloc);
+    return prettyJson(doc);
+  }
+  std::string out = "          Vxlan Mac Address Table\n";
+  auto line = [](std::string const& vlan, std::string const& mac, std::string const& type,
+                 std::string const& intf, std::string const& vteps, std::string const& nh,
+                 std::string const& tunnel) {
+    char text[256];
+    std::snprintf(text, sizeof text, "%4s    %-17s  %-19s  %-8s  %-8s  %-6s  %s", vlan.c_str(),
+                  mac.c_str(), type.c_str(), intf.c_str(), nh.c_str(), tunnel.c_str(),
+                  vteps.c_str());
+    std::string o = text;
+    o.erase(o.find_last_not_of(' ') + 1);
+    return o + "\n";
+  };
+  out += line("Vlan", "Mac Address", "Type", "Intf", "VTEPs", "NextHop", "Tunnel");
+  out += line("----", "-----------", "----", "----", "-----", "-------", "------");
+  for (auto const& e : entries) {
+    out += line(std::to_string(e.key().vlanId().value()), e.key().macAddr().stringValue(),
+                typeText(e.entryType()), e.intf().stringValue(),
+                vtepText(vtepsOf(groups, e.swTunnelGroupId())),
+                std::to_string(e.nextHopId().value()), tunnelText(e.tunnelId()));
+  }
+  out += "Total Remote Mac Addresses: " + std::to_string(entries.size()) + "\n";
   return out;
 }
 

@@ -1,5 +1,8 @@
 #include "Platform.h"
 
+#include <cstdio>
+#include <filesystem>
+
 #include "Scenario.h"
 #include "Zol/Json.h"
 #include "ZolGen/AgentScenarioJson.h"
@@ -40,6 +43,8 @@ PlatformConfig PlatformConfig::parse(rapidjson::Value const& platform) {
   c.managedByChip = desc.managedByChip();
   c.aclAsync = desc.aclAsync();
   c.macAsync = desc.macAsync();
+  c.vxlanLearning = desc.vxlanLearning();
+  c.macStore = desc.macStore();
   for (auto const& [table, capacity] : desc.capacityAll()) {
     auto const which = sim::tableFromName(table);
     if (!which) throw ScenarioError("platform: no chip table '" + table + "'");
@@ -80,13 +85,20 @@ Platform::Platform(PlatformConfig const& config, Zol::Ptr<Vemo::VemoCommonSmData
       dot1xHostTable_(Zol::make<Dot1x::HostTable>("dot1xHostTable")),
       dot1xStatus_(Zol::make<Dot1x::Status>("dot1xStatus")),
       l2RibHostOutput_(Zol::make<L2Rib::HostOutput>("l2RibHostOutput")),
-      objTupleToHwId_(Zol::make<Vemo::ObjTupleToHwId>("objTupleToHwId")) {
+      objTupleToHwId_(Zol::make<Vemo::ObjTupleToHwId>("objTupleToHwId")),
+      vxlanBootStatus_(Zol::make<Vemo::VXLAN::VxlanBootStatus>("vxlanBootStatus")),
+      vtepStatus_(Zol::make<Vemo::VXLAN::VtepStatusDir>("vtepStatusDir")),
+      vtepGroupStatus_(Zol::make<Vemo::VXLAN::VtepGroupStatusDir>("vtepGroupStatusDir")) {
+  remoteMacInfo_->vxlanBootStatusIs(vxlanBootStatus_);
   for (auto const& [table, capacity] : config.capacity) chip_.capacityIs(table, capacity);
   for (Nepo::IntfId const& port : chip_.ports()) {
     ethPhyIntfConfig_->intfConfigIs(port);
     ethPhyIntfStatus_->intfStatusIs(port)->linkStatusIs(Interface::LinkStatus::linkUp);
   }
   l2FrontEnd_ = std::make_unique<L2FrontEnd>(chip_, brConfig_, ethPhyIntfStatus_);
+  if (config.vxlanLearning) chip_.macs().remoteLearningIs(true);
+  tunnelFrontEnd_ = std::make_unique<TunnelFrontEnd>(chip_, loop_, vtepConfig_, vtepGroupConfig_,
+                                                     remoteMacInfo_, vtepStatus_, vtepGroupStatus_);
   start(commonData);
 }
 
@@ -103,6 +115,13 @@ void Platform::start(Zol::Ptr<Vemo::VemoCommonSmData> const& commonData) {
   tunnelGroupManager_ = Vemo::swTunnelGroupIdManagerFactory(commonData);
   vxlanFrontEnd_ = std::make_unique<VxlanFrontEnd>(vxlanConfig_, tunnelGroupManager_, vtepConfig_,
                                                    vtepGroupConfig_);
+  tunnelFrontEnd_->groupsIs(
+      [this](Vemo::SwTunnelGroupId g) {
+        return tunnelGroupManager_->getTunnelIpListFromSwTunnelGroupId(g);
+      },
+      [this](Nepo::IpAddr const& vtep) {
+        return tunnelGroupManager_->getSwTunnelGroupIdForTunnelIp(vtep);
+      });
 
   aclHelper_ = Zol::make<sim::AclHelper>("aclHelper", chip_, loop_);
   // What the simulated chip can do, set here rather than taken from the helper's defaults so
@@ -145,6 +164,7 @@ void Platform::startMac(Zol::Ptr<Vemo::VemoCommonSmData> const& commonData) {
   l2RibHostInput_ = Zol::make<L2Rib::HostInput>("l2RibHostInput");
   macHelper_ = Zol::make<sim::MacAddrHelper>("macHelper", chip_, commonData, macDriverTable_);
   macHelper_->programmedTableIs(macTable_);
+  macHelper_->persistentStorePathIs(config_.macStore);
   if (config_.macAsync) macHelper_->indirectAccessIs(wheel_);
   macSm_ = Vemo::macAddrSmFactory(
       commonData, Zol::make<Vemo::VemoCommonMulticastData>("commonMulticastData"), macTable_,
@@ -152,7 +172,8 @@ void Platform::startMac(Zol::Ptr<Vemo::VemoCommonSmData> const& commonData) {
       ethPhyIntfStatus_, Zol::make<Vemo::VlanHelper>("vlanHelper"), mlagHostTable_, mlagStatus_,
       macHelper_, fsfStatus_, vxlanConfig_, remoteMacInfo_, remoteMacTable_, dot1xHostTable_,
       dot1xStatus_, Zol::make<VemoHelper::VemoHelperDot1x>("dot1xHelper"), l2RibHostInput_,
-      l2RibHostOutput_, tunnelGroupManager_, objTupleToHwId_, routerMacs_, nonAgingMacs_);
+      l2RibHostOutput_, tunnelGroupManager_, objTupleToHwId_, routerMacs_, nonAgingMacs_, {},
+      vtepStatus_, vtepGroupStatus_);
   macSm_->initializedIs(true);
 }
 
@@ -174,6 +195,7 @@ void Platform::stop(bool cleanup) {
   aclSm_ = nullptr;
   aclHelper_ = nullptr;
   vxlanFrontEnd_.reset();
+  tunnelFrontEnd_->groupsIs({}, {});
   tunnelGroupManager_ = nullptr;
   lagHelper_->lagSmIs(nullptr);
   lagSm_ = nullptr;
@@ -183,10 +205,32 @@ void Platform::stop(bool cleanup) {
   aclCauseStatus_ = nullptr;
 }
 
-Platform::~Platform() { stop(true); }
+Platform::~Platform() {
+  stop(true);
+  tunnelFrontEnd_.reset();
+  if (!config_.macStore.empty()) std::remove(config_.macStore.c_str());
+}
 
-void Platform::restartHitless(Zol::Ptr<Vemo::VemoCommonSmData> const& commonData) {
+void Platform::restartHitless(Zol::Ptr<Vemo::VemoCommonSmData> const& commonData,
+                              bool truncateStore) {
   stop(false);
+  if (truncateStore && !config_.macStore.empty()) {
+    std::filesystem::resize_file(config_.macStore,
+                                 std::filesystem::file_size(config_.macStore) / 2);
+  }
+  // As the VXLAN agent does at a hitless restart: what the chip holds for remote MACs is
+  // recovered, and the restart runs until a scenario says its remote MACs are ready.
+  vxlanBootStatus_->recoveredRmacToVtepDelAll();
+  for (auto const& [key, entry] : chip_.macs().entries()) {
+    if (!entry.nextHop) continue;
+    if (auto const hw = tunnelFrontEnd_->hwVtepOfNextHop(*entry.nextHop)) {
+      vxlanBootStatus_->recoveredRmacToVtepIs(key.pair(), *hw);
+    }
+  }
+  if (vxlanBootStatus_->recoveredRmacToVtepSize() > 0) {
+    vxlanBootStatus_->vxlanHitlessRestartSupportedIs(true);
+    vxlanBootStatus_->stageRemoteMacsReadyIs(false);
+  }
   start(commonData);
 }
 
@@ -218,7 +262,18 @@ std::map<std::string, Zol::Ptr<Zol::Entity>> Platform::mounts() const {
           {"bridging/routerMac", routerMacs_},
           {"bridging/nonAging", nonAgingMacs_},
           {"mac/driver", macDriverTable_},
-          {"mac/table", macTable_}};
+          {"mac/table", macTable_},
+          {"mlag/hostTable", mlagHostTable_},
+          {"fsf/status", fsfStatus_},
+          {"dot1x/hostTable", dot1xHostTable_},
+          {"dot1x/status", dot1xStatus_},
+          {"bridging/remoteMac", remoteMacTable_},
+          {"l2rib/hostOutput", l2RibHostOutput_},
+          {"l2rib/hostInput", l2RibHostInput_},
+          {"l2rib/objTupleToHwId", objTupleToHwId_},
+          {"vxlan/bootStatus", vxlanBootStatus_},
+          {"vxlan/vtepStatus", vtepStatus_},
+          {"vxlan/vtepGroupStatus", vtepGroupStatus_}};
 }
 
 }  // namespace vemo::agent

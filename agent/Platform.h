@@ -14,6 +14,7 @@
 #include "Sim/Chip.h"
 #include "Sim/LagHelper.h"
 #include "Sim/MacAddrHelper.h"
+#include "TunnelFrontEnd.h"
 #include "Vemo/AclSm.h"
 #include "Vemo/LagSm.h"
 #include "Vemo/MacAddrSm.h"
@@ -34,6 +35,12 @@ struct PlatformConfig {
   // The chip's MAC table is written through indirect-access commands (the MAC programmer), each
   // run a millisecond after it is started.
   bool macAsync = false;
+  // The chip reports the sources of packets that come out of a VXLAN tunnel, and the platform
+  // turns them into data-plane learns of remote MACs.
+  bool vxlanLearning = false;
+  // The file the MAC SM keeps its state in across a restart of the agent (removed when the
+  // platform goes); empty for none.
+  std::string macStore;
 
   // {"units": 2, "portsPerUnit": 48, "capacity": {"lag": 64, "acl": 16, "rangeChecker": 4},
   // "managedByChip": true, "aclAsync": false, "macAsync": false}; throws ScenarioError naming the
@@ -55,7 +62,9 @@ class Platform {
   // without undoing hardware where the SM can be told to (the port-channel SM; the ACL SM still
   // removes its instances as it goes), the library's own entities go with them, and all is built
   // again over the same inputs, the chip and the new process's common data.
-  void restartHitless(Zol::Ptr<Vemo::VemoCommonSmData> const& commonData);
+  // A truncated store stands for one a crash cut short: the next SM must refuse it.
+  void restartHitless(Zol::Ptr<Vemo::VemoCommonSmData> const& commonData,
+                      bool truncateStore = false);
 
   sim::Chip& chip() { return chip_; }
   sim::Chip const& chip() const { return chip_; }
@@ -136,6 +145,12 @@ class Platform {
   Zol::Ptr<Dot1x::Status> dot1xStatus_;
   Zol::Ptr<L2Rib::HostOutput> l2RibHostOutput_;
   Zol::Ptr<Vemo::ObjTupleToHwId> objTupleToHwId_;
+  // A hitless restart's stages, as the VXLAN agent sets them; and the tunnels this platform
+  // programmed for the VTEPs and VTEP groups of the tunnel interfaces, with their next hops.
+  Zol::Ptr<Vemo::VXLAN::VxlanBootStatus> vxlanBootStatus_;
+  Zol::Ptr<Vemo::VXLAN::VtepStatusDir> vtepStatus_;
+  Zol::Ptr<Vemo::VXLAN::VtepGroupStatusDir> vtepGroupStatus_;
+  std::unique_ptr<TunnelFrontEnd> tunnelFrontEnd_;
   std::unique_ptr<L2FrontEnd> l2FrontEnd_;
   // The MAC table's part of the process: the driver's table of what the chip learned, the SM's
   // table of what it programmed, the FDB status and the flush replies.

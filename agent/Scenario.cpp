@@ -49,6 +49,11 @@ sim::Packet packetOf(AgentScenario::Packet const& given) {
   p.icmpType = given.icmpType();
   p.icmpCode = given.icmpCode();
   p.fragment = given.fragment();
+  if (!given.fromVtep().isZero()) {
+    p.decap.emplace();
+    p.decap->srcVtep = given.fromVtep();
+    p.decap->vni = given.vni();
+  }
   return p;
 }
 
@@ -80,8 +85,8 @@ bool writtenAsIp(rapidjson::Value const& v, AgentScenario::Packet const& given) 
       (given.etherType() == kEtherTypeIp || given.etherType() == kEtherTypeIp6)) {
     return true;
   }
-  static constexpr std::string_view kEthernetFields[] = {"intf",   "direction", "vlan",
-                                                         "srcMac", "dstMac",    "etherType"};
+  static constexpr std::string_view kEthernetFields[] = {
+      "intf", "direction", "vlan", "srcMac", "dstMac", "etherType", "fromVtep", "vni"};
   return std::any_of(v.MemberBegin(), v.MemberEnd(), [](auto const& m) {
     return std::find(std::begin(kEthernetFields), std::end(kEthernetFields), str(m.name)) ==
            std::end(kEthernetFields);
@@ -253,11 +258,17 @@ void readExpectLog(StepReader const& r, Step& step) {
   step.count = static_cast<uint32_t>(r.count("count").value_or(1));
 }
 
-// {"restart": "hitless"}
+// {"restart": "hitless"}, or with "store": "truncated" for a MAC state store a crash cut short.
 void readRestart(StepReader const& r, Step& step) {
   step.text = r.nonEmpty("restart");
   if (step.text != "hitless") {
     throw r.error("'restart' must be \"hitless\", found \"" + step.text + "\"");
+  }
+  if (r.member("store")) {
+    if (r.nonEmpty("store") != "truncated") {
+      throw r.error("'store' must be \"truncated\", found \"" + r.nonEmpty("store") + "\"");
+    }
+    step.truncateStore = true;
   }
 }
 
@@ -289,7 +300,7 @@ constexpr StepForm kStepForms[] = {
     // A packet step's "expect" is the packet's fate, not a step of its own.
     {"packet", Step::Kind::packet, {"expect", "egress"}, readPacket},
     {"expectLog", Step::Kind::expectLog, {"count"}, readExpectLog},
-    {"restart", Step::Kind::restart, {}, readRestart},
+    {"restart", Step::Kind::restart, {"store"}, readRestart},
     {"comment", Step::Kind::comment, {}, readComment},
 };
 
@@ -357,6 +368,8 @@ Step parseStep(rapidjson::Value const& s, size_t number) {
 
 std::string packetText(sim::Packet const& p) {
   std::string out = p.intf.stringValue() + (p.direction == Acl::AclDirection::in ? " in" : " out");
+  if (p.decap)
+    out += " from vtep " + p.decap->srcVtep.stringValue() + " vni " + std::to_string(p.decap->vni);
   if (p.vlan != 0) out += " vlan " + std::to_string(p.vlan);
   if (!p.isIp) {
     char type[8];

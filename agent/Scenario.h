@@ -43,6 +43,8 @@ struct Step {
   std::optional<uint64_t> capacity;
   // comment: the note; expectLog: the message's key (count is how many); restart: "hitless".
   std::string text;
+  // restart: the MAC state store is cut to half its length first.
+  bool truncateStore = false;
   // packet: what is sent, and what must become of it (permit, deny, blocked, errdisabled; empty
   // when anything goes). path holds the packet's interface, for the label.
   sim::Packet packet;

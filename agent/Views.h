@@ -29,6 +29,13 @@ std::string showPortChannel(Vemo::VemoCommonSmData const& commonData,
                             Lag::Input::IntfDeviceNameDir const& deviceNames, bool json);
 // What the chip's port-channel table holds, LACP, the table's use and refused operations.
 std::string showHardwarePortChannel(sim::Chip const& chip, bool json);
+// The VTEPs of a group as the tunnel-group manager publishes it; "10.0.0.2 10.0.0.3", or "-".
+Vemo::TunnelIpAddrList vtepsOf(Vemo::SwTunnelGroupIdData const& groups, Vemo::SwTunnelGroupId id);
+std::string vtepText(Vemo::TunnelIpAddrList const& list);
+// The remote MACs the MAC SM programmed: VLAN, address, kind, tunnel interface, VTEPs, next hop
+// and tunnel, by VLAN and address.
+std::string showVxlanAddressTable(Vemo::VXLAN::HostStatusTable const& remote,
+                                  Vemo::SwTunnelGroupIdData const& groups, bool json);
 // VTEP groups with their identifiers, reference counts and addresses; the configured flood
 // lists and the group each names; the remote MACs of the host table and the VTEPs behind them.
 std::string showVxlan(Vemo::SwTunnelGroupIdData const& groups, Vxlan::VxlanConfigDir const& config,
@@ -57,10 +64,13 @@ struct MacTableFilter {
   // The words after the view's name; throws ScenarioError naming what is wrong.
   static MacTableFilter parse(std::vector<std::string> const& words);
 };
-// The FDB status as engineers read it: VLAN, address, type, port, moves and the time since the
-// last move (now is the agent's clock), by VLAN and address.
-std::string showMacAddressTable(Bridging::Status const& status, MacTableFilter const& filter,
-                                double now, bool json);
+// The FDB status as engineers read it: VLAN, address, type (the entry's source), port (a remote
+// entry's tunnel interface and the VTEPs behind it), moves and the time since the last move (now
+// is the agent's clock), by VLAN and address.
+std::string showMacAddressTable(Bridging::Status const& status,
+                                Vemo::VXLAN::HostStatusTable const& remote,
+                                Vemo::SwTunnelGroupIdData const& groups,
+                                MacTableFilter const& filter, double now, bool json);
 // Dynamic and static entries per VLAN and in all.
 std::string showMacAddressTableCount(Bridging::Status const& status, bool json);
 // The chip's MAC table: its use, its hash buckets, what the chip learned and aged on its own,

@@ -8,6 +8,22 @@
 
 namespace vemo::agent {
 
+Vemo::TunnelIpAddrList vtepsOf(Vemo::SwTunnelGroupIdData const& groups, Vemo::SwTunnelGroupId id) {
+  if (id.isEmpty()) return {};
+  if (id.isSingleMemberGroup()) {
+    return Vemo::TunnelIpAddrList{Nepo::IpAddr::fromV4HostOrder(static_cast<uint32_t>(id.index()))};
+  }
+  return groups.swTunnelGroupIdToAddr(id);
+}
+
+std::string vtepText(Vemo::TunnelIpAddrList const& list) {
+  std::string out;
+  for (auto const& [addr, present] : list.tunnelIpAddrAll()) {
+    out += (out.empty() ? "" : " ") + addr.stringValue();
+  }
+  return out.empty() ? "-" : out;
+}
+
 namespace {
 
 using Vemo::SwTunnelGroupId;
@@ -18,14 +34,6 @@ struct GroupRow {
   uint32_t refs = 0;
   TunnelIpAddrList vteps;
 };
-
-TunnelIpAddrList vtepsOf(Vemo::SwTunnelGroupIdData const& groups, SwTunnelGroupId id) {
-  if (id.isEmpty()) return {};
-  if (id.isSingleMemberGroup()) {
-    return TunnelIpAddrList{Nepo::IpAddr::fromV4HostOrder(static_cast<uint32_t>(id.index()))};
-  }
-  return groups.swTunnelGroupIdToAddr(id);
-}
 
 // The group a flood list names, as the manager would answer without numbering a new one.
 SwTunnelGroupId groupOf(Vemo::SwTunnelGroupIdData const& groups, TunnelIpAddrList const& list) {
@@ -42,14 +50,6 @@ TunnelIpAddrList listOf(Set const& addrs) {
   TunnelIpAddrList list;
   for (auto const& [addr, present] : addrs) list.tunnelIpAddrIs(addr, true);
   return list;
-}
-
-std::string vtepText(TunnelIpAddrList const& list) {
-  std::string out;
-  for (auto const& [addr, present] : list.tunnelIpAddrAll()) {
-    out += (out.empty() ? "" : " ") + addr.stringValue();
-  }
-  return out.empty() ? "-" : out;
 }
 
 std::string idText(SwTunnelGroupId id) { return id.isEmpty() ? "-" : std::to_string(id.value()); }

@@ -75,6 +75,9 @@ class MacAddrHelper : public VemoHelper::VemoHelperMacAddrSm {
   Zol::U32 getMaxRemoteMacs() override;
   void maxRemoteMacsIs(Zol::U32 max);
   bool skipVemoVxlanRmacHandling() override;
+  // Where the MAC SM keeps its state across a restart of the agent; empty (the default) for none.
+  std::string persistentStorePath() override { return storePath_; }
+  void persistentStorePathIs(std::string path) { storePath_ = std::move(path); }
 
   // The SM's table of the local entries it programmed: handleVerify reports each one the chip
   // does not hold as programmed, and each static local entry the chip holds that is not in it.
@@ -152,6 +155,7 @@ class MacAddrHelper : public VemoHelper::VemoHelperMacAddrSm {
   Zol::Clock agingClock_;
   std::unique_ptr<MacIndirectAccess> indirect_;
   mutable HelperCalls<Op, kOpCount> calls_;
+  std::string storePath_;
 };
 
 }  // namespace sim
