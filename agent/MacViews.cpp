@@ -66,7 +66,8 @@ std::string typeText(EntryType t) {
 std::string agoText(Bridging::HostEntry const& host, double now) {
   double const lastMoveTime = host.lastMoveTime();
   bool const dynamic = host.entryType() == EntryType::learnedDynamicMac ||
-                       host.entryType() == EntryType::configuredDynamicMac;
+                       host.entryType() == EntryType::configuredDynamicMac ||
+                       host.entryType() == EntryType::learnedRemoteMac;
   if (!dynamic || !(lastMoveTime >= 0) || lastMoveTime > now) return "-";
   auto const s = static_cast<uint64_t>(now - lastMoveTime);
   char text[32];
@@ -305,6 +306,7 @@ std::string showHardwareMac(sim::Chip const& chip, sim::MacIndirectAccess const*
     auto& alloc = doc.GetAllocator();
     doc.AddMember("entries", static_cast<uint64_t>(table.size()), alloc);
     doc.AddMember("static", static_cast<uint64_t>(statics), alloc);
+    doc.AddMember("remote", static_cast<uint64_t>(table.remoteSize()), alloc);
     doc.AddMember("capacity", static_cast<uint64_t>(table.capacity()), alloc);
     doc.AddMember("buckets", static_cast<uint64_t>(buckets), alloc);
     doc.AddMember("bucketsUsed", static_cast<uint64_t>(fill.size()), alloc);
@@ -327,9 +329,10 @@ std::string showHardwareMac(sim::Chip const& chip, sim::MacIndirectAccess const*
     }
     return prettyJson(doc);
   }
-  std::string out = "MAC table: " + std::to_string(table.size()) + " of " +
-                    std::to_string(table.capacity()) + " entries (" + std::to_string(statics) +
-                    " static)\n";
+  std::string out =
+      "MAC table: " + std::to_string(table.size()) + " of " + std::to_string(table.capacity()) +
+      " entries (" + std::to_string(statics) + " static" +
+      (table.remoteSize() ? ", " + std::to_string(table.remoteSize()) + " remote" : "") + ")\n";
   out += "Buckets: " + std::to_string(fill.size()) + " of " + std::to_string(buckets) + " used, " +
          std::to_string(fullBuckets) + " full, fullest holds " + std::to_string(fullest) + " of " +
          std::to_string(sim::MacTable::bucketDepth) + "\n";

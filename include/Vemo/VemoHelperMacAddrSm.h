@@ -46,7 +46,10 @@ class VemoHelperMacAddrSm : public VemoHelperMacAddrSmState {
   // router and failed-server entries). moves: how often the host moved (clipped to 65535), for
   // chips that damp moving hosts. staticEntry: the entry must not age in hardware (every kind but
   // configured-dynamic and learned ones, which the SM programs only when it replaces what the chip
-  // holds). Replaces whatever the chip holds for key.
+  // holds). Replaces whatever the chip holds for key. A host another switch reported (the MLAG
+  // peer's, EVPN's: peerDynamicMac, peerDynamicRemoteMac, evpnDynamicRemoteMac,
+  // evpnIntfDynamicMac) is static, but a learn of it on another port moves it as it would a
+  // learned entry and is reported like one: the SM then decides which is the more recent.
   virtual Vemo::MacProgramStatus addHost(Bridging::MacVlanPair const& key, Nepo::IntfId const& intf,
                                          Zol::U16 moves, bool staticEntry,
                                          Bridging::EntryType entryType);

@@ -298,6 +298,12 @@ bool MacTable::process(Packet const& p, ClassifyResult& result) {
   return true;
 }
 
+bool MacTable::movedByLearns(Bridging::EntryType type) {
+  using Bridging::EntryType;
+  return type == EntryType::peerDynamicMac || type == EntryType::peerDynamicRemoteMac ||
+         type == EntryType::evpnDynamicRemoteMac || type == EntryType::evpnIntfDynamicMac;
+}
+
 bool MacTable::learn(Packet const& p, Nepo::IntfId const& from, uint16_t vlan) {
   if (p.srcMac.isMulticast() || p.srcMac.isZero()) return false;
   MacKey const key{vlan, p.srcMac};
@@ -306,9 +312,9 @@ bool MacTable::learn(Packet const& p, Nepo::IntfId const& from, uint16_t vlan) {
   auto const it = entries_.find(key);
   if (it != entries_.end()) {
     MacEntry const& e = it->second;
-    if (!e.aging) return false;
+    if (!e.aging && !movedByLearns(e.type)) return false;
     if (e.intf == from) {
-      replace(it, MacEntry{e.intf, e.type, true, t, std::nullopt});
+      if (e.aging) replace(it, MacEntry{e.intf, e.type, true, t, std::nullopt});
       return false;
     }
   }

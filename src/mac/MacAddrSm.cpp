@@ -221,6 +221,11 @@ void MacAddrSm::handleAddressAged(Bridging::MacVlanPair const& key) {
   ZOL_TRACE(9, "void Vemo::MacAddrSm::handleAddressAged(Bridging::MacVlanPair const&)");
   ZOL_TRACE(8, " address aged - " << key);
   roomFreed();
+  if (Bridging::HostEntry const* host = fdbEntry(key); host && host->intf().isVxlan()) {
+    // The chip dropped its local entry for a host that moved behind a tunnel.
+    ZOL_TRACE(8, "age of " << key << " ignored: it is behind " << host->intf());
+    return;
+  }
   evaluateEntry(key, Nepo::IntfId(), SwTunnelGroupId(), L2Rib::ObjTuple(),
                 Bridging::EntryType::learnedDynamicMac, /*learnedInHardware=*/true,
                 /*aged=*/true, now());

@@ -367,7 +367,8 @@ bool MacAddrSm::localMoreRecent(ModifyMacEntry const& local, MacCandidate const&
     Tolm::Seqno32 const moves(local.moves());
     if (moves != other.moveCount()) return moves > other.moveCount();
   }
-  return later(local.lastMoveTime(), other.lastMoveTime());
+  // A tie goes to the host this switch sees itself.
+  return !later(other.lastMoveTime(), local.lastMoveTime());
 }
 
 void MacAddrSm::handleAgeEvent(Bridging::MacVlanPair const& key) {

@@ -132,9 +132,11 @@ MacProgramStatus MacAddrSm::program(Bridging::MacVlanPair const& key,
       ZOL_TRACE(6, " Programming remote MAC entry: "
                        << key << " intf " << update.intf() << " nextHopId " << *nextHop << " type "
                        << update.entryType() << " moves " << update.moves());
+      // Only what the data plane learned ages in the chip, as a local learn does; announced and
+      // configured MACs live until their source withdraws them.
       return in_.helper->addRemoteHost(key, update.intf(), *nextHop, clipMoves(update.moves()),
-                                       !isLearnedRemote(update.entryType()), update.entryType(),
-                                       update.movedToRemote());
+                                       update.entryType() != Bridging::EntryType::learnedRemoteMac,
+                                       update.entryType(), update.movedToRemote());
     }
     case EntryEvaluationAction::addLearntLocalAndRemoveRemote: {
       ZOL_TRACE(

@@ -77,8 +77,8 @@ TEST_F(MacSourcesTest, RemoteMacsWaitForTheirNextHopAndHoldOneReferenceEach) {
   loop.runUntilIdle();
   EXPECT_THAT(
       helper->take(),
-      ElementsAre("addRemote 00:00:00:00:00:01/10 Vxlan1 nh 7 evpnDynamicRemoteMac dynamic",
-                  "addRemote 00:00:00:00:00:02/10 Vxlan1 nh 7 evpnDynamicRemoteMac dynamic"));
+      ElementsAre("addRemote 00:00:00:00:00:01/10 Vxlan1 nh 7 evpnDynamicRemoteMac static",
+                  "addRemote 00:00:00:00:00:02/10 Vxlan1 nh 7 evpnDynamicRemoteMac static"));
   EXPECT_EQ(sm->waitingForNextHop(), 0u);
   EXPECT_EQ(fdb(host(1)), "Vxlan1 evpnDynamicRemoteMac moves 0");
   EXPECT_EQ(remoteStatus(host(1)), "Vxlan1 group " + std::to_string(g.value()) + " nh 7");
@@ -140,7 +140,7 @@ TEST_F(MacSourcesTest, AHostMovesFromATunnelToAPortAndBackByItsMoveCount) {
   evpn(host(1), "10.0.0.2", 5);
   loop.runUntilIdle();
   EXPECT_THAT(helper->take(), ElementsAre("addRemote 00:00:00:00:00:01/10 Vxlan1 nh 7 "
-                                          "evpnDynamicRemoteMac dynamic replacesLocal"));
+                                          "evpnDynamicRemoteMac static replacesLocal"));
   EXPECT_TRUE(trace.capture.contains(" Detected local to remote move (2). "));
   EXPECT_FALSE(l2RibIn->hostHas(host(1)));
   EXPECT_EQ(verify("moved"), 0u);
@@ -198,7 +198,7 @@ TEST_F(MacSourcesTest, RemoteMacsBeyondThePlatformMaximumWaitForRoom) {
   EXPECT_THAT(
       helper->take(),
       ElementsAre("remove 00:00:00:00:00:01/10 evpnDynamicRemoteMac",
-                  "addRemote 00:00:00:00:00:02/10 Vxlan1 nh 7 evpnDynamicRemoteMac dynamic"));
+                  "addRemote 00:00:00:00:00:02/10 Vxlan1 nh 7 evpnDynamicRemoteMac static"));
   EXPECT_EQ(sm->fullEntriesSize(), 0u);
 }
 
@@ -222,7 +222,7 @@ TEST_F(MacSourcesTest, RibHostsGoThroughTheirObjectsHardwareId) {
   loop.runUntilIdle();
   EXPECT_THAT(
       helper->take(),
-      ElementsAre("addRemote 00:00:00:00:00:03/10 Vxlan1 nh 77 evpnDynamicRemoteMac dynamic"));
+      ElementsAre("addRemote 00:00:00:00:00:03/10 Vxlan1 nh 77 evpnDynamicRemoteMac static"));
   // Its hardware id goes: so does the MAC.
   hwIds->hwIdDel(tuple);
   loop.runUntilIdle();
@@ -390,7 +390,7 @@ TEST_F(MacSourcesTest, HitlessRestartKeepsWhatHardwareHoldsAndRemovesWhatNobodyC
   // host 1 is in hardware as it should be: no write. host 3 is new.
   EXPECT_THAT(
       helper->take(),
-      ElementsAre("addRemote 00:00:00:00:00:03/10 Vxlan1 nh 7 evpnDynamicRemoteMac dynamic"));
+      ElementsAre("addRemote 00:00:00:00:00:03/10 Vxlan1 nh 7 evpnDynamicRemoteMac static"));
   EXPECT_TRUE(
       trace.capture.contains(" skipping programming of remote MAC 00:00:00:00:00:01/10 "
                              "during hitless restart "));
@@ -496,7 +496,7 @@ TEST_F(MacStoreRestartTest, ACorruptStoreIsRefusedWholeAndTheSourcesAreWrittenAg
   EXPECT_THAT(calls, testing::Contains("add 00:00:00:00:00:01/10 Ethernet1 configuredStaticMac "
                                        "static"));
   EXPECT_THAT(calls, testing::Contains("addRemote 00:00:00:00:00:03/10 Vxlan1 nh 7 "
-                                       "evpnDynamicRemoteMac dynamic"));
+                                       "evpnDynamicRemoteMac static"));
   // The chip's learn is adopted; its moves start again.
   EXPECT_EQ(fdb(host(2)), "Ethernet3 learnedDynamicMac moves 0");
   EXPECT_EQ(verify("cold"), 0u);

@@ -143,6 +143,22 @@ TEST(SimChipMac, StaticEntriesOutliveAgingFlushesAndMovesWhileDynamicOnesAreRepo
   EXPECT_THAT(b.t.entries(), IsEmpty());
 }
 
+TEST(SimChipMac, AHostAnotherSwitchReportedMovesWhenLearnedHereButNeverAges) {
+  Bench b;
+  ASSERT_EQ(b.add(key(10, 1), "Ethernet8", EntryType::peerDynamicMac), Status::ok);
+  b.t.vlanMembershipIs(intf("Ethernet3"), VlanMembership::access(10));
+  b.t.vlanMembershipIs(intf("Ethernet8"), VlanMembership::access(10));
+  b.now = 400;
+  EXPECT_EQ(b.t.age(400, 300), 0u);
+  // Seen where it was programmed: nothing to learn.
+  EXPECT_FALSE(b.send("Ethernet8", 1, all).learned);
+  EXPECT_THAT(b.events, IsEmpty());
+  // Seen on a port of this switch: a station move, reported as a learn.
+  EXPECT_TRUE(b.send("Ethernet3", 1, all).learned);
+  EXPECT_EQ(b.t.entry(key(10, 1))->type, EntryType::learnedDynamicMac);
+  EXPECT_THAT(b.events, ElementsAre("+vlan 10 02:00:00:00:00:01 Ethernet3"));
+}
+
 TEST(SimChipMac, LearningFollowsPortAndVlanSwitchesPortChannelsAndLinks) {
   Bench b;
   b.lag("Port-Channel1", {{"Ethernet5", true}});

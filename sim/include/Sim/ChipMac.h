@@ -46,7 +46,10 @@ struct MacKey {
 };
 
 // One entry. aging: the chip ages it and a learn elsewhere moves it (learned entries and dynamic
-// ones the driver programs); a static entry stays until the driver removes it. A remote entry
+// ones the driver programs); a static entry stays until the driver removes it, except that a
+// host another switch reported (the MLAG peer's or EVPN's, see MacTable::movedByLearns) moves
+// when the chip learns it on a port of its own: the chip does not age it, but a station move
+// wins. A remote entry
 // (nextHop set) is behind the tunnel interface intf, through that next hop of the VXLAN table.
 struct MacEntry {
   Nepo::IntfId intf;
@@ -98,6 +101,9 @@ class MacTable : public ChipTable, public PacketStage {
       std::function<void(MacKey const& key, Nepo::IpAddr const& vtep, uint32_t vni)>;
   using TimeSource = std::function<Zol::Seconds()>;
   static constexpr size_t defaultRemoteCapacity = 16384;
+
+  // Static kinds that a learn on another port moves (and reports as any learn).
+  static bool movedByLearns(Bridging::EntryType type);
 
   MacTable(ChipPorts const& ports, LagTable const& lags, VxlanTable const& vxlan, ErrorLog& errors);
 
