@@ -431,6 +431,9 @@ bool Agent::applyPacket(Step const& s, std::ostream& out, std::ostream& err) {
     } else if (r.action == Acl::AclAction::permit && r.vlanDropped) {
       verdict = "deny";
       reason = "vlan " + std::to_string(r.vlan) + " not on " + p.intf.stringValue();
+    } else if (r.action == Acl::AclAction::permit && !r.dropReason.empty()) {
+      verdict = "deny";
+      reason = r.dropReason;
     } else {
       verdict = Zol::enumName(r.action);
       reason = r.entry ? "acl " + std::to_string(r.entry->aclNumber) + " rule " +

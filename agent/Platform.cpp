@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "Scenario.h"
+#include "Sim/Dot1xHelper.h"
 #include "Zol/Json.h"
 #include "ZolGen/AgentScenarioJson.h"
 
@@ -171,7 +172,7 @@ void Platform::startMac(Zol::Ptr<Vemo::VemoCommonSmData> const& commonData) {
       macDriverTable_, bridgingStatus_, flushRequests_, flushReplies_, brConfig_, ethPhyIntfConfig_,
       ethPhyIntfStatus_, Zol::make<Vemo::VlanHelper>("vlanHelper"), mlagHostTable_, mlagStatus_,
       macHelper_, fsfStatus_, vxlanConfig_, remoteMacInfo_, remoteMacTable_, dot1xHostTable_,
-      dot1xStatus_, Zol::make<VemoHelper::VemoHelperDot1x>("dot1xHelper"), l2RibHostInput_,
+      dot1xStatus_, Zol::make<sim::Dot1xHelper>("dot1xHelper", chip_), l2RibHostInput_,
       l2RibHostOutput_, tunnelGroupManager_, objTupleToHwId_, routerMacs_, nonAgingMacs_, {},
       vtepStatus_, vtepGroupStatus_);
   macSm_->initializedIs(true);

@@ -293,9 +293,28 @@ bool MacTable::process(Packet const& p, ClassifyResult& result) {
     result.vlanDropped = true;
     return true;
   }
-  result.learned = learn(p, from, vlan);
+  if (secure_.contains(from)) {
+    // Only hosts programmed on the port pass; nothing is learned there.
+    MacEntry const* const e = entry(MacKey{vlan, p.srcMac});
+    if (!e || e->aging || e->intf != from) {
+      result.dropReason = "source not authorised on " + from.stringValue();
+      return true;
+    }
+  } else {
+    result.learned = learn(p, from, vlan);
+  }
   forward(p, from, vlan, result);
   return true;
+}
+
+void MacTable::secureIs(Nepo::IntfId const& intf, bool secure) {
+  operated();
+  wrote(secure_.contains(intf) != secure);
+  if (secure) {
+    secure_.insert(intf);
+  } else {
+    secure_.erase(intf);
+  }
 }
 
 bool MacTable::movedByLearns(Bridging::EntryType type) {

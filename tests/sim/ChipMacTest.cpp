@@ -157,6 +157,14 @@ TEST(SimChipMac, AHostAnotherSwitchReportedMovesWhenLearnedHereButNeverAges) {
   EXPECT_TRUE(b.send("Ethernet3", 1, all).learned);
   EXPECT_EQ(b.t.entry(key(10, 1))->type, EntryType::learnedDynamicMac);
   EXPECT_THAT(b.events, ElementsAre("+vlan 10 02:00:00:00:00:01 Ethernet3"));
+
+  // A secure port passes only what is programmed static on it, and learns nothing.
+  b.t.secureIs(intf("Ethernet8"), true);
+  ASSERT_EQ(b.add(key(10, 2), "Ethernet8"), Status::ok);
+  EXPECT_TRUE(b.send("Ethernet8", 2, all).dropReason.empty());
+  EXPECT_EQ(b.send("Ethernet8", 1, all).dropReason, "source not authorised on Ethernet8");
+  EXPECT_EQ(b.send("Ethernet8", 9, all).dropReason, "source not authorised on Ethernet8");
+  EXPECT_EQ(b.at(key(10, 9)), "none");
 }
 
 TEST(SimChipMac, LearningFollowsPortAndVlanSwitchesPortChannelsAndLinks) {

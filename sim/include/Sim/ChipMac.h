@@ -145,6 +145,11 @@ class MacTable : public ChipTable, public PacketStage {
   // When the aging entry seen longest ago was last seen; none without aging entries.
   std::optional<Zol::Seconds> oldestSeen() const;
 
+  // A secure port (802.1X in single-host or restricted-host mode) lets through only the sources
+  // programmed static on it, and learns nothing.
+  void secureIs(Nepo::IntfId const& intf, bool secure);
+  bool secure(Nepo::IntfId const& intf) const { return secure_.contains(intf); }
+
   // What the platform's user sets, not the driver. A port with nothing set is an access port in
   // VLAN 1; a port-channel's setting applies to its members.
   void vlanMembershipIs(Nepo::IntfId const& intf, VlanMembership const& membership);
@@ -230,6 +235,7 @@ class MacTable : public ChipTable, public PacketStage {
   RemoteLearnListener remoteLearnListener_;
   std::map<Nepo::IntfId, VlanMembership> membership_;
   std::set<Nepo::IntfId> linkDown_;
+  std::set<Nepo::IntfId> secure_;
   Listener listener_;
   void const* listenerOwner_ = nullptr;
   TimeSource now_;
