@@ -170,6 +170,9 @@ Agent::Agent(bool json) : json_(json) {
                                  *platform_->tunnelGroups(), filter, loop_.now(), asJson);
     };
   };
+  views_["hardware mac calls"] = [this](bool asJson) {
+    return showHardwareMacCalls(platform_->macHelper(), asJson);
+  };
   views_["vxlan address-table"] = [this](bool asJson) {
     return showVxlanAddressTable(*platform_->remoteMacInfo()->hostStatusTable(),
                                  *platform_->tunnelGroups(), asJson);
@@ -384,19 +387,37 @@ bool Agent::applyStep(Step const& s, std::ostream& out, std::ostream& err) {
   }
   Target const t = resolve(s.path, true, where);
   Zol::AttrDesc const* a = t.type->attr(s.attr);
+  // The keys the step writes: its own, or with "repeat" that many consecutive MAC addresses.
+  std::vector<rapidjson::Document> keys;
+  if (s.repeat > 1) {
+    uint64_t const first = Nepo::EthAddr::fromString((*s.key)["macAddr"].GetString()).value();
+    for (uint32_t i = 0; i < s.repeat; ++i) {
+      rapidjson::Document& k = keys.emplace_back();
+      k.CopyFrom(*s.key, k.GetAllocator());
+      std::string const mac = Nepo::EthAddr::fromValue(first + i).stringValue();
+      k["macAddr"].SetString(mac.c_str(), static_cast<rapidjson::SizeType>(mac.size()),
+                             k.GetAllocator());
+    }
+  }
+  auto forEachKey = [&](auto const& write) {
+    if (keys.empty()) return write(s.key);
+    for (rapidjson::Document const& k : keys) write(&k);
+  };
   if (s.kind == Step::Kind::set) {
     checked(where, [&] {
-      if (a->kind == Kind::childCollection) {
-        a->childIs(*t.entity, *s.key);
-      } else {
-        a->set(*t.entity, s.key, *s.value);
-      }
+      forEachKey([&](rapidjson::Value const* key) {
+        if (a->kind == Kind::childCollection) {
+          a->childIs(*t.entity, *key);
+        } else {
+          a->set(*t.entity, key, *s.value);
+        }
+      });
       return 0;
     });
     return true;
   }
   checked(where, [&] {
-    a->del(*t.entity, *s.key);
+    forEachKey([&](rapidjson::Value const* key) { a->del(*t.entity, *key); });
     return 0;
   });
   return true;

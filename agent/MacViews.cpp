@@ -352,4 +352,23 @@ std::string showHardwareMac(sim::Chip const& chip, sim::MacIndirectAccess const*
   return out;
 }
 
+std::string showHardwareMacCalls(sim::MacAddrHelper const& helper, bool json) {
+  auto const calls = helper.allCalls();
+  if (json) {
+    rapidjson::Document doc(rapidjson::kObjectType);
+    auto& alloc = doc.GetAllocator();
+    for (auto const& [name, n] : calls) {
+      if (n == 0) continue;
+      rapidjson::Value key = str(std::string(name), alloc);
+      doc.AddMember(key, rapidjson::Value(static_cast<uint64_t>(n)), alloc);
+    }
+    return prettyJson(doc);
+  }
+  std::string out = "MAC driver calls since the agent started:\n";
+  for (auto const& [name, n] : calls) {
+    if (n > 0) out += "  " + std::string(name) + ": " + std::to_string(n) + "\n";
+  }
+  return out;
+}
+
 }  // namespace vemo::agent

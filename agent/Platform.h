@@ -91,6 +91,7 @@ class Platform {
   Zol::Ptr<Errdisable::CauseStatus> const& aclCauseStatus() const { return aclCauseStatus_; }
   Zol::Ptr<Lag::Input::Config> const& lagInputConfig() const { return lagInputConfig_; }
   Zol::Ptr<Bridging::Status> const& bridgingStatus() const { return bridgingStatus_; }
+  sim::MacAddrHelper const& macHelper() const { return *macHelper_; }
   // The MAC table's indirect-access interface, with "macAsync"; null otherwise.
   sim::MacIndirectAccess* macIndirectAccess() const {
     return macHelper_ ? macHelper_->indirectAccess() : nullptr;

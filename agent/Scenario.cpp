@@ -174,6 +174,14 @@ void readWrite(StepReader const& r, Step& step) {
   step.key = r.member("key");
   step.value = r.member("value");
   if (step.kind == Step::Kind::del && !step.key) throw r.error("'del' needs a 'key'");
+  if (r.member("repeat")) {
+    step.repeat = static_cast<uint32_t>(r.count("repeat", 1000000).value_or(1));
+    if (step.repeat == 0) throw r.error("'repeat' must be at least 1");
+    if (!step.key || !step.key->IsObject() || !step.key->HasMember("macAddr") ||
+        !(*step.key)["macAddr"].IsString()) {
+      throw r.error("'repeat' needs a key with a \"macAddr\", the first of the addresses");
+    }
+  }
 }
 
 // {"expect": PATH, "attr": NAME, "key": K} with one of "value": V, "fields": {...} or
@@ -291,8 +299,9 @@ struct StepForm {
   void (*read)(StepReader const&, Step&);
 };
 constexpr StepForm kStepForms[] = {
-    {"set", Step::Kind::set, {"attr", "key", "value"}, readWrite},
-    {"del", Step::Kind::del, {"attr", "key"}, readWrite},
+    // "repeat": N writes N keys, the key's "macAddr" and the N-1 addresses after it.
+    {"set", Step::Kind::set, {"attr", "key", "value", "repeat"}, readWrite},
+    {"del", Step::Kind::del, {"attr", "key", "repeat"}, readWrite},
     {"advance", Step::Kind::advance, {}, readAdvance},
     {"show", Step::Kind::show, {}, readShow},
     {"expect", Step::Kind::expect, {"attr", "key", "value", "fields", "present"}, readExpect},

@@ -29,6 +29,8 @@ struct Step {
   std::string path;
   std::string attr;
   rapidjson::Value const* key = nullptr;
+  // set, del: how many consecutive MAC addresses, from the key's, the step writes.
+  uint32_t repeat = 1;
   rapidjson::Value const* value = nullptr;  // set, expect (null JSON means absent)
   // expect: only these fields of the value are compared; or only whether it is there. Without
   // attr, present is about the entity at path.

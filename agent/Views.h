@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Sim/Chip.h"
+#include "Sim/MacAddrHelper.h"
 #include "Sim/MacIndirectAccess.h"
 #include "Vemo/VemoCommon.h"
 #include "ZolGen/Acl.h"
@@ -77,6 +78,10 @@ std::string showMacAddressTableCount(Bridging::Status const& status, bool json);
 // the driver's operations and the ones it refused.
 // With an indirect-access interface, its queues too.
 std::string showHardwareMac(sim::Chip const& chip, sim::MacIndirectAccess const* io, bool json);
+
+// What the MAC driver (the platform's helper) was asked since this agent process started: every
+// operation with its count, those never called left out.
+std::string showHardwareMacCalls(sim::MacAddrHelper const& helper, bool json);
 
 // The interfaces each cause keeps error-disabled, with the time they went down.
 std::string showErrdisable(std::vector<Errdisable::CauseStatus const*> const& causes, bool json);

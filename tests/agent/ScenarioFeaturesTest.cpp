@@ -56,6 +56,9 @@ TEST(ScenarioFeatures, MalformedChecksAreRejectedBeforeAnythingRuns) {
       {R"({"expect": "vemo/common", "key": "x", "present": true})", "needs the 'attr'"},
       {R"({"expectLog": "ACL_HW_RESOURCE_FULL", "count": -1})", "'count' must be a number"},
       {R"({"restart": "cold"})", "'restart' must be \"hitless\""},
+      {R"({"restart": "hitless", "store": "lost"})", "'store' must be \"truncated\""},
+      {R"({"set": "bridging/remoteMac", "attr": "remoteMac", "key": "x", "repeat": 2})",
+       "'repeat' needs a key with a \"macAddr\""},
       {R"({"comment": 5})", "'comment' must be a string"},
   };
   for (Case const& c : cases) {

@@ -16,6 +16,11 @@ class HelperCalls {
 
   void count(Op op) { ++calls_[static_cast<size_t>(op)]; }
   std::string_view name(Op op) const { return names_[static_cast<size_t>(op)]; }
+  // Every operation's name with its count, in the enumeration's order.
+  template <class F>
+  void forEach(F const& f) const {
+    for (size_t i = 0; i < N; ++i) f(names_[i], calls_[i]);
+  }
   // 0 for a name that is no operation's.
   uint64_t operator()(std::string_view op) const {
     for (size_t i = 0; i < N; ++i) {

@@ -3,6 +3,9 @@
 // publishes: every local aging entry the chip holds, in the driver's MAC table.
 #pragma once
 
+#include <utility>
+#include <vector>
+
 #include <array>
 #include <cstdint>
 #include <memory>
@@ -99,6 +102,12 @@ class MacAddrHelper : public VemoHelper::VemoHelperMacAddrSm {
   // (any answer but ok), "aging" (one run of the aging clock) and "beforeHwInit" (a programming
   // call before hwInit).
   uint64_t calls(std::string_view op) const;
+  // Every operation with how often it ran since this helper started.
+  std::vector<std::pair<std::string_view, uint64_t>> allCalls() const {
+    std::vector<std::pair<std::string_view, uint64_t>> out;
+    calls_.forEach([&](std::string_view name, uint64_t n) { out.emplace_back(name, n); });
+    return out;
+  }
 
  private:
   enum class Op : uint8_t {
