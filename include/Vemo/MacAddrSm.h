@@ -236,12 +236,19 @@ class MacAddrSm : public VemoBaseSm {
   // hop on the tunnel interface. nullopt: not programmed (yet).
   std::optional<VXLAN::HwVtepInfo> hwVtepOf(Nepo::IntfId const& vti, SwTunnelGroupId group) const;
   std::optional<Zol::U32> nextHopOf(ModifyMacEntry const& update) const;
+  // Where a remote entry goes in hardware: its next hop and, behind a tunnel group, the VTEP's
+  // hardware state.
+  struct RemoteTarget {
+    Zol::U32 nextHop = 0;
+    std::optional<VXLAN::HwVtepInfo> vtep;
+  };
+  std::optional<RemoteTarget> resolveRemote(ModifyMacEntry const& update) const;
   void detectRemoteLocalMove(ModifyMacEntry& update, std::optional<MacCandidate> const& current,
                              int point) const;
   void updateRemoteHostTableAfterHwProg(Bridging::MacVlanPair const& key,
                                         std::optional<VXLAN::StatusEntry> const& entry);
   bool skipDuringHitlessRestart(Bridging::MacVlanPair const& key, ModifyMacEntry const& update,
-                                Zol::U32 nextHop) const;
+                                RemoteTarget const& target) const;
 
   // The decision.
   std::optional<MacCandidate> configuredEntry(Bridging::MacVlanPair const& key);
@@ -367,6 +374,8 @@ class MacAddrSm : public VemoBaseSm {
   absl::flat_hash_map<SwTunnelGroupId, absl::flat_hash_set<Bridging::MacVlanPair>> remoteByGroup_;
   absl::flat_hash_map<Bridging::MacVlanPair, L2Rib::ObjTuple> programmedTuple_;
   bool hitlessRestart_ = false;
+  // The target of the remote write program() just made, for applied().
+  RemoteTarget programmedTarget_;
 };
 
 Zol::Ptr<MacAddrSm> macAddrSmFactory(

@@ -114,7 +114,10 @@ void MacAddrSm::handleMlagStatus() {
   auto const& hosts = in_.mlagHostTable->hostEntryAll();
   if (hosts.empty()) return;
   mlagBookmark_ = hosts.begin()->first;
-  if (!mlagClock_.armed()) mlagClock_.timeMinIs(0);
+  // Room for a decision per host at once: growing a large update list mid-walk would cost one
+  // slice a rehash of all of it.
+  updateList_.reserve(updateList_.size() + hosts.size());
+  if (!mlagClock_.armed()) mlagClock_.timeMinIs(now());
 }
 
 void MacAddrSm::handleMlagHostTableTimer() {
@@ -129,7 +132,8 @@ void MacAddrSm::handleMlagHostTableTimer() {
     if (it != hosts.end() && now() >= deadline) {
       mlagBookmark_ = it->first;
       ZOL_TRACE(8, "handleMlagHostTableTimer: time slice spent, resuming at " << *mlagBookmark_);
-      mlagClock_.timeMinIs(0);
+      // Behind whatever is due already (the update list's drain above all), not ahead of it.
+      mlagClock_.timeMinIs(now());
       return;
     }
   }
@@ -144,7 +148,7 @@ void MacAddrSm::handleMlagIntfStatus(Nepo::IntfId const& intf) {
     return;
   }
   mlagIntfWalks_.push_back(intf);
-  if (!mlagIntfClock_.armed()) mlagIntfClock_.timeMinIs(0);
+  if (!mlagIntfClock_.armed()) mlagIntfClock_.timeMinIs(now());
 }
 
 void MacAddrSm::handleMlagIntfHostTableTimer() {
@@ -164,7 +168,7 @@ void MacAddrSm::handleMlagIntfHostTableTimer() {
           mlagIntfBookmark_ = *it;
           ZOL_TRACE(8, "handleMlagIntfHostTableTimer: time slice spent on "
                            << intf << ", resuming at " << *mlagIntfBookmark_);
-          mlagIntfClock_.timeMinIs(0);
+          mlagIntfClock_.timeMinIs(now());
           return;
         }
       }
@@ -172,7 +176,7 @@ void MacAddrSm::handleMlagIntfHostTableTimer() {
     mlagIntfWalks_.pop_front();
     mlagIntfBookmark_.reset();
     if (!mlagIntfWalks_.empty() && now() >= deadline) {
-      mlagIntfClock_.timeMinIs(0);
+      mlagIntfClock_.timeMinIs(now());
       return;
     }
   }

@@ -277,16 +277,23 @@ std::optional<VXLAN::HwVtepInfo> MacAddrSm::hwVtepOf(Nepo::IntfId const& vti,
   return VXLAN::HwVtepInfo(info.swTunnelGroupId(), info.tunnelId(), info.nextHopId());
 }
 
-std::optional<Zol::U32> MacAddrSm::nextHopOf(ModifyMacEntry const& update) const {
+std::optional<MacAddrSm::RemoteTarget> MacAddrSm::resolveRemote(
+    ModifyMacEntry const& update) const {
   if (update.l2RibObjTuple().objType() != L2Rib::ObjType::invalidObj) {
     auto const& ids = in_.objTupleToHwId->hwIdAll();
     auto const it = ids.find(update.l2RibObjTuple());
     if (it == ids.end()) return std::nullopt;
-    return it->second;
+    return RemoteTarget{it->second, std::nullopt};
   }
-  std::optional<VXLAN::HwVtepInfo> const hw = hwVtepOf(update.intf(), update.swTunnelGroupId());
+  std::optional<VXLAN::HwVtepInfo> hw = hwVtepOf(update.intf(), update.swTunnelGroupId());
   if (!hw || !hw->nextHopId().isValid()) return std::nullopt;
-  return hw->nextHopId().value();
+  return RemoteTarget{hw->nextHopId().value(), std::move(hw)};
+}
+
+std::optional<Zol::U32> MacAddrSm::nextHopOf(ModifyMacEntry const& update) const {
+  std::optional<RemoteTarget> const target = resolveRemote(update);
+  if (!target) return std::nullopt;
+  return target->nextHop;
 }
 
 size_t MacAddrSm::waitingForNextHop() const { return waitingFor_.size(); }
@@ -508,14 +515,15 @@ void MacAddrSm::handleStageRemoteMacsReady() {
 }
 
 bool MacAddrSm::skipDuringHitlessRestart(Bridging::MacVlanPair const& key,
-                                         ModifyMacEntry const& update, Zol::U32 nextHop) const {
+                                         ModifyMacEntry const& update,
+                                         RemoteTarget const& target) const {
   if (!hitlessRestart_) return false;
   Zol::Ptr<VXLAN::VxlanBootStatus> const boot = in_.remoteMacInfoDir->vxlanBootStatus();
   auto const& recovered = boot->recoveredRmacToVtepAll();
   auto const it = recovered.find(key);
   if (it == recovered.end()) return false;
-  std::optional<VXLAN::HwVtepInfo> const hw = hwVtepOf(update.intf(), update.swTunnelGroupId());
-  if (!hw || *hw != it->second || hw->nextHopId().value() != nextHop) return false;
+  std::optional<VXLAN::HwVtepInfo> const& hw = target.vtep;
+  if (!hw || *hw != it->second) return false;
   auto const& tunnels = in_.remoteMacInfoDir->tunnelInfoDir()->tunnelInfoAll();
   if (auto const t = tunnels.find(hw->tunnelId());
       t != tunnels.end() && t->second.vtiIntfId() != update.intf()) {

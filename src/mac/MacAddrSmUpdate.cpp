@@ -118,8 +118,8 @@ MacProgramStatus MacAddrSm::program(Bridging::MacVlanPair const& key,
                                  !agesInHardware(update.entryType()), update.entryType());
     case EntryEvaluationAction::addConfiguredRemote:
     case EntryEvaluationAction::addLearntRemote: {
-      std::optional<Zol::U32> const nextHop = nextHopOf(update);
-      if (!nextHop) {
+      std::optional<RemoteTarget> target = resolveRemote(update);
+      if (!target) {
         // The next hop went while the entry was queued: it waits again.
         ZOL_TRACE(6, key << " changing action to ignore, wait for next hop id "
                          << update.swTunnelGroupId());
@@ -127,14 +127,17 @@ MacProgramStatus MacAddrSm::program(Bridging::MacVlanPair const& key,
         waitingGroup_[update.swTunnelGroupId()].insert(key);
         return MacProgramStatus::macProgramFailed;
       }
-      if (skipDuringHitlessRestart(key, update, *nextHop))
+      programmedTarget_ = std::move(*target);
+      Zol::U32 const nextHop = programmedTarget_.nextHop;
+      if (skipDuringHitlessRestart(key, update, programmedTarget_)) {
         return MacProgramStatus::macProgramSuccess;
+      }
       ZOL_TRACE(6, " Programming remote MAC entry: "
-                       << key << " intf " << update.intf() << " nextHopId " << *nextHop << " type "
+                       << key << " intf " << update.intf() << " nextHopId " << nextHop << " type "
                        << update.entryType() << " moves " << update.moves());
       // Only what the data plane learned ages in the chip, as a local learn does; announced and
       // configured MACs live until their source withdraws them.
-      return in_.helper->addRemoteHost(key, update.intf(), *nextHop, clipMoves(update.moves()),
+      return in_.helper->addRemoteHost(key, update.intf(), nextHop, clipMoves(update.moves()),
                                        update.entryType() != Bridging::EntryType::learnedRemoteMac,
                                        update.entryType(), update.movedToRemote());
     }
@@ -166,11 +169,11 @@ void MacAddrSm::applied(Bridging::MacVlanPair const& key, ModifyMacEntry const& 
   switch (update.action()) {
     case EntryEvaluationAction::addConfiguredRemote:
     case EntryEvaluationAction::addLearntRemote: {
-      std::optional<VXLAN::HwVtepInfo> const hw = hwVtepOf(update.intf(), update.swTunnelGroupId());
-      VXLAN::StatusEntry const entry(
-          key, update.intf(), update.swTunnelGroupId(), update.entryType(),
-          VemoNextHopId(nextHopOf(update).value_or(VemoNextHopId::invalidValue)),
-          hw ? hw->tunnelId() : VemoTunnelId::noTunnel());
+      // What program() just wrote.
+      std::optional<VXLAN::HwVtepInfo> const& hw = programmedTarget_.vtep;
+      VXLAN::StatusEntry const entry(key, update.intf(), update.swTunnelGroupId(),
+                                     update.entryType(), VemoNextHopId(programmedTarget_.nextHop),
+                                     hw ? hw->tunnelId() : VemoTunnelId::noTunnel());
       addToFdbStatus(key, Bridging::HostEntry(update.intf(), update.entryType(), update.moves(),
                                               update.lastMoveTime()));
       updateRemoteHostTableAfterHwProg(key, entry);
