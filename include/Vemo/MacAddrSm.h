@@ -288,6 +288,8 @@ class MacAddrSm : public VemoBaseSm {
   void requeueFullEntries();
   void addToFdbStatus(Bridging::MacVlanPair const& key, Bridging::HostEntry const& entry);
   void delFromFdbStatus(Bridging::MacVlanPair const& key);
+  // The layer-2 RIB's input follows the learned hosts of the overlay's VLANs (null: not learned).
+  void offerToL2Rib(Bridging::MacVlanPair const& key, Bridging::HostEntry const* learned);
   Bridging::HostEntry const* fdbEntry(Bridging::MacVlanPair const& key) const;
 
   // Flushes.

@@ -256,6 +256,13 @@ void MacAddrSm::handleVlanVni(Bridging::VlanId vlan) {
     if (key.vlanId() == vlan) keys.push_back(key);
   }
   for (auto const& key : keys) reevaluateEntry(key);
+  // The VLAN's learned hosts join or leave the layer-2 RIB's input.
+  if (auto const status = in_.bridgingStatus->fdbStatus(vlan)) {
+    for (auto const& [mac, host] : status->learnedHostAll()) {
+      bool const learned = host.entryType() == EntryType::learnedDynamicMac;
+      offerToL2Rib(Bridging::MacVlanPair(mac, vlan), learned ? &host : nullptr);
+    }
+  }
 }
 
 // -- Next hops.

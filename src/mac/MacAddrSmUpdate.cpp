@@ -288,11 +288,18 @@ void MacAddrSm::addToFdbStatus(Bridging::MacVlanPair const& key, Bridging::HostE
   bool const learned = entry.entryType() == Bridging::EntryType::learnedDynamicMac;
   // A learn that overtook a programmed entry: the SM no longer holds anything there.
   if (learned || entry.intf().isVxlan()) in_.macTable->entryDel(key);
-  if (!entry.intf().isVxlan()) updateRemoteHostTableAfterHwProg(key, std::nullopt);
-  // Hosts learned here are offered to the layer-2 RIB, which announces them to the overlay.
-  if (learned) {
+  if (!entry.intf().isVxlan() && in_.remoteMacInfoDir->hostStatusTable()->statusEntrySize() > 0) {
+    updateRemoteHostTableAfterHwProg(key, std::nullopt);
+  }
+  offerToL2Rib(key, learned ? &entry : nullptr);
+}
+
+void MacAddrSm::offerToL2Rib(Bridging::MacVlanPair const& key, Bridging::HostEntry const* learned) {
+  // Hosts learned here in a VLAN of the overlay are offered to the layer-2 RIB, which announces
+  // them to the other VTEPs; hosts of other VLANs are no one else's business.
+  if (learned && in_.remoteMacInfoDir->vniInfo()->validVlanVniMapHas(key.vlanId())) {
     in_.l2RibHostInput->hostIs(
-        key, L2Rib::HostInputEntry(entry.intf(), entry.moves(), entry.lastMoveTime()));
+        key, L2Rib::HostInputEntry(learned->intf(), learned->moves(), learned->lastMoveTime()));
   } else if (in_.l2RibHostInput->hostHas(key)) {
     in_.l2RibHostInput->hostDel(key);
   }
