@@ -269,6 +269,15 @@ void MacAddrSm::handleLearnEvent(Bridging::MacVlanPair const& key, ModifyMacEntr
     ZOL_TRACE(6, "Ignore dynamically learnt remote macs in controller client mode");
     return;
   }
+  // The learn is not taken: the pair goes back to its best source, or out of the chip.
+  auto const configuredOrRemove = [&] {
+    if (configured) {
+      queueConfigured(key, *configured, std::nullopt);
+    } else {
+      learned.actionIs(EntryEvaluationAction::removeFromFdbStatusAndHardware);
+      addToUpdateList(key, learned);
+    }
+  };
   if (!remote && !agesInHardware(learned.entryType())) {
     // The driver reports only what the chip ages; anything else is not the chip's to learn.
     ZOL_TRACE(5, "unexpected learn "
@@ -277,23 +286,13 @@ void MacAddrSm::handleLearnEvent(Bridging::MacVlanPair const& key, ModifyMacEntr
                      << (configured ? configured->entryType() : EntryType::unknownMac)
                      << " configured intf " << (configured ? configured->intf() : Nepo::IntfId()));
     ZOL_TRACE(5, "Removing entry");
-    if (configured) {
-      queueConfigured(key, *configured, std::nullopt);
-    } else {
-      learned.actionIs(EntryEvaluationAction::removeFromFdbStatusAndHardware);
-      addToUpdateList(key, learned);
-    }
+    configuredOrRemove();
     return;
   }
   if (!remote && mlagActive() && !peerLink_.isEmpty() && learned.intf() == peerLink_) {
     // The peer syncs its hosts; a learn on the link to it is a packet that went round.
     ZOL_TRACE(6, "Entry was learned on peer-link. Deleting this entry.");
-    if (configured) {
-      queueConfigured(key, *configured, std::nullopt);
-    } else {
-      learned.actionIs(EntryEvaluationAction::removeFromFdbStatusAndHardware);
-      addToUpdateList(key, learned);
-    }
+    configuredOrRemove();
     return;
   }
   if (!remote && dot1xRestricts(learned.intf())) {
