@@ -371,11 +371,11 @@ bool MacAddrSm::localMoreRecent(ModifyMacEntry const& local, MacCandidate const&
 }
 
 void MacAddrSm::handleAgeEvent(Bridging::MacVlanPair const& key) {
-  if (in_.fsfStatus->failedServerHas(key)) {
+  Bridging::HostEntry const* host = fdbEntry(key);
+  if (host && host->entryType() == EntryType::fsfFailedServerMac) {
     ZOL_TRACE(6, "Ignoring aging event for FSF entry " << key);
     return;
   }
-  Bridging::HostEntry const* host = fdbEntry(key);
   if (host && host->entryType() == EntryType::learnedRemoteMac) {
     // The data plane stopped seeing the host behind the tunnel; the entry the SM programmed for
     // it goes, or gives way to the next best.

@@ -109,7 +109,10 @@ void MacAddrSm::gatherAnnouncedCandidates(Bridging::MacVlanPair const& key, Cons
 void MacAddrSm::gatherConfiguredRemoteCandidate(Bridging::MacVlanPair const& key,
                                                 Consider consider) {
   if (skipRemote_) return;
+  // Only the tunnel interface that carries the VLAN can reach the host.
+  Nepo::IntfId const carrier = vtiOfVlan(key.vlanId());
   for (auto const& [vti, config] : in_.vxlanConfigDir->vxlanConfigAll()) {
+    if (vti != carrier) continue;
     auto const& macs = config->remoteMacAll();
     auto const it = macs.find(key);
     if (it == macs.end()) continue;

@@ -707,8 +707,6 @@ class MacSmAllSourcesModelTest : public MacSmTest, public testing::WithParamInte
   //      pair is behind the tunnel already;
   //  (D) a data-plane learn that waits for its next hop is dropped when the next hop comes: no
   //      data-plane learn behind a VTEP without one;
-  //  (E) configured remote MACs are programmed in a VLAN no tunnel interface carries: VLAN 10
-  //      only;
   //  (G) a learn on a configured dynamic host's port is taken for the echo of the SM's own write
   //      and ignored, even when something else had taken the pair: the chip learns no host back
   //      on its configured dynamic port;
@@ -719,9 +717,6 @@ class MacSmAllSourcesModelTest : public MacSmTest, public testing::WithParamInte
   //      plus one rather than its own, and a learn counts its move from the published number: it
   //      can lose to an older EVPN or controller announcement. The chip and the data plane learn
   //      only where the move would outnumber every announcement of the pair;
-  //  (J) the chip's age of a learn is ignored on a failed server's pair even when the learn, not
-  //      the failed server's entry, is what the pair holds (a controller entry of a higher
-  //      preference outranks the failed server, and the learn is more recent): no age there.
 
   // (I) A move here would outnumber every announcement of the pair: the SM counts it from the
   // number it publishes, which can be below an announcement's own.
@@ -854,10 +849,6 @@ class MacSmAllSourcesModelTest : public MacSmTest, public testing::WithParamInte
       case 5: {
         MacVlanPair const key = host(1 + pick(kMacs), pick(2) ? 10 : 20);
         if (!hwMacTable->entryHas(key) || atRisk(key)) break;  // (A)
-        if (std::optional<MacCandidate> const w = choose(key).winner;
-            fsf->failedServerHas(key) && w && w->entryType() != EntryType::fsfFailedServerMac) {
-          break;  // (J)
-        }
         if (chip->echoes.contains(key)) agedConfiguredDynamic_.insert(key);
         chip->age(key);
         log("age " + text(key));
@@ -1040,7 +1031,7 @@ class MacSmAllSourcesModelTest : public MacSmTest, public testing::WithParamInte
       case 18: {
         auto const vxlan = vxlanConfig->vxlanConfig(vxlan1());
         churn(
-            kConfiguredRemote, true,  // (E) VLAN 10 only
+            kConfiguredRemote, true,  // VLAN 10: the one a tunnel carries
             [&](MacVlanPair const& key) { return vxlan->remoteMacHas(key); }, viaVtep,
             [&](MacVlanPair const& key, std::string const& k) {
               vxlan->remoteMacDel(key);

@@ -110,6 +110,12 @@ TEST_F(MacSourcesTest, RemoteMacsWaitForTheirNextHopAndHoldOneReferenceEach) {
   EXPECT_FALSE(remoteMacInfo->vlanRefcountTable()->refcountHas(10));
   EXPECT_EQ(remoteMacInfo->vlanBasedHostTableIndexSize(), 0u);
   EXPECT_EQ(verify("gone"), 0u);
+
+  // A remote MAC configured on the tunnel interface in a VLAN it does not carry goes nowhere.
+  vxlanConfig->vxlanConfigIs(vxlan1())->remoteMacIs(host(9, 20), ip("10.0.0.2"));
+  loop.runUntilIdle();
+  EXPECT_THAT(helper->take(), IsEmpty());
+  EXPECT_EQ(fdb(host(9, 20)), "none");
 }
 
 TEST_F(MacSourcesTest, AHostMovesFromATunnelToAPortAndBackByItsMoveCount) {
