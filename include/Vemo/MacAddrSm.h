@@ -140,6 +140,8 @@ class MacAddrSm : public VemoBaseSm {
   static bool isRemote(Bridging::EntryType t);
   // Remote kinds that were learned (and age), rather than configured or received.
   static bool isLearnedRemote(Bridging::EntryType t);
+  // Sources that report a host where it was last seen, rather than pin it somewhere.
+  static bool isDynamicSource(Bridging::EntryType t);
 
   Inputs const& inputs() const { return in_; }
   // What is queued for the chip, and what the chip had no room for.
@@ -258,9 +260,9 @@ class MacAddrSm : public VemoBaseSm {
                      Bridging::EntryType entryType, bool learnedInHardware, bool aged,
                      double lastMoveTime);
   void reevaluateEntry(Bridging::MacVlanPair const& key);
-  void maybeUpdateMoveCount(ModifyMacEntry& update, std::optional<MacCandidate> const& current,
-                            Nepo::IntfId const& intf);
-  bool checkIgnoreEvent(std::optional<MacCandidate> const& configured, Nepo::IntfId const& intf,
+  void maybeUpdateMoveCount(ModifyMacEntry& update, std::optional<MacCandidate> const& current);
+  bool checkIgnoreEvent(std::optional<MacCandidate> const& configured,
+                        std::optional<MacCandidate> const& current, Nepo::IntfId const& intf,
                         SwTunnelGroupId swTunnelGroupId, Bridging::EntryType entryType,
                         bool learnedInHardware) const;
   void handleLearnEvent(Bridging::MacVlanPair const& key, ModifyMacEntry learned,
@@ -273,13 +275,29 @@ class MacAddrSm : public VemoBaseSm {
   void queueConfigured(Bridging::MacVlanPair const& key, MacCandidate const& configured,
                        std::optional<MacCandidate> const& current);
   bool intfExists(Nepo::IntfId const& intf) const;
-  void addToUpdateList(Bridging::MacVlanPair const& key, ModifyMacEntry update);
+  // followsNextHop: the same entry again behind its renumbered next hop, not a new decision, so a
+  // winner waiting for its own next hop keeps waiting.
+  void addToUpdateList(Bridging::MacVlanPair const& key, ModifyMacEntry update,
+                       bool followsNextHop = false);
+  // Every source's candidate for the pair, in the order they are weighed.
+  void gatherCandidates(Bridging::MacVlanPair const& key, Consider consider);
+  // Whether what the FDB status holds for the pair still has a cause: a source that names it, or
+  // the learn it came from.
+  bool installedStands(Bridging::MacVlanPair const& key, Bridging::HostEntry const& host);
+  void stopWaiting(Bridging::MacVlanPair const& key);
+  void refreshWaiting(Bridging::MacVlanPair const& key);
+  // Whether the data plane's standing learn of the pair is to be decided again in place of what the
+  // sources say (it outlives a source that outranked it, unlike a learn the chip overwrote).
+  bool dataPlaneLearnTakesOver(Bridging::MacVlanPair const& key,
+                               std::optional<MacCandidate> const& configured,
+                               std::optional<MacCandidate> const& current) const;
 
   // Programming.
   void updateQueuedAddresses();
   MacProgramStatus program(Bridging::MacVlanPair const& key, ModifyMacEntry const& update);
   // A new remote MAC beyond the platform's maximum waits aside, like an entry with no room.
   bool remoteLimitReached(Bridging::MacVlanPair const& key, ModifyMacEntry const& update) const;
+  static bool isRemoteAdd(ModifyMacEntry const& update);
   void applied(Bridging::MacVlanPair const& key, ModifyMacEntry const& update);
   // An asynchronous platform refused a write it had answered success for, or wrote it after all.
   void handleRefusedHost(Bridging::MacVlanPair const& key);
@@ -340,6 +358,8 @@ class MacAddrSm : public VemoBaseSm {
   absl::flat_hash_set<Bridging::MacVlanPair> collidingStatic_;
   // Configured dynamic entries that aged in the chip: they stay out until configured again.
   absl::flat_hash_set<Bridging::MacVlanPair> agedConfiguredDynamic_;
+  // Where the chip last learned each non-aging host: its entry stays there.
+  absl::flat_hash_map<Bridging::MacVlanPair, Nepo::IntfId> nonAgingPort_;
 
   CondensedFlushRequest flush_;
   // Requests folded into flush_, answered once it is carried out.
@@ -369,7 +389,8 @@ class MacAddrSm : public VemoBaseSm {
   // Remote MACs waiting for their tunnel group's next hop, and those whose RIB object has no
   // hardware id yet, by what they wait for.
   absl::flat_hash_map<SwTunnelGroupId, absl::flat_hash_set<Bridging::MacVlanPair>> waitingGroup_;
-  absl::flat_hash_map<Bridging::MacVlanPair, SwTunnelGroupId> waitingFor_;
+  // The winner each waits with; meanwhile the pair keeps what it holds while that has a cause.
+  absl::flat_hash_map<Bridging::MacVlanPair, ModifyMacEntry> waitingFor_;
   absl::flat_hash_map<L2Rib::ObjTuple, absl::flat_hash_set<Bridging::MacVlanPair>> tupleHosts_;
   absl::flat_hash_map<Bridging::MacVlanPair, L2Rib::ObjTuple> ribTupleOf_;
   // Programmed remote MACs by tunnel group, and the RIB object of those programmed through one.

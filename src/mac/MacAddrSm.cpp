@@ -272,6 +272,24 @@ void MacAddrSm::handleNonAgingMacEntries(Bridging::MacVlanPair const& key) {
   ZOL_TRACE(9,
             "void Vemo::MacAddrSm::handleNonAgingMacEntries(Bridging::MacVlanPair const&) " << key);
   if (!started_) return;
+  if (!in_.nonAgingMacStatus->hostHas(key)) {
+    nonAgingPort_.erase(key);
+  } else if (!nonAgingPort_.contains(key)) {
+    // The host stays where the chip holds its learn, or where the FDB status has it learned (or
+    // kept non-aging, as restored at a start).
+    auto const& hw = in_.hwMacTable->entryAll();
+    auto const learn = hw.find(key);
+    Bridging::HostEntry const* host = fdbEntry(key);
+    bool const ownKind = host && (host->entryType() == Bridging::EntryType::learnedDynamicMac ||
+                                  host->entryType() == Bridging::EntryType::nonAgingMac);
+    // The chip reports the SM's own aging writes too; those are no learn.
+    bool const echo = learn != hw.end() && host && !ownKind && host->intf() == learn->second.intf();
+    if (learn != hw.end() && !echo && !learn->second.intf().isVxlan()) {
+      nonAgingPort_.emplace(key, learn->second.intf());
+    } else if (ownKind && !host->intf().isVxlan()) {
+      nonAgingPort_.emplace(key, host->intf());
+    }
+  }
   reevaluateEntry(key);
 }
 

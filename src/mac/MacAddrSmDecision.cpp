@@ -31,6 +31,12 @@ bool sameTarget(MacCandidate const& a, MacCandidate const& b) {
          (!a.l2RibObjTupleSet() || a.l2RibObjTuple() == b.l2RibObjTuple());
 }
 
+// The same port, or the same VTEPs of a tunnel interface (not through a RIB object).
+bool samePlace(MacCandidate const& a, MacCandidate const& b) {
+  return a.intf() == b.intf() && a.swTunnelGroupId() == b.swTunnelGroupId() &&
+         !a.l2RibObjTupleSet() && !b.l2RibObjTupleSet();
+}
+
 // "later" as the ranking reads time: a NaN time is never later.
 bool later(double a, double b) { return !std::isnan(a) && !std::isnan(b) && a > b; }
 
@@ -39,16 +45,15 @@ bool learnedKind(EntryType t) {
   return t == EntryType::learnedDynamicMac || t == EntryType::learnedRemoteMac;
 }
 
-// Sources that report a host where it was last seen, rather than pin it somewhere.
-bool dynamicSource(EntryType t) {
+bool tupleSet(L2Rib::ObjTuple const& t) { return t.objType() != L2Rib::ObjType::invalidObj; }
+
+}  // namespace
+
+bool MacAddrSm::isDynamicSource(EntryType t) {
   return t == EntryType::configuredDynamicMac || t == EntryType::peerDynamicMac ||
          t == EntryType::peerDynamicRemoteMac || t == EntryType::evpnDynamicRemoteMac ||
          t == EntryType::receivedRemoteMac || t == EntryType::evpnIntfDynamicMac;
 }
-
-bool tupleSet(L2Rib::ObjTuple const& t) { return t.objType() != L2Rib::ObjType::invalidObj; }
-
-}  // namespace
 
 std::optional<MacCandidate> MacAddrSm::configuredEntry(Bridging::MacVlanPair const& key) {
   ZOL_TRACE(9,
@@ -56,16 +61,23 @@ std::optional<MacCandidate> MacAddrSm::configuredEntry(Bridging::MacVlanPair con
             "Bridging::MacVlanPair const&) "
                 << key);
   std::optional<MacCandidate> best;
-  auto consider = [&](MacCandidate const& c, char const* from) {
+  gatherCandidates(key, [&](MacCandidate const& c, char const* from) {
+    ZOL_TRACE(8, key << from << ": " << c);
+    if (betterEntry(c, best ? &*best : nullptr, *in_.swTunnelGroupIdManager)) best = c;
+  });
+  if (!best) ZOL_TRACE(8, key << " entry not found in collections");
+  return best;
+}
+
+void MacAddrSm::gatherCandidates(Bridging::MacVlanPair const& key, Consider consider) {
+  auto const existing = [&](MacCandidate const& c, char const* from) {
     if (!intfExists(c.intf())) {
       ZOL_TRACE(8, key << " candidate on " << c.intf() << " skipped: no such interface");
       return;
     }
-    ZOL_TRACE(8, key << from << ": " << c);
-    if (betterEntry(c, best ? &*best : nullptr, *in_.swTunnelGroupIdManager)) best = c;
+    consider(c, from);
   };
-
-  gatherAnnouncedCandidates(key, consider);
+  gatherAnnouncedCandidates(key, existing);
   bool configuredStatic = false;
   if (auto const fdb = in_.bridgingConfig->fdbConfig(key.vlanId())) {
     if (fdb->configuredHostHas(key.macAddr())) {
@@ -73,15 +85,15 @@ std::optional<MacCandidate> MacAddrSm::configuredEntry(Bridging::MacVlanPair con
       configuredStatic = host.entryType() == EntryType::configuredStaticMac;
       // A configured dynamic entry that aged stays out until it is configured again.
       if (!(isProgrammedDynamic(host.entryType()) && agedConfiguredDynamic_.contains(key))) {
-        consider(candidate(key, host.intf(), host.entryType(), host.moves(), host.lastMoveTime()),
+        existing(candidate(key, host.intf(), host.entryType(), host.moves(), host.lastMoveTime()),
                  " candidate from fdbConfig");
       }
     }
   }
-  gatherConfiguredRemoteCandidate(key, consider);
+  gatherConfiguredRemoteCandidate(key, existing);
   bool const routerMac = in_.routerMacTable && in_.routerMacTable->routerMacHas(key);
   if (routerMac) {
-    consider(candidate(key, Nepo::IntfId(Nepo::IntfKind::Cpu, {}), EntryType::routerMac, 0, 0,
+    existing(candidate(key, Nepo::IntfId(Nepo::IntfKind::Cpu, {}), EntryType::routerMac, 0, 0,
                        kRouterMacPreference),
              " candidate from routerMacTable");
   }
@@ -91,37 +103,66 @@ std::optional<MacCandidate> MacAddrSm::configuredEntry(Bridging::MacVlanPair con
     collidingStatic_.erase(key);
   }
   if (std::optional<MacCandidate> const peer = getPeerRemoteEntry(key)) {
-    consider(*peer, " candidate from mlagHostTable");
+    existing(*peer, " candidate from mlagHostTable");
   }
   auto const& dot1x = in_.dot1xHostTable->hostAll();
   if (auto const it = dot1x.find(key); it != dot1x.end()) {
-    consider(candidate(key, it->second.intf(), EntryType::dot1xAuthorizedMac, 0, 0),
+    existing(candidate(key, it->second.intf(), EntryType::dot1xAuthorizedMac, 0, 0),
              " candidate from dot1xHostTable");
   }
-  if (in_.nonAgingMacStatus && in_.nonAgingMacStatus->hostHas(key)) {
+  if (auto const it = nonAgingPort_.find(key); it != nonAgingPort_.end()) {
     // Kept where the chip last learned it.
-    auto const& hw = in_.hwMacTable->entryAll();
-    auto const it = hw.find(key);
     Bridging::HostEntry const* host = fdbEntry(key);
-    Nepo::IntfId const intf = it != hw.end() ? it->second.intf()
-                              : host         ? host->intf()
-                                             : Nepo::IntfId();
-    if (!intf.isEmpty()) {
-      consider(candidate(key, intf, EntryType::nonAgingMac, host ? host->moves() : 0,
-                         host ? host->lastMoveTime() : now()),
-               " candidate from nonAgingMacStatus");
-    }
+    existing(candidate(key, it->second, EntryType::nonAgingMac, host ? host->moves() : 0,
+                       host ? host->lastMoveTime() : now()),
+             " candidate from nonAgingMacStatus");
   }
   if (in_.fsfStatus->failedServerHas(key)) {
-    consider(candidate(key, Nepo::IntfId(Nepo::IntfKind::Cpu, {}), EntryType::fsfFailedServerMac, 0,
-                       0, kFsfPreference),
+    existing(candidate(key, Nepo::IntfId(Nepo::IntfKind::Cpu, {}), EntryType::fsfFailedServerMac,
+                       0, 0, kFsfPreference),
              " candidate from fsfStatus");
   }
-  if (!best) ZOL_TRACE(8, key << " entry not found in collections");
-  return best;
+}
+
+bool MacAddrSm::installedStands(Bridging::MacVlanPair const& key, Bridging::HostEntry const& host) {
+  if (host.entryType() == EntryType::learnedDynamicMac) {
+    auto const& hw = in_.hwMacTable->entryAll();
+    auto const it = hw.find(key);
+    if (it == hw.end() || it->second.intf() != host.intf()) return false;
+    // The data plane saw the host behind a tunnel since.
+    auto const& learns = in_.remoteMacInfoDir->hostTable()->entryAll();
+    auto const remote = learns.find(key);
+    return remote == learns.end() || in_.remoteMacInfoDir->useReceivedHostTable() ||
+           !later(remote->second.lastMoveTime(), host.lastMoveTime());
+  }
+  VXLAN::StatusEntry const remote = in_.remoteMacInfoDir->hostStatusTable()->statusEntry(key);
+  if (host.entryType() == EntryType::learnedRemoteMac) {
+    auto const& learns = in_.remoteMacInfoDir->hostTable()->entryAll();
+    auto const it = learns.find(key);
+    return it != learns.end() && it->second.swTunnelGroupId() == remote.swTunnelGroupId() &&
+           !in_.remoteMacInfoDir->useReceivedHostTable();
+  }
+  auto const tuple = programmedTuple_.find(key);
+  bool const viaRib = tuple != programmedTuple_.end();
+  MacCandidate const installed(key, host.intf(), host.entryType(), remote.swTunnelGroupId(),
+                               Tolm::Seqno32(host.moves()), host.lastMoveTime(), 0, false,
+                               viaRib ? tuple->second : L2Rib::ObjTuple(), viaRib);
+  bool stands = false;
+  gatherCandidates(key, [&](MacCandidate const& c, char const*) {
+    stands = stands || sameTarget(c, installed);
+  });
+  return stands;
 }
 
 std::optional<MacCandidate> MacAddrSm::currentEntry(Bridging::MacVlanPair const& key) const {
+  if (auto const it = waitingFor_.find(key); it != waitingFor_.end()) {
+    // The winner waiting for its next hop is what is about to be.
+    ModifyMacEntry const& u = it->second;
+    ZOL_TRACE(8, "Found an entry waiting for its next hop for " << key);
+    return MacCandidate(key, u.intf(), u.entryType(), u.swTunnelGroupId(), Tolm::Seqno32(u.moves()),
+                        u.lastMoveTime(), 0, false, u.l2RibObjTuple(),
+                        tupleSet(u.l2RibObjTuple()));
+  }
   if (auto const it = updateList_.find(key); it != updateList_.end()) {
     ModifyMacEntry const& u = it->second.update;
     ZOL_TRACE(
@@ -194,9 +235,30 @@ void MacAddrSm::evaluateEntry(Bridging::MacVlanPair const& key, Nepo::IntfId con
                                                     "status");
     return;
   }
-  if (checkIgnoreEvent(configured, intf, swTunnelGroupId, entryType, learnedInHardware)) {
+  if (entryType == EntryType::learnedRemoteMac && configured && configured->intf() == intf &&
+      configured->swTunnelGroupId() == swTunnelGroupId && !configured->l2RibObjTupleSet()) {
+    // The data plane sees the host where its best source has it: the source's entry stands.
+    ZOL_TRACE(6, "ignoring learn event for just-programmed remote entry " << key);
+    if (!current || !sameTarget(*current, *configured)) {
+      queueConfigured(key, *configured, current);
+    } else {
+      refreshWaiting(key);
+    }
+    return;
+  }
+  if (current && learnedKind(current->entryType()) &&
+      later(current->lastMoveTime(), lastMoveTime)) {
+    // A learn replayed (its next hop came, or the controller let go) after a newer one.
+    ZOL_TRACE(6, " Final action: ignore - MAC entry: " << key << " learned later on "
+                                                       << current->intf());
+    return;
+  }
+  if (checkIgnoreEvent(configured, current, intf, swTunnelGroupId, entryType, learnedInHardware)) {
     ZOL_TRACE(6, " Final action: ignore - MAC entry: " << key << " intf " << intf);
     return;
+  }
+  if (!intf.isVxlan() && in_.nonAgingMacStatus && in_.nonAgingMacStatus->hostHas(key)) {
+    nonAgingPort_.insert_or_assign(key, intf);
   }
   ModifyMacEntry learned;
   learned.intfIs(intf);
@@ -207,34 +269,53 @@ void MacAddrSm::evaluateEntry(Bridging::MacVlanPair const& key, Nepo::IntfId con
   learned.actionIs(entryType == EntryType::learnedRemoteMac
                        ? EntryEvaluationAction::addLearntRemote
                        : EntryEvaluationAction::addLearntToFdbStatus);
-  maybeUpdateMoveCount(learned, current, intf);
+  maybeUpdateMoveCount(learned, current);
+  if (configured && isDynamicSource(configured->entryType()) &&
+      !later(configured->lastMoveTime(), lastMoveTime) &&
+      (configured->intf() != intf || configured->swTunnelGroupId() != swTunnelGroupId)) {
+    // A source that counts the host's moves itself saw it last elsewhere: this is a move from
+    // there, one more than its count, whatever the FDB status held meanwhile.
+    Tolm::Seqno32 const moves(configured->moveCount().value() + 1);
+    if (moves > Tolm::Seqno32(learned.moves())) learned.movesIs(moves.value());
+  }
   detectRemoteLocalMove(learned, current, 1);
   handleLearnEvent(key, learned, configured);
 }
 
 void MacAddrSm::maybeUpdateMoveCount(ModifyMacEntry& update,
-                                     std::optional<MacCandidate> const& current,
-                                     Nepo::IntfId const& intf) {
+                                     std::optional<MacCandidate> const& current) {
   if (!current) {
     ZOL_TRACE(8, "Not changing current entry move count");
     return;
   }
-  if (current->intf() != intf) {
+  // Between two VTEPs of one tunnel interface is a move too.
+  if (current->intf() != update.intf() ||
+      (update.intf().isVxlan() && (current->swTunnelGroupId() != update.swTunnelGroupId() ||
+                                   current->l2RibObjTuple() != update.l2RibObjTuple()))) {
     // A move: its time is this event's.
     update.movesIs(current->moveCount().value() + 1);
     ZOL_TRACE(8, "Setting moves from configured+1: " << update.moves());
     return;
   }
   update.movesIs(current->moveCount().value());
-  update.lastMoveTimeIs(current->lastMoveTime());
+  // A learn where the host was learned already is no move; where a source had it, it is the
+  // first sight of the host here.
+  if (learnedKind(current->entryType())) update.lastMoveTimeIs(current->lastMoveTime());
   ZOL_TRACE(8, "Setting moves from configured: " << update.moves());
 }
 
 bool MacAddrSm::checkIgnoreEvent(std::optional<MacCandidate> const& configured,
+                                 std::optional<MacCandidate> const& current,
                                  Nepo::IntfId const& intf, SwTunnelGroupId swTunnelGroupId,
                                  Bridging::EntryType entryType, bool learnedInHardware) const {
   if (!configured) {
     ZOL_TRACE(8, " no configEntry, returning false ");
+    return false;
+  }
+  // Only what was just programmed echoes: once something else took the pair, a learn where the
+  // configured entry is, is the host coming back.
+  if (!current || !sameTarget(*current, *configured)) {
+    ZOL_TRACE(8, " configEntry is not what is installed, returning false");
     return false;
   }
   if (configured->intf() != intf) {
@@ -338,8 +419,10 @@ void MacAddrSm::handleLearnEvent(Bridging::MacVlanPair const& key, ModifyMacEntr
     }
     return;
   }
-  if (dynamicSource(type)) {
-    if (localMoreRecent(learned, *configured)) {
+  if (isDynamicSource(type)) {
+    // A learn is a move seen now, counted one past the announcement's (see evaluateEntry), unless
+    // the announcement saw a later one: a learn replayed once its next hop came, say.
+    if (!later(configured->lastMoveTime(), learned.lastMoveTime())) {
       ZOL_TRACE(6, "Learned entry is more recent than " << type);
       takeLearned();
       return;
@@ -401,7 +484,8 @@ void MacAddrSm::handleAgeEvent(Bridging::MacVlanPair const& key) {
   }
   // The next best candidate takes over.
   std::optional<MacCandidate> const configured = configuredEntry(key);
-  if (configured) {
+  std::optional<MacCandidate> const current = currentEntry(key);
+  if (configured && !current) {
     if (configured->entryType() == EntryType::peerDynamicMac) {
       ZOL_TRACE(6, "Entry aged, using peer dynamic entry");
     } else if (configured->entryType() == EntryType::peerDynamicRemoteMac) {
@@ -409,20 +493,27 @@ void MacAddrSm::handleAgeEvent(Bridging::MacVlanPair const& key) {
     } else {
       ZOL_TRACE(6, "Entry aged, using " << configured->entryType() << " entry");
     }
-    queueConfigured(key, *configured, std::nullopt);
   }
+  // As any change of a source: a learn still standing (the data plane's, or one that waits for
+  // its next hop) has its say.
+  handleSourceChange(key, configured, current);
 }
 
 void MacAddrSm::handleSourceChange(Bridging::MacVlanPair const& key,
                                    std::optional<MacCandidate> const& configured,
                                    std::optional<MacCandidate> const& current) {
+  if (dataPlaneLearnTakesOver(key, configured, current)) {
+    handleRemoteLearn(key);
+    return;
+  }
   if (configured) {
     if (current && sameTarget(*current, *configured)) {
       ZOL_TRACE(8, " Final action: ignore - MAC entry: " << key << " is installed");
       fullEntries_.erase(key);
+      refreshWaiting(key);
       // A source that counts moves itself is the authority on them, even when the host stays.
       Bridging::HostEntry const* host = fdbEntry(key);
-      if (host && dynamicSource(configured->entryType()) && !updateList_.contains(key) &&
+      if (host && isDynamicSource(configured->entryType()) && !updateList_.contains(key) &&
           (host->moves() != configured->moveCount().value() ||
            host->lastMoveTime() != configured->lastMoveTime())) {
         addToFdbStatus(
@@ -431,12 +522,19 @@ void MacAddrSm::handleSourceChange(Bridging::MacVlanPair const& key,
       }
       return;
     }
-    if (current && learnedKind(current->entryType()) && dynamicSource(configured->entryType())) {
+    // A data-plane learn where a source has the host too gives way to the source's entry.
+    bool const confirmed = current && current->entryType() == EntryType::learnedRemoteMac &&
+                           samePlace(*current, *configured);
+    if (current && learnedKind(current->entryType()) && isDynamicSource(configured->entryType()) &&
+        !confirmed &&
+        !(current->entryType() == EntryType::learnedRemoteMac &&
+          in_.remoteMacInfoDir->useReceivedHostTable())) {
       ModifyMacEntry local;
       local.movesIs(current->moveCount().value());
       local.lastMoveTimeIs(current->lastMoveTime());
       if (localMoreRecent(local, *configured)) {
         ZOL_TRACE(6, "Learned dynamic entry is more recent than " << configured->entryType());
+        refreshWaiting(key);
         return;
       }
     }
@@ -450,8 +548,10 @@ void MacAddrSm::handleSourceChange(Bridging::MacVlanPair const& key,
   }
   if (current->entryType() == EntryType::learnedDynamicMac ||
       (current->entryType() == EntryType::learnedRemoteMac &&
-       in_.remoteMacInfoDir->hostTable()->entryAll().contains(key))) {
+       in_.remoteMacInfoDir->hostTable()->entryAll().contains(key) &&
+       !in_.remoteMacInfoDir->useReceivedHostTable())) {
     ZOL_TRACE(8, " Final action: ignore - MAC entry: " << key << " is learned");
+    refreshWaiting(key);
     return;
   }
   if (hitlessRestart_ && current->intf().isVxlan()) {
@@ -462,7 +562,9 @@ void MacAddrSm::handleSourceChange(Bridging::MacVlanPair const& key,
   update.intfIs(current->intf());
   update.entryTypeIs(current->entryType());
   update.movesIs(current->moveCount().value());
-  update.lastMoveTimeIs(current->lastMoveTime());
+  // A learn where the host was learned already is no move; where a source had it, it is the
+  // first sight of the host here.
+  if (learnedKind(current->entryType())) update.lastMoveTimeIs(current->lastMoveTime());
   update.actionIs(EntryEvaluationAction::removeFromFdbStatusAndHardware);
   addToUpdateList(key, update);
 }
@@ -483,7 +585,8 @@ void MacAddrSm::queueConfigured(Bridging::MacVlanPair const& key, MacCandidate c
   } else {
     update.actionIs(EntryEvaluationAction::addConfiguredToFdbStatusAndHardware);
   }
-  if (current) maybeUpdateMoveCount(update, current, configured.intf());
+  // A source that counts the host's moves itself is the authority on them.
+  if (current && !isDynamicSource(configured.entryType())) maybeUpdateMoveCount(update, current);
   if (Bridging::HostEntry const* host = fdbEntry(key)) {
     detectRemoteLocalMove(update, candidate(key, host->intf(), host->entryType(), 0, 0), 2);
   }
@@ -493,7 +596,8 @@ void MacAddrSm::queueConfigured(Bridging::MacVlanPair const& key, MacCandidate c
 void MacAddrSm::addLearntToFdbStatus(Bridging::MacVlanPair const& key,
                                      ModifyMacEntry const& learned) {
   if (isProgrammedDynamic(learned.entryType())) vemoAssert("!isProgrammedDynamic( entryType )");
-  // The chip holds it already: whatever was queued for the pair is overtaken.
+  // The chip holds it already: whatever was queued for the pair, or waited, is overtaken.
+  stopWaiting(key);
   updateList_.erase(key);
   fullEntries_.erase(key);
   ZOL_TRACE(6, " Final action: addLearntToFdbStatus - MAC Entry: " << key << " " << learned);
@@ -501,19 +605,29 @@ void MacAddrSm::addLearntToFdbStatus(Bridging::MacVlanPair const& key,
                                           learned.lastMoveTime()));
 }
 
-void MacAddrSm::addToUpdateList(Bridging::MacVlanPair const& key, ModifyMacEntry update) {
-  if (auto const waiting = waitingFor_.find(key); waiting != waitingFor_.end()) {
-    auto const group = waitingGroup_.find(waiting->second);
-    group->second.erase(key);
-    if (group->second.empty()) waitingGroup_.erase(group);
-    waitingFor_.erase(waiting);
+void MacAddrSm::refreshWaiting(Bridging::MacVlanPair const& key) {
+  // What the pair keeps meanwhile may have lost its cause.
+  if (auto const it = waitingFor_.find(key); it != waitingFor_.end()) {
+    addToUpdateList(key, ModifyMacEntry(it->second));
   }
-  if ((update.action() == EntryEvaluationAction::addConfiguredRemote ||
-       update.action() == EntryEvaluationAction::addLearntRemote) &&
-      !nextHopOf(update)) {
+}
+
+void MacAddrSm::stopWaiting(Bridging::MacVlanPair const& key) {
+  auto const waiting = waitingFor_.find(key);
+  if (waiting == waitingFor_.end()) return;
+  auto const group = waitingGroup_.find(waiting->second.swTunnelGroupId());
+  group->second.erase(key);
+  if (group->second.empty()) waitingGroup_.erase(group);
+  waitingFor_.erase(waiting);
+}
+
+void MacAddrSm::addToUpdateList(Bridging::MacVlanPair const& key, ModifyMacEntry update,
+                                bool followsNextHop) {
+  if (!followsNextHop) stopWaiting(key);
+  if (isRemoteAdd(update) && !nextHopOf(update)) {
+    Bridging::HostEntry const* host = fdbEntry(key);
     if (tupleSet(update.l2RibObjTuple())) {
       ZOL_TRACE(6, key << " hwId missing changing action to remove");
-      Bridging::HostEntry const* host = fdbEntry(key);
       if (host && host->intf().isVxlan()) {
         update.entryTypeIs(host->entryType());
         update.actionIs(EntryEvaluationAction::removeFromFdbStatusAndHardware);
@@ -524,9 +638,18 @@ void MacAddrSm::addToUpdateList(Bridging::MacVlanPair const& key, ModifyMacEntry
     } else {
       ZOL_TRACE(6, key << " changing action to ignore, wait for next hop id "
                        << update.swTunnelGroupId());
-      waitingFor_.emplace(key, update.swTunnelGroupId());
       waitingGroup_[update.swTunnelGroupId()].insert(key);
+      waitingFor_.insert_or_assign(key, update);
       update.actionIs(EntryEvaluationAction::ignoreLearnt);
+      // Meanwhile the pair keeps what it holds only while that still has a cause; a newer learn
+      // of the host is no cause for an older one.
+      if (host && (!installedStands(key, *host) ||
+                   (learnedKind(update.entryType()) && learnedKind(host->entryType())))) {
+        ZOL_TRACE(6, key << " " << *host << " has no source left, removing it while the winner waits");
+        update.intfIs(host->intf());
+        update.entryTypeIs(host->entryType());
+        update.actionIs(EntryEvaluationAction::removeFromFdbStatusAndHardware);
+      }
     }
   }
   if (auto const kept = fullEntries_.find(key); kept != fullEntries_.end()) {

@@ -215,6 +215,13 @@ void MacAddrSm::handleRemoteLearn(Bridging::MacVlanPair const& key) {
   auto const& learns = in_.remoteMacInfoDir->hostTable()->entryAll();
   auto const it = learns.find(key);
   if (it == learns.end()) {
+    if (auto const waiting = waitingFor_.find(key);
+        waiting != waitingFor_.end() && waiting->second.entryType() == EntryType::learnedRemoteMac) {
+      // The learn went before its next hop came: the pair is decided without it.
+      stopWaiting(key);
+      reevaluateEntry(key);
+      return;
+    }
     Bridging::HostEntry const* host = fdbEntry(key);
     if (host && host->entryType() == EntryType::learnedRemoteMac) {
       ZOL_TRACE(8, " address aged - " << key);
@@ -231,12 +238,50 @@ void MacAddrSm::handleRemoteLearn(Bridging::MacVlanPair const& key) {
                 /*learnedInHardware=*/true, /*aged=*/false, learn.lastMoveTime());
 }
 
+bool MacAddrSm::dataPlaneLearnTakesOver(Bridging::MacVlanPair const& key,
+                                        std::optional<MacCandidate> const& configured,
+                                        std::optional<MacCandidate> const& current) const {
+  if (skipRemote_ || in_.remoteMacInfoDir->useReceivedHostTable()) return false;
+  auto const& learns = in_.remoteMacInfoDir->hostTable()->entryAll();
+  auto const it = learns.find(key);
+  if (it == learns.end() || it->second.entryType() != EntryType::learnedRemoteMac) return false;
+  VXLAN::HostEntry const& learn = it->second;
+  if (current && current->entryType() == EntryType::learnedRemoteMac &&
+      current->swTunnelGroupId() == learn.swTunnelGroupId()) {
+    return false;  // it is what the pair holds, or waits for
+  }
+  if (current && (current->entryType() == EntryType::learnedDynamicMac ||
+                  current->entryType() == EntryType::learnedRemoteMac) &&
+      current->lastMoveTime() > learn.lastMoveTime()) {
+    return false;  // a newer learn holds the pair
+  }
+  // The data plane keeps what it learned: it comes back when no source outranks it.
+  return !configured || (isDynamicSource(configured->entryType()) &&
+                         !(configured->lastMoveTime() > learn.lastMoveTime()));
+}
+
 void MacAddrSm::handleUseReceivedHostTable() {
   ZOL_TRACE(9, "void Vemo::MacAddrSm::handleUseReceivedHostTable()");
   if (!started_) return;
   std::vector<Bridging::MacVlanPair> keys;
   for (auto const& [key, entry] : in_.remoteMacInfoDir->receivedHostTable()->receivedEntryAll()) {
     keys.push_back(key);
+  }
+  // The data plane's learns give way to the controller's word, or come back as the learns they
+  // were.
+  std::vector<Bridging::MacVlanPair> learned;
+  for (auto const& [key, entry] : in_.remoteMacInfoDir->hostTable()->entryAll()) {
+    learned.push_back(key);
+  }
+  std::sort(keys.begin(), keys.end());
+  std::sort(learned.begin(), learned.end());
+  // Learns first: one that comes back is a move from where the controller had the host.
+  for (auto const& key : learned) {
+    if (in_.remoteMacInfoDir->useReceivedHostTable()) {
+      reevaluateEntry(key);
+    } else {
+      handleRemoteLearn(key);
+    }
   }
   for (auto const& key : keys) reevaluateEntry(key);
 }
@@ -340,7 +385,9 @@ void MacAddrSm::handleTunnelGroupNextHop(SwTunnelGroupId group) {
   if (auto const waiting = waitingGroup_.find(group); waiting != waitingGroup_.end()) {
     std::vector<Bridging::MacVlanPair> keys(waiting->second.begin(), waiting->second.end());
     std::sort(keys.begin(), keys.end());
-    for (auto const& key : keys) reevaluateEntry(key);
+    // Any change of a pair decides it again, so what waits is still the decision: it is made
+    // now, with the move count it was given (a data-plane learn is no source's to decide again).
+    for (auto const& key : keys) addToUpdateList(key, ModifyMacEntry(waitingFor_.at(key)));
   }
   // Programmed MACs follow a next hop that changed. One that went with MACs still on it is the
   // platform's to keep until their references go, so they are left as they are.
@@ -361,6 +408,13 @@ void MacAddrSm::handleTunnelGroupNextHop(SwTunnelGroupId group) {
 void MacAddrSm::reprogramRemote(Bridging::MacVlanPair const& key) {
   Bridging::HostEntry const* host = fdbEntry(key);
   if (!host) return;
+  // A queued write finds the new next hop when it is made; only a pair that keeps what it holds
+  // (nothing queued, or a winner waiting) needs writing again.
+  if (auto const queued = updateList_.find(key);
+      queued != updateList_.end() &&
+      queued->second.update.action() != EntryEvaluationAction::ignoreLearnt) {
+    return;
+  }
   VXLAN::StatusEntry const entry = in_.remoteMacInfoDir->hostStatusTable()->statusEntry(key);
   ModifyMacEntry update;
   update.intfIs(host->intf());
@@ -374,7 +428,7 @@ void MacAddrSm::reprogramRemote(Bridging::MacVlanPair const& key) {
   update.actionIs(isLearnedRemote(host->entryType()) ? EntryEvaluationAction::addLearntRemote
                                                      : EntryEvaluationAction::addConfiguredRemote);
   ZOL_TRACE(6, key << " next hop changed, programming again");
-  addToUpdateList(key, update);
+  addToUpdateList(key, update, /*followsNextHop=*/true);
 }
 
 void MacAddrSm::queueRemoval(Bridging::MacVlanPair const& key, Bridging::HostEntry const& host) {

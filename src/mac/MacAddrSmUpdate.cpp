@@ -51,6 +51,12 @@ void MacAddrSm::updateQueuedAddresses() {
       ZOL_TRACE(5, key << " has been in updateList for longer than aging time of " << agingTime
                        << " seconds");
     }
+    if (isRemoteAdd(it->second.update) && !resolveRemote(it->second.update)) {
+      // The next hop went while the entry was queued: it waits again, and what it would have
+      // replaced is decided meanwhile.
+      addToUpdateList(key, ModifyMacEntry(it->second.update));
+      continue;
+    }
     if (remoteLimitReached(key, it->second.update)) {
       fullEntries_.insert_or_assign(key, it->second.update);
       updateList_.erase(it);
@@ -89,12 +95,14 @@ void MacAddrSm::updateQueuedAddresses() {
   }
 }
 
+bool MacAddrSm::isRemoteAdd(ModifyMacEntry const& update) {
+  return update.action() == EntryEvaluationAction::addConfiguredRemote ||
+         update.action() == EntryEvaluationAction::addLearntRemote;
+}
+
 bool MacAddrSm::remoteLimitReached(Bridging::MacVlanPair const& key,
                                    ModifyMacEntry const& update) const {
-  if (update.action() != EntryEvaluationAction::addConfiguredRemote &&
-      update.action() != EntryEvaluationAction::addLearntRemote) {
-    return false;
-  }
+  if (!isRemoteAdd(update)) return false;
   auto const status = in_.remoteMacInfoDir->hostStatusTable();
   if (status->statusEntryHas(key) || status->statusEntrySize() < maxRemoteMacs_) return false;
   ZOL_TRACE(5, key << " max remote MAC limit reached, " << maxRemoteMacs_
@@ -119,14 +127,7 @@ MacProgramStatus MacAddrSm::program(Bridging::MacVlanPair const& key,
     case EntryEvaluationAction::addConfiguredRemote:
     case EntryEvaluationAction::addLearntRemote: {
       std::optional<RemoteTarget> target = resolveRemote(update);
-      if (!target) {
-        // The next hop went while the entry was queued: it waits again.
-        ZOL_TRACE(6, key << " changing action to ignore, wait for next hop id "
-                         << update.swTunnelGroupId());
-        waitingFor_.emplace(key, update.swTunnelGroupId());
-        waitingGroup_[update.swTunnelGroupId()].insert(key);
-        return MacProgramStatus::macProgramFailed;
-      }
+      if (!target) vemoAssert("a remote entry is programmed only once its next hop is known");
       programmedTarget_ = std::move(*target);
       Zol::U32 const nextHop = programmedTarget_.nextHop;
       if (skipDuringHitlessRestart(key, update, programmedTarget_)) {
