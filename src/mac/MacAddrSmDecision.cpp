@@ -111,10 +111,8 @@ void MacAddrSm::gatherCandidates(Bridging::MacVlanPair const& key, Consider cons
              " candidate from dot1xHostTable");
   }
   if (auto const it = nonAgingPort_.find(key); it != nonAgingPort_.end()) {
-    // Kept where the chip last learned it.
-    Bridging::HostEntry const* host = fdbEntry(key);
-    existing(candidate(key, it->second, EntryType::nonAgingMac, host ? host->moves() : 0,
-                       host ? host->lastMoveTime() : now()),
+    // Kept where the chip last learned it; it pins the host there, with no move of its own.
+    existing(candidate(key, it->second, EntryType::nonAgingMac, 0, 0),
              " candidate from nonAgingMacStatus");
   }
   if (in_.fsfStatus->failedServerHas(key)) {
@@ -211,7 +209,7 @@ void MacAddrSm::evaluateEntry(Bridging::MacVlanPair const& key, Nepo::IntfId con
     handleAgeEvent(key);
     return;
   }
-  std::optional<MacCandidate> const configured = configuredEntry(key);
+  std::optional<MacCandidate> configured = configuredEntry(key);
   std::optional<MacCandidate> const current = currentEntry(key);
   if (current) {
     ZOL_TRACE(8, "Current entry is " << *current);
@@ -258,7 +256,12 @@ void MacAddrSm::evaluateEntry(Bridging::MacVlanPair const& key, Nepo::IntfId con
     return;
   }
   if (!intf.isVxlan() && in_.nonAgingMacStatus && in_.nonAgingMacStatus->hostHas(key)) {
-    nonAgingPort_.insert_or_assign(key, intf);
+    // A non-aging host stays where the chip learned it last.
+    auto const [it, added] = nonAgingPort_.try_emplace(key, intf);
+    if (added || it->second != intf) {
+      it->second = intf;
+      configured = configuredEntry(key);
+    }
   }
   ModifyMacEntry learned;
   learned.intfIs(intf);

@@ -500,8 +500,8 @@ class MacSmAllSourcesModelTest : public MacSmTest, public testing::WithParamInte
           candidate(key, dot1xHosts->host(key).intf(), EntryType::dot1xAuthorizedMac, {}, 0, 0));
     }
     // A non-aging host stays where the chip last learned it.
-    if (nonAging->hostHas(key) && learnedPort_.contains(key)) {
-      out.push_back(candidate(key, learnedPort_.at(key), EntryType::nonAgingMac, {}, 0, 0));
+    if (nonAging->hostHas(key) && nonAgingPort_.contains(key)) {
+      out.push_back(candidate(key, nonAgingPort_.at(key), EntryType::nonAgingMac, {}, 0, 0));
     }
     if (fsf->failedServerHas(key)) {
       out.push_back(candidate(key, cpuPort, EntryType::fsfFailedServerMac, {}, 0, 0, 1));
@@ -768,7 +768,7 @@ class MacSmAllSourcesModelTest : public MacSmTest, public testing::WithParamInte
     if (singleHost(port)) return;
     if (!chip->learn(key, port)) return;
     learns_[{key, false}] = Learn{false, now(), {}};
-    learnedPort_[key] = port;
+    if (nonAging->hostHas(key)) nonAgingPort_[key] = port;
     log("learn " + text(key) + " " + port.stringValue());
   }
   bool hasNextHop(uint32_t vtep) const {
@@ -848,7 +848,7 @@ class MacSmAllSourcesModelTest : public MacSmTest, public testing::WithParamInte
                            auto&& set) {
       MacVlanPair const key = pairOf(s);
       std::string const k = text(key);
-      if ((s != kNonAging && nonAging->hostHas(key)) || atRisk(key)) return;
+      if (atRisk(key)) return;
       if (!has(key)) {
         set(key, k);
       } else if (withdraw || !changes) {
@@ -924,11 +924,14 @@ class MacSmAllSourcesModelTest : public MacSmTest, public testing::WithParamInte
             always,
             [&](MacVlanPair const& key, std::string const& k) {
               nonAging->hostDel(key);
+              nonAgingPort_.erase(key);
               log("nonAging del " + k);
             },
             [&](MacVlanPair const& key, std::string const& k) {
-              // (B) Only a host the chip learned and nothing else names.
-              if (claimed(key) || !hwMacTable->entryHas(key) || chip->echoes.contains(key)) return;
+              // It stays where the chip holds its learn, if it does.
+              if (hwMacTable->entryHas(key) && !chip->echoes.contains(key)) {
+                nonAgingPort_[key] = hwMacTable->entry(key).intf();
+              }
               nonAging->hostIs(key, true);
               log("nonAging " + k);
             });
@@ -1190,7 +1193,8 @@ class MacSmAllSourcesModelTest : public MacSmTest, public testing::WithParamInte
   // The chip's latest learn of each pair (false) and the data plane's (true).
   std::map<std::pair<MacVlanPair, bool>, Learn> learns_;
   // Where the chip last learned each host.
-  std::map<MacVlanPair, IntfId> learnedPort_;
+  // Where the chip last learned each non-aging host, since it was made non-aging.
+  std::map<MacVlanPair, IntfId> nonAgingPort_;
   std::set<MacVlanPair> agedConfiguredDynamic_;
   std::vector<std::string> log_;
   std::map<MacVlanPair, std::set<uint32_t>> allowed_;
