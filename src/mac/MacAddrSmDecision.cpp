@@ -631,13 +631,14 @@ void MacAddrSm::addToUpdateList(Bridging::MacVlanPair const& key, ModifyMacEntry
     Bridging::HostEntry const* host = fdbEntry(key);
     if (tupleSet(update.l2RibObjTuple())) {
       ZOL_TRACE(6, key << " hwId missing changing action to remove");
-      if (host && host->intf().isVxlan()) {
-        update.entryTypeIs(host->entryType());
-        update.actionIs(EntryEvaluationAction::removeFromFdbStatusAndHardware);
-      } else {
+      if (!host) {
         updateList_.erase(key);
         return;
       }
+      // Whatever the pair held gave way to the RIB's host, which waits for its hardware id.
+      update.intfIs(host->intf());
+      update.entryTypeIs(host->entryType());
+      update.actionIs(EntryEvaluationAction::removeFromFdbStatusAndHardware);
     } else {
       ZOL_TRACE(6, key << " changing action to ignore, wait for next hop id "
                        << update.swTunnelGroupId());
@@ -645,12 +646,18 @@ void MacAddrSm::addToUpdateList(Bridging::MacVlanPair const& key, ModifyMacEntry
       waitingFor_.insert_or_assign(key, update);
       update.actionIs(EntryEvaluationAction::ignoreLearnt);
       // Meanwhile the pair keeps what it holds only while that still has a cause; a newer learn
-      // of the host is no cause for an older one.
-      if (host && (!installedStands(key, *host) ||
-                   (learnedKind(update.entryType()) && learnedKind(host->entryType())))) {
-        ZOL_TRACE(6, key << " " << *host << " has no source left, removing it while the winner waits");
-        update.intfIs(host->intf());
-        update.entryTypeIs(host->entryType());
+      // of the host is no cause for an older one, and a learn the chip holds that the FDB status
+      // does not (it lost to the winner) goes.
+      auto const& hw = in_.hwMacTable->entryAll();
+      auto const learn = hw.find(key);
+      bool const strayLearn = learn != hw.end() && !learn->second.intf().isVxlan() &&
+                              (!host || host->intf() != learn->second.intf());
+      if (strayLearn ||
+          (host && (!installedStands(key, *host) ||
+                    (learnedKind(update.entryType()) && learnedKind(host->entryType()))))) {
+        ZOL_TRACE(6, key << " has nothing with a cause left, removing it while the winner waits");
+        update.intfIs(host ? host->intf() : learn->second.intf());
+        update.entryTypeIs(host ? host->entryType() : EntryType::learnedDynamicMac);
         update.actionIs(EntryEvaluationAction::removeFromFdbStatusAndHardware);
       }
     }

@@ -848,7 +848,6 @@ class MacSmAllSourcesModelTest : public MacSmTest, public testing::WithParamInte
                            auto&& set) {
       MacVlanPair const key = pairOf(s);
       std::string const k = text(key);
-      if (atRisk(key)) return;
       if (!has(key)) {
         set(key, k);
       } else if (withdraw || !changes) {
@@ -868,13 +867,13 @@ class MacSmAllSourcesModelTest : public MacSmTest, public testing::WithParamInte
         Source const near[] = {kConfig, kPeer, kEvpn, kReceived, kRib};
         MacVlanPair const key =
             pick(2) ? pairOf(near[pick(5)]) : host(1 + pick(kMacs), pick(2) ? 10 : 20);
-        if (!atRisk(key)) learnOp(key, eth(1 + pick(4)));  // (A)
+        learnOp(key, eth(1 + pick(4)));
         break;
       }
       case 4:
       case 5: {
         MacVlanPair const key = host(1 + pick(kMacs), pick(2) ? 10 : 20);
-        if (!hwMacTable->entryHas(key) || atRisk(key)) break;  // (A)
+        if (!hwMacTable->entryHas(key)) break;
         if (chip->echoes.contains(key)) agedConfiguredDynamic_.insert(key);
         chip->age(key);
         before_[key] = {"none", 0};  // the host is gone: a learn after it counts afresh
@@ -993,18 +992,10 @@ class MacSmAllSourcesModelTest : public MacSmTest, public testing::WithParamInte
         break;
       }
       case 13:
-        if (anyAtRisk([&](MacVlanPair const& p) { return mlagHosts->hostEntryHas(p); })) {
-          break;  // (A)
-        }
         mlag->stateIs(mlagActive() ? Mlag::State::stateInactive : Mlag::State::statePrimary);
         log("mlag " + std::string(Zol::enumName(mlag->state())));
         break;
       case 14:
-        if (anyAtRisk([&](MacVlanPair const& p) {
-              return mlagHosts->hostEntryHas(p) && mlagHosts->hostEntry(p).intf() == po(1);
-            })) {
-          break;  // (A)
-        }
         po1Is(po1LocalUp() ? Mlag::IntfState::intfStateDown : Mlag::IntfState::intfStateUp);
         log(std::string("Port-Channel1 ") + (po1LocalUp() ? "up" : "down"));
         break;
@@ -1046,9 +1037,6 @@ class MacSmAllSourcesModelTest : public MacSmTest, public testing::WithParamInte
       case 17: {
         bool const on = remoteMacInfo->useReceivedHostTable();
         auto const received = remoteMacInfo->receivedHostTable();
-        if (anyAtRisk([&](MacVlanPair const& p) { return received->receivedEntryHas(p); })) {
-          break;  // (A)
-        }
         remoteMacInfo->useReceivedHostTableIs(!on);
         log(std::string("useReceivedHostTable ") + (on ? "off" : "on"));
         break;
@@ -1114,11 +1102,6 @@ class MacSmAllSourcesModelTest : public MacSmTest, public testing::WithParamInte
       }
       case 21: {
         L2Rib::ObjTuple const t = ribObject(pick(2));
-        if (hwIds->hwIdHas(t) && programmedBehindAtRisk([&](Vemo::VXLAN::StatusEntry const& e) {
-              return e.swTunnelGroupId().isEmpty() && l2RibOut->host(e.key()).objTuple() == t;
-            })) {
-          break;  // (H)
-        }
         if (hwIds->hwIdHas(t) && withdraw) {
           hwIds->hwIdDel(t);
           log("rib object " + std::to_string(t.objId()) + " gone");
@@ -1129,11 +1112,6 @@ class MacSmAllSourcesModelTest : public MacSmTest, public testing::WithParamInte
         break;
       }
       case 22: {
-        if (hasNextHop(vtep) && programmedBehindAtRisk([&](Vemo::VXLAN::StatusEntry const& e) {
-              return e.swTunnelGroupId() == vtepGroup(vtep);
-            })) {
-          break;  // (H)
-        }
         // A next hop still referenced is the platform's to keep: only an unused one goes.
         auto const s = vtepStatus->vtepStatus(vxlan1());
         if (hasNextHop(vtep) && withdraw) {
