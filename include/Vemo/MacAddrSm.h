@@ -228,7 +228,8 @@ class MacAddrSm : public VemoBaseSm {
   void gatherConfiguredRemoteCandidate(Bridging::MacVlanPair const& key, Consider consider);
   // Queues a programmed remote MAC again as it stands (its next hop changed).
   void reprogramRemote(Bridging::MacVlanPair const& key);
-  void queueRemoval(Bridging::MacVlanPair const& key, Bridging::HostEntry const& host);
+  void queueRemoval(Bridging::MacVlanPair const& key, Bridging::HostEntry const& host,
+                    bool keepWaiting = false);
   // Between a local learn and a dynamic source elsewhere: whether the local one moved last.
   bool localMoreRecent(ModifyMacEntry const& local, MacCandidate const& other) const;
   bool mlagActive() const;
@@ -275,10 +276,10 @@ class MacAddrSm : public VemoBaseSm {
   void queueConfigured(Bridging::MacVlanPair const& key, MacCandidate const& configured,
                        std::optional<MacCandidate> const& current);
   bool intfExists(Nepo::IntfId const& intf) const;
-  // followsNextHop: the same entry again behind its renumbered next hop, not a new decision, so a
-  // winner waiting for its own next hop keeps waiting.
+  // keepWaiting: what the pair holds follows its next hop (renumbered, or gone), which is no new
+  // decision: a winner waiting for its own next hop keeps waiting.
   void addToUpdateList(Bridging::MacVlanPair const& key, ModifyMacEntry update,
-                       bool followsNextHop = false);
+                       bool keepWaiting = false);
   // Every source's candidate for the pair, in the order they are weighed.
   void gatherCandidates(Bridging::MacVlanPair const& key, Consider consider);
   // Whether what the FDB status holds for the pair still has a cause: a source that names it, or

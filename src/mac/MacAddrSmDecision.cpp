@@ -281,6 +281,18 @@ void MacAddrSm::evaluateEntry(Bridging::MacVlanPair const& key, Nepo::IntfId con
     Tolm::Seqno32 const moves(configured->moveCount().value() + 1);
     if (moves > Tolm::Seqno32(learned.moves())) learned.movesIs(moves.value());
   }
+  if (Bridging::HostEntry const* host = fdbEntry(key);
+      host && current && !samePlace(*current, candidate(key, host->intf(), host->entryType(),
+                                                        host->moves(), host->lastMoveTime()))) {
+    // What the chip holds while a winner waits counted moves of its own.
+    bool const moved =
+        host->intf() != intf ||
+        (intf.isVxlan() &&
+         in_.remoteMacInfoDir->hostStatusTable()->statusEntry(key).swTunnelGroupId() !=
+             swTunnelGroupId);
+    Tolm::Seqno32 const moves(host->moves() + 1);
+    if (moved && moves > Tolm::Seqno32(learned.moves())) learned.movesIs(moves.value());
+  }
   detectRemoteLocalMove(learned, current, 1);
   handleLearnEvent(key, learned, configured);
 }
@@ -625,8 +637,8 @@ void MacAddrSm::stopWaiting(Bridging::MacVlanPair const& key) {
 }
 
 void MacAddrSm::addToUpdateList(Bridging::MacVlanPair const& key, ModifyMacEntry update,
-                                bool followsNextHop) {
-  if (!followsNextHop) stopWaiting(key);
+                                bool keepWaiting) {
+  if (!keepWaiting) stopWaiting(key);
   if (isRemoteAdd(update) && !nextHopOf(update)) {
     Bridging::HostEntry const* host = fdbEntry(key);
     if (tupleSet(update.l2RibObjTuple())) {

@@ -201,7 +201,7 @@ void MacAddrSm::handleObjTupleHwId(L2Rib::ObjTuple const& tuple) {
     Bridging::HostEntry const* host = fdbEntry(key);
     if (id == ids.end()) {
       ZOL_TRACE(6, key << " hwId missing changing action to remove");
-      if (host) queueRemoval(key, *host);
+      if (host) queueRemoval(key, *host, /*keepWaiting=*/true);
     } else if (id->second !=
                in_.remoteMacInfoDir->hostStatusTable()->statusEntry(key).nextHopId().value()) {
       reprogramRemote(key);
@@ -428,17 +428,18 @@ void MacAddrSm::reprogramRemote(Bridging::MacVlanPair const& key) {
   update.actionIs(isLearnedRemote(host->entryType()) ? EntryEvaluationAction::addLearntRemote
                                                      : EntryEvaluationAction::addConfiguredRemote);
   ZOL_TRACE(6, key << " next hop changed, programming again");
-  addToUpdateList(key, update, /*followsNextHop=*/true);
+  addToUpdateList(key, update, /*keepWaiting=*/true);
 }
 
-void MacAddrSm::queueRemoval(Bridging::MacVlanPair const& key, Bridging::HostEntry const& host) {
+void MacAddrSm::queueRemoval(Bridging::MacVlanPair const& key, Bridging::HostEntry const& host,
+                             bool keepWaiting) {
   ModifyMacEntry update;
   update.intfIs(host.intf());
   update.entryTypeIs(host.entryType());
   update.movesIs(host.moves());
   update.lastMoveTimeIs(host.lastMoveTime());
   update.actionIs(EntryEvaluationAction::removeFromFdbStatusAndHardware);
-  addToUpdateList(key, update);
+  addToUpdateList(key, update, keepWaiting);
 }
 
 // -- Moves between local ports and tunnels.
