@@ -227,7 +227,9 @@ void MacAddrSm::evaluateEntry(Bridging::MacVlanPair const& key, Nepo::IntfId con
   }
   if (Bridging::HostEntry const* host = fdbEntry(key);
       host && host->intf() == intf && fuzzyTypeMatch(host->entryType(), entryType) &&
-      (!intf.isVxlan() || current->swTunnelGroupId() == swTunnelGroupId)) {
+      (!intf.isVxlan() ||
+       in_.remoteMacInfoDir->hostStatusTable()->statusEntry(key).swTunnelGroupId() ==
+           swTunnelGroupId)) {
     ZOL_TRACE(8, "Ignoring event for mac entry " << key
                                                  << " that matches current entry in fdb "
                                                     "status");
@@ -457,10 +459,11 @@ void MacAddrSm::handleLearnEvent(Bridging::MacVlanPair const& key, ModifyMacEntr
 }
 
 bool MacAddrSm::localMoreRecent(ModifyMacEntry const& local, MacCandidate const& other) const {
-  // Announced hosts carry the protocol's move sequence number; it decides before the clocks of
-  // two switches are compared.
-  if (other.entryType() == EntryType::evpnDynamicRemoteMac ||
-      other.entryType() == EntryType::receivedRemoteMac) {
+  // Announced hosts carry the protocol's move sequence number; against a host learned here (whose
+  // count the layer-2 RIB announces in turn) it decides before the clocks of two switches are
+  // compared. What the data plane learned is announced by no one: its time decides.
+  if (!local.intf().isVxlan() && (other.entryType() == EntryType::evpnDynamicRemoteMac ||
+                                  other.entryType() == EntryType::receivedRemoteMac)) {
     Tolm::Seqno32 const moves(local.moves());
     if (moves != other.moveCount()) return moves > other.moveCount();
   }
@@ -545,6 +548,7 @@ void MacAddrSm::handleSourceChange(Bridging::MacVlanPair const& key,
         !(current->entryType() == EntryType::learnedRemoteMac &&
           in_.remoteMacInfoDir->useReceivedHostTable())) {
       ModifyMacEntry local;
+      local.intfIs(current->intf());
       local.movesIs(current->moveCount().value());
       local.lastMoveTimeIs(current->lastMoveTime());
       if (localMoreRecent(local, *configured)) {

@@ -1067,11 +1067,17 @@ class MacSmAllSourcesModelTest : public MacSmTest, public testing::WithParamInte
               log("data-plane age " + k);
             },
             [&](MacVlanPair const& key, std::string const& k) {
+              // Seen behind the VTEP it was learned behind already, the host did not move.
+              double time = now();
+              if (auto const it = table->entryAll().find(key);
+                  it != table->entryAll().end() && it->second.swTunnelGroupId() == vtepGroup(vtep)) {
+                time = it->second.lastMoveTime();
+              }
               table->entryIs(key, Vemo::VXLAN::HostEntry(key, vxlan1(), vtepGroup(vtep),
-                                                         EntryType::learnedRemoteMac, now(), 0,
+                                                         EntryType::learnedRemoteMac, time, 0,
                                                          Vemo::VXLAN::HostEntryHwState(),
                                                          Vemo::VXLAN::HostEntryOper::add));
-              learns_[{key, true}] = Learn{true, now(), vtepGroup(vtep)};
+              learns_[{key, true}] = Learn{true, time, vtepGroup(vtep)};
               log("data-plane learn " + k + " " + vtepText);
             });
         break;
