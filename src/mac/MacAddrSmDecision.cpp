@@ -116,8 +116,8 @@ void MacAddrSm::gatherCandidates(Bridging::MacVlanPair const& key, Consider cons
              " candidate from nonAgingMacStatus");
   }
   if (in_.fsfStatus->failedServerHas(key)) {
-    existing(candidate(key, Nepo::IntfId(Nepo::IntfKind::Cpu, {}), EntryType::fsfFailedServerMac,
-                       0, 0, kFsfPreference),
+    existing(candidate(key, Nepo::IntfId(Nepo::IntfKind::Cpu, {}), EntryType::fsfFailedServerMac, 0,
+                       0, kFsfPreference),
              " candidate from fsfStatus");
   }
 }
@@ -158,8 +158,7 @@ std::optional<MacCandidate> MacAddrSm::currentEntry(Bridging::MacVlanPair const&
     ModifyMacEntry const& u = it->second;
     ZOL_TRACE(8, "Found an entry waiting for its next hop for " << key);
     return MacCandidate(key, u.intf(), u.entryType(), u.swTunnelGroupId(), Tolm::Seqno32(u.moves()),
-                        u.lastMoveTime(), 0, false, u.l2RibObjTuple(),
-                        tupleSet(u.l2RibObjTuple()));
+                        u.lastMoveTime(), 0, false, u.l2RibObjTuple(), tupleSet(u.l2RibObjTuple()));
   }
   if (auto const it = updateList_.find(key); it != updateList_.end()) {
     ModifyMacEntry const& u = it->second.update;
@@ -249,8 +248,8 @@ void MacAddrSm::evaluateEntry(Bridging::MacVlanPair const& key, Nepo::IntfId con
   if (current && learnedKind(current->entryType()) &&
       later(current->lastMoveTime(), lastMoveTime)) {
     // A learn replayed (its next hop came, or the controller let go) after a newer one.
-    ZOL_TRACE(6, " Final action: ignore - MAC entry: " << key << " learned later on "
-                                                       << current->intf());
+    ZOL_TRACE(
+        6, " Final action: ignore - MAC entry: " << key << " learned later on " << current->intf());
     return;
   }
   if (checkIgnoreEvent(configured, current, intf, swTunnelGroupId, entryType, learnedInHardware)) {
@@ -284,8 +283,9 @@ void MacAddrSm::evaluateEntry(Bridging::MacVlanPair const& key, Nepo::IntfId con
     if (moves > Tolm::Seqno32(learned.moves())) learned.movesIs(moves.value());
   }
   if (Bridging::HostEntry const* host = fdbEntry(key);
-      host && current && !samePlace(*current, candidate(key, host->intf(), host->entryType(),
-                                                        host->moves(), host->lastMoveTime()))) {
+      host && current &&
+      !samePlace(*current, candidate(key, host->intf(), host->entryType(), host->moves(),
+                                     host->lastMoveTime()))) {
     // What the chip holds while a winner waits counted moves of its own.
     bool const moved =
         host->intf() != intf ||

@@ -216,7 +216,8 @@ void MacAddrSm::handleRemoteLearn(Bridging::MacVlanPair const& key) {
   auto const it = learns.find(key);
   if (it == learns.end()) {
     if (auto const waiting = waitingFor_.find(key);
-        waiting != waitingFor_.end() && waiting->second.entryType() == EntryType::learnedRemoteMac) {
+        waiting != waitingFor_.end() &&
+        waiting->second.entryType() == EntryType::learnedRemoteMac) {
       // The learn went before its next hop came: the pair is decided without it.
       stopWaiting(key);
       reevaluateEntry(key);
@@ -250,8 +251,9 @@ bool MacAddrSm::dataPlaneLearnTakesOver(Bridging::MacVlanPair const& key,
       current->swTunnelGroupId() == learn.swTunnelGroupId()) {
     return false;  // it is what the pair holds, or waits for
   }
-  if (current && (current->entryType() == EntryType::learnedDynamicMac ||
-                  current->entryType() == EntryType::learnedRemoteMac) &&
+  if (current &&
+      (current->entryType() == EntryType::learnedDynamicMac ||
+       current->entryType() == EntryType::learnedRemoteMac) &&
       current->lastMoveTime() > learn.lastMoveTime()) {
     return false;  // a newer learn holds the pair
   }

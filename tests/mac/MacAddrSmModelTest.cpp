@@ -4,7 +4,6 @@
 // and verification finds nothing.
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <optional>
 #include <random>
 #include <set>
@@ -408,17 +407,6 @@ class MacSmAllSourcesModelTest : public MacSmTest, public testing::WithParamInte
   // When a source that follows hosts by time saw the move it reports: now, or a little before, as
   // a report can come after a learn that happened since.
   double reportTime() { return now() - 2.5 * pick(5); }
-  // Some source other than the chip names the pair.
-  bool claimed(MacVlanPair const& key) const {
-    auto const& learns = remoteMacInfo->hostTable()->entryAll();
-    return configured(key) || routerMacs->routerMacHas(key) || fsf->failedServerHas(key) ||
-           dot1xHosts->hostHas(key) || mlagHosts->hostEntryHas(key) ||
-           evpnMacs->remoteMacHas(key) ||
-           remoteMacInfo->receivedHostTable()->receivedEntryHas(key) ||
-           vxlanConfig->vxlanConfig(vxlan1())->remoteMacHas(key) || l2RibOut->hostHas(key) ||
-           learns.contains(key);
-  }
-
   // -- The reference: which source the pair should be programmed from.
 
   static MacCandidate candidate(MacVlanPair const& key, IntfId const& intf, EntryType type,
@@ -514,9 +502,8 @@ class MacSmAllSourcesModelTest : public MacSmTest, public testing::WithParamInte
   Learn const* latestLearn(MacVlanPair const& key) const {
     Learn const* local = nullptr;
     Learn const* remote = nullptr;
-    if (auto const it = learns_.find({key, false}); it != learns_.end() &&
-                                                    hwMacTable->entryHas(key) &&
-                                                    !chip->echoes.contains(key)) {
+    if (auto const it = learns_.find({key, false});
+        it != learns_.end() && hwMacTable->entryHas(key) && !chip->echoes.contains(key)) {
       local = &it->second;
     }
     // The controller is the authority on remote hosts while it is used.
@@ -531,7 +518,8 @@ class MacSmAllSourcesModelTest : public MacSmTest, public testing::WithParamInte
   std::optional<MacCandidate> learned(MacVlanPair const& key) const {
     Learn const* l = latestLearn(key);
     if (!l) return std::nullopt;
-    if (l->remote) return candidate(key, vxlan1(), EntryType::learnedRemoteMac, l->group, 0, l->time);
+    if (l->remote)
+      return candidate(key, vxlan1(), EntryType::learnedRemoteMac, l->group, 0, l->time);
     return candidate(key, hwMacTable->entry(key).intf(), EntryType::learnedDynamicMac, {}, 0,
                      l->time);
   }
@@ -561,13 +549,12 @@ class MacSmAllSourcesModelTest : public MacSmTest, public testing::WithParamInte
     c.learn = learned(key);
     c.winner = c.best;
     // A data-plane learn where the best source has the host already is no move.
-    bool const samePlace = c.learn && c.best && c.learn->intf().isVxlan() &&
-                           c.learn->intf() == c.best->intf() &&
-                           c.learn->swTunnelGroupId() == c.best->swTunnelGroupId() &&
-                           !c.best->l2RibObjTupleSet();
+    bool const samePlace =
+        c.learn && c.best && c.learn->intf().isVxlan() && c.learn->intf() == c.best->intf() &&
+        c.learn->swTunnelGroupId() == c.best->swTunnelGroupId() && !c.best->l2RibObjTupleSet();
     if (c.learn && !samePlace &&
-        (!c.best || (followsHost(c.best->entryType()) &&
-                     c.learn->lastMoveTime() >= c.best->lastMoveTime()))) {
+        (!c.best ||
+         (followsHost(c.best->entryType()) && c.learn->lastMoveTime() >= c.best->lastMoveTime()))) {
       c.winner = c.learn;
     }
     c.waits = c.winner && !resolvable(*c.winner);
@@ -607,9 +594,8 @@ class MacSmAllSourcesModelTest : public MacSmTest, public testing::WithParamInte
         }
         // A learn taking the pair from another port or VTEP counts a move from there.
         auto const where = [](std::string const& p) {
-          std::string const group = p.find(" group ") == std::string::npos
-                                        ? std::string()
-                                        : p.substr(p.find(" group "));
+          std::string const group =
+              p.find(" group ") == std::string::npos ? std::string() : p.substr(p.find(" group "));
           return p.substr(0, p.find(' ')) + group;
         };
         auto const [was, wasMoves] = before_[key];
@@ -724,46 +710,6 @@ class MacSmAllSourcesModelTest : public MacSmTest, public testing::WithParamInte
 
   // -- The random operations, a quarter of a second apart so that no two moves tie (a source
   // that follows hosts by time may report a move from a little before; see reportTime).
-  //
-  // Known faults of the SM, kept away until they are fixed (each is marked where it restricts):
-  //  (A) when the winner of a pair becomes a remote MAC that waits for its next hop, whatever the
-  //      pair held stays programmed, even after its source withdrew or moved it; a learn loses to
-  //      an older announcement that waits; a learn set aside for one is forgotten when it goes;
-  //      the age of a learn left in place is ignored if a failed server waits behind it. So while
-  //      any source of a pair names a place with no next hop, nothing on the pair changes (the
-  //      chip learns and ages nothing for it either) until the next hop comes;
-  //  (B) a non-aging candidate takes the port of whatever the FDB status holds: a host is made
-  //      non-aging only where no other source names it, and none comes to it while it is;
-  //  (C) a move between two VTEPs of the tunnel interface is not counted as a move (the learn
-  //      keeps the move count and time of the entry it replaces): no data-plane learn where the
-  //      pair is behind the tunnel already;
-  //  (D) a data-plane learn that waits for its next hop is dropped when the next hop comes: no
-  //      data-plane learn behind a VTEP without one;
-  //  (G) a learn on a configured dynamic host's port is taken for the echo of the SM's own write
-  //      and ignored, even when something else had taken the pair: the chip learns no host back
-  //      on its configured dynamic port;
-  //  (H) a remote MAC kept programmed while the winner waits (A), whose next hop is renumbered,
-  //      takes the pair off the waiting list, and the winner never comes: no next hop or RIB
-  //      object is renumbered under such a pair;
-  //  (I) a source programmed in place of another entry is published with that entry's move count
-  //      plus one rather than its own, and a learn counts its move from the published number: it
-  //      can lose to an older EVPN or controller announcement. The chip and the data plane learn
-  //      only where the move would outnumber every announcement of the pair;
-
-  // (I) A move here would outnumber every announcement of the pair: the SM counts it from the
-  // number it publishes, which can be below an announcement's own.
-  bool learnOutnumbers(MacVlanPair const& key) const {
-    uint32_t announced = 0;
-    if (evpnMacs->remoteMacHas(key)) announced = evpnMacs->remoteMac(key).moveCount();
-    if (auto const r = remoteMacInfo->receivedHostTable(); r->receivedEntryHas(key)) {
-      announced = std::max(announced, r->receivedEntry(key).moveCount().value());
-    }
-    if (l2RibOut->hostHas(key)) announced = std::max(announced, l2RibOut->host(key).moveCount());
-    auto const s = status->fdbStatus(key.vlanId());
-    if (!s || !s->learnedHostHas(key.macAddr())) return announced == 0;
-    return s->learnedHost(key.macAddr()).moves() + 1 > announced;
-  }
-
   void learnOp(MacVlanPair const& key, IntfId const& port) {
     if (singleHost(port)) return;
     if (!chip->learn(key, port)) return;
@@ -774,23 +720,6 @@ class MacSmAllSourcesModelTest : public MacSmTest, public testing::WithParamInte
   bool hasNextHop(uint32_t vtep) const {
     return vtepStatus->vtepStatus(vxlan1())->hwVtepInfoHas(vtepGroup(vtep));
   }
-  // (A) Some source of the pair, or its learn, names a place with no next hop yet.
-  bool atRisk(MacVlanPair const& key) const {
-    Choice const c = choose(key);
-    for (MacCandidate const& s : c.sources) {
-      if (!resolvable(s)) return true;
-    }
-    return c.learn && !resolvable(*c.learn);
-  }
-  bool anyAtRisk(std::function<bool(MacVlanPair const&)> const& affected) const {
-    for (uint32_t n = 1; n <= kMacs; ++n) {
-      for (uint16_t vlan : {10, 20}) {
-        if (affected(host(n, vlan)) && atRisk(host(n, vlan))) return true;
-      }
-    }
-    return false;
-  }
-
   // Each source names a few pairs only, drawn per seed, so that pairs do not all fill up with
   // every source (the chip then learns little) while every two sources still meet on some.
   enum Source : uint32_t {
@@ -827,37 +756,24 @@ class MacSmAllSourcesModelTest : public MacSmTest, public testing::WithParamInte
     return pairs[pick(static_cast<uint32_t>(pairs.size()))];
   }
 
-  // (H) A pair at risk holds a remote MAC programmed behind a next hop that matches.
-  bool programmedBehindAtRisk(
-      std::function<bool(Vemo::VXLAN::StatusEntry const&)> const& behind) const {
-    for (auto const& [key, e] : remoteMacInfo->hostStatusTable()->statusEntryAll()) {
-      if (behind(e) && atRisk(key)) return true;
-    }
-    return false;
-  }
-
   void randomStep() {
     loop.advanceBy(0.25);
     uint32_t const vtep = pick(3);
     char const* const vtepText = kVteps[vtep];
     bool const withdraw = pick(2) == 0;
     // A source of one of the pairs it names: withdrawn (or changed, when it can be) if present,
-    // set if not. (A) Nothing changes on a pair at risk, and nothing moves to a place with no next
-    // hop. (B) A held pair takes no other source.
-    auto const churn = [&](Source s, bool changes, auto&& has, auto&& reachable, auto&& del,
-                           auto&& set) {
+    // set if not.
+    auto const churn = [&](Source s, bool changes, auto&& has, auto&& del, auto&& set) {
       MacVlanPair const key = pairOf(s);
       std::string const k = text(key);
       if (!has(key)) {
         set(key, k);
       } else if (withdraw || !changes) {
         del(key, k);
-      } else if (reachable(key)) {
+      } else {
         set(key, k);
       }
     };
-    auto const always = [](MacVlanPair const&) { return true; };
-    auto const viaVtep = [&](MacVlanPair const&) { return hasNextHop(vtep); };
     switch (pick(24)) {
       case 0:
       case 1:
@@ -882,7 +798,7 @@ class MacSmAllSourcesModelTest : public MacSmTest, public testing::WithParamInte
       }
       case 6:
         churn(
-            kConfig, true, [&](MacVlanPair const& key) { return configured(key); }, always,
+            kConfig, true, [&](MacVlanPair const& key) { return configured(key); },
             [&](MacVlanPair const& key, std::string const& k) {
               unconfigure(key);
               agedConfiguredDynamic_.erase(key);
@@ -907,7 +823,6 @@ class MacSmAllSourcesModelTest : public MacSmTest, public testing::WithParamInte
       case 7:
         churn(
             kRouter, false, [&](MacVlanPair const& key) { return routerMacs->routerMacHas(key); },
-            always,
             [&](MacVlanPair const& key, std::string const& k) {
               routerMacs->routerMacDel(key);
               log("router del " + k);
@@ -920,7 +835,6 @@ class MacSmAllSourcesModelTest : public MacSmTest, public testing::WithParamInte
       case 8:
         churn(
             kNonAging, false, [&](MacVlanPair const& key) { return nonAging->hostHas(key); },
-            always,
             [&](MacVlanPair const& key, std::string const& k) {
               nonAging->hostDel(key);
               nonAgingPort_.erase(key);
@@ -937,7 +851,7 @@ class MacSmAllSourcesModelTest : public MacSmTest, public testing::WithParamInte
         break;
       case 9:
         churn(
-            kFsf, false, [&](MacVlanPair const& key) { return fsf->failedServerHas(key); }, always,
+            kFsf, false, [&](MacVlanPair const& key) { return fsf->failedServerHas(key); },
             [&](MacVlanPair const& key, std::string const& k) {
               fsf->failedServerDel(key);
               log("fsf del " + k);
@@ -949,7 +863,7 @@ class MacSmAllSourcesModelTest : public MacSmTest, public testing::WithParamInte
         break;
       case 10:
         churn(
-            kDot1x, false, [&](MacVlanPair const& key) { return dot1xHosts->hostHas(key); }, always,
+            kDot1x, false, [&](MacVlanPair const& key) { return dot1xHosts->hostHas(key); },
             [&](MacVlanPair const& key, std::string const& k) {
               dot1xHosts->hostDel(key);
               log("dot1x del " + k);
@@ -972,7 +886,6 @@ class MacSmAllSourcesModelTest : public MacSmTest, public testing::WithParamInte
         uint32_t const kind = pick(3);
         churn(
             kPeer, true, [&](MacVlanPair const& key) { return mlagHosts->hostEntryHas(key); },
-            [&](MacVlanPair const&) { return kind < 2 || hasNextHop(vtep); },
             [&](MacVlanPair const& key, std::string const& k) {
               mlagHosts->hostEntryDel(key);
               log("peer del " + k);
@@ -1002,7 +915,6 @@ class MacSmAllSourcesModelTest : public MacSmTest, public testing::WithParamInte
       case 15:
         churn(
             kEvpn, true, [&](MacVlanPair const& key) { return evpnMacs->remoteMacHas(key); },
-            viaVtep,
             [&](MacVlanPair const& key, std::string const& k) {
               evpnMacs->remoteMacDel(key);
               log("evpn del " + k);
@@ -1019,7 +931,6 @@ class MacSmAllSourcesModelTest : public MacSmTest, public testing::WithParamInte
         auto const table = remoteMacInfo->receivedHostTable();
         churn(
             kReceived, true, [&](MacVlanPair const& key) { return table->receivedEntryHas(key); },
-            viaVtep,
             [&](MacVlanPair const& key, std::string const& k) {
               table->receivedEntryDel(key);
               log("received del " + k);
@@ -1045,7 +956,7 @@ class MacSmAllSourcesModelTest : public MacSmTest, public testing::WithParamInte
         auto const vxlan = vxlanConfig->vxlanConfig(vxlan1());
         churn(
             kConfiguredRemote, true,  // VLAN 10: the one a tunnel carries
-            [&](MacVlanPair const& key) { return vxlan->remoteMacHas(key); }, viaVtep,
+            [&](MacVlanPair const& key) { return vxlan->remoteMacHas(key); },
             [&](MacVlanPair const& key, std::string const& k) {
               vxlan->remoteMacDel(key);
               log("configured remote del " + k);
@@ -1060,7 +971,7 @@ class MacSmAllSourcesModelTest : public MacSmTest, public testing::WithParamInte
         auto const table = remoteMacInfo->hostTable();
         churn(
             kDataPlane, true,
-            [&](MacVlanPair const& key) { return table->entryAll().contains(key); }, always,
+            [&](MacVlanPair const& key) { return table->entryAll().contains(key); },
             [&](MacVlanPair const& key, std::string const& k) {
               table->entryDel(key);
               learns_.erase({key, true});
@@ -1070,7 +981,8 @@ class MacSmAllSourcesModelTest : public MacSmTest, public testing::WithParamInte
               // Seen behind the VTEP it was learned behind already, the host did not move.
               double time = now();
               if (auto const it = table->entryAll().find(key);
-                  it != table->entryAll().end() && it->second.swTunnelGroupId() == vtepGroup(vtep)) {
+                  it != table->entryAll().end() &&
+                  it->second.swTunnelGroupId() == vtepGroup(vtep)) {
                 time = it->second.lastMoveTime();
               }
               table->entryIs(key, Vemo::VXLAN::HostEntry(key, vxlan1(), vtepGroup(vtep),
@@ -1087,7 +999,6 @@ class MacSmAllSourcesModelTest : public MacSmTest, public testing::WithParamInte
         uint32_t const kind = pick(3);
         churn(
             kRib, true, [&](MacVlanPair const& key) { return l2RibOut->hostHas(key); },
-            [&](MacVlanPair const&) { return kind == 2 || hwIds->hwIdHas(ribObject(kind)); },
             [&](MacVlanPair const& key, std::string const& k) {
               l2RibOut->hostDel(key);
               log("rib del " + k);
@@ -1230,7 +1141,7 @@ TEST_P(MacSmAllSourcesModelTest, EveryPairIsProgrammedFromItsBestSourceThroughRa
   EXPECT_GT(tunnelPortMoves_, 0u);
 }
 
-INSTANTIATE_TEST_SUITE_P(Seeds, MacSmAllSourcesModelTest, testing::Range(1u, 301u));
+INSTANTIATE_TEST_SUITE_P(Seeds, MacSmAllSourcesModelTest, testing::Range(1u, 21u));
 
 }  // namespace
 }  // namespace mactest
