@@ -287,6 +287,8 @@ class MacAddrSm : public VemoBaseSm {
   bool installedStands(Bridging::MacVlanPair const& key, Bridging::HostEntry const& host);
   void stopWaiting(Bridging::MacVlanPair const& key);
   void refreshWaiting(Bridging::MacVlanPair const& key);
+  // The remote MACs programmed on a tunnel group, in key order.
+  std::vector<Bridging::MacVlanPair> programmedOn(SwTunnelGroupId group);
   // Whether the data plane's standing learn of the pair is to be decided again in place of what the
   // sources say (it outlives a source that outranked it, unlike a learn the chip overwrote).
   bool dataPlaneLearnTakesOver(Bridging::MacVlanPair const& key,
@@ -295,10 +297,21 @@ class MacAddrSm : public VemoBaseSm {
 
   // Programming.
   void updateQueuedAddresses();
-  MacProgramStatus program(Bridging::MacVlanPair const& key, ModifyMacEntry const& update);
+  // target: where a remote add goes, resolved as it is taken from the list.
+  MacProgramStatus program(Bridging::MacVlanPair const& key, ModifyMacEntry const& update,
+                           std::optional<RemoteTarget> target);
   // A new remote MAC beyond the platform's maximum waits aside, like an entry with no room.
   bool remoteLimitReached(Bridging::MacVlanPair const& key, ModifyMacEntry const& update) const;
   static bool isRemoteAdd(ModifyMacEntry const& update);
+  // Remote sources' changes are decided in time slices, as the chip's learns are, with what each
+  // decision reads brought into the cache some way ahead.
+  enum class RemoteSource : Zol::U8 { evpn, rib, received, dataPlane };
+  void queueRemoteChange(Bridging::MacVlanPair const& key, RemoteSource source);
+  void handleRemoteChangeTimer();
+  void prefetchDecision(Bridging::MacVlanPair const& key, RemoteSource source) const;
+  // Brings the entries of a pair some way down the update list into the cache.
+  static constexpr size_t kPrefetchAhead = 8;
+  void prefetch(Bridging::MacVlanPair const& key) const;
   void applied(Bridging::MacVlanPair const& key, ModifyMacEntry const& update);
   // An asynchronous platform refused a write it had answered success for, or wrote it after all.
   void handleRefusedHost(Bridging::MacVlanPair const& key);
@@ -347,6 +360,10 @@ class MacAddrSm : public VemoBaseSm {
   std::deque<Bridging::MacVlanPair> macTableUpdateList_;
   absl::flat_hash_set<Bridging::MacVlanPair> macTableUpdatePending_;
   Zol::Clock macTableClock_;
+  // Changes of the remote sources (announced and data-plane-learned MACs, which come in bursts of
+  // hundreds of thousands), in arrival order, for handleRemoteChangeTimer.
+  std::deque<std::pair<Bridging::MacVlanPair, RemoteSource>> remoteChanges_;
+  Zol::Clock remoteChangeClock_;
 
   // One pending write per pair, in the order pairs were first queued (a pair taken out of the
   // list early leaves its place in updateOrder_ behind, skipped when reached).
@@ -395,7 +412,13 @@ class MacAddrSm : public VemoBaseSm {
   absl::flat_hash_map<L2Rib::ObjTuple, absl::flat_hash_set<Bridging::MacVlanPair>> tupleHosts_;
   absl::flat_hash_map<Bridging::MacVlanPair, L2Rib::ObjTuple> ribTupleOf_;
   // Programmed remote MACs by tunnel group, and the RIB object of those programmed through one.
-  absl::flat_hash_map<SwTunnelGroupId, absl::flat_hash_set<Bridging::MacVlanPair>> remoteByGroup_;
+  // (Appended as programmed, so that a burst touches no large set: a key that left its group, or
+  // came back to it, is sorted out when the group is walked, or compacted as it empties.)
+  struct GroupMacs {
+    std::vector<Bridging::MacVlanPair> keys;
+    Zol::U32 live = 0;  // how many are programmed on the group
+  };
+  absl::flat_hash_map<SwTunnelGroupId, GroupMacs> remoteByGroup_;
   absl::flat_hash_map<Bridging::MacVlanPair, L2Rib::ObjTuple> programmedTuple_;
   bool hitlessRestart_ = false;
   // The target of the remote write program() just made, for applied().

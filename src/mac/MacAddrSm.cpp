@@ -9,6 +9,7 @@ MacAddrSm::MacAddrSm(Inputs const& inputs)
     : VemoBaseSm(inputs.commonData),
       in_(inputs),
       macTableClock_(inputs.commonData->loop(), [this] { handleMacTableTimer(); }),
+      remoteChangeClock_(inputs.commonData->loop(), [this] { handleRemoteChangeTimer(); }),
       updateClock_(inputs.commonData->loop(), [this] { updateQueuedAddresses(); }),
       flushClock_(inputs.commonData->loop(), [this] { handleFlushReqTimer(); }),
       mlagClock_(inputs.commonData->loop(), [this] { handleMlagHostTableTimer(); }),
@@ -193,6 +194,68 @@ void MacAddrSm::handleMacTableTimer() {
       macTableClock_.timeMinIs(0);
       return;
     }
+  }
+}
+
+// -- Changes of the remote sources: queued here, decided in time slices.
+
+void MacAddrSm::queueRemoteChange(Bridging::MacVlanPair const& key, RemoteSource source) {
+  if (!started_) return;
+  remoteChanges_.emplace_back(key, source);
+  if (!remoteChangeClock_.armed()) remoteChangeClock_.timeMinIs(0);
+}
+
+void MacAddrSm::handleRemoteChangeTimer() {
+  ZOL_TRACE(9, "void Vemo::MacAddrSm::handleRemoteChangeTimer()");
+  Zol::Seconds const deadline = now() + kSliceBudget;
+  while (!remoteChanges_.empty()) {
+    if (remoteChanges_.size() > kPrefetchAhead) {
+      auto const& [ahead, source] = remoteChanges_[kPrefetchAhead];
+      prefetchDecision(ahead, source);
+    }
+    auto const [key, source] = remoteChanges_.front();
+    remoteChanges_.pop_front();
+    switch (source) {
+      case RemoteSource::evpn:
+        handleEvpnMacEntry(key);
+        break;
+      case RemoteSource::rib:
+        handleL2RibHost(key);
+        break;
+      case RemoteSource::received:
+        handleReceivedRemoteHost(key);
+        break;
+      case RemoteSource::dataPlane:
+        handleRemoteLearn(key);
+        break;
+    }
+    if (!remoteChanges_.empty() && now() >= deadline) {
+      ZOL_TRACE(8, "handleRemoteChangeTimer: time slice spent, " << remoteChanges_.size()
+                                                                 << " changes left");
+      remoteChangeClock_.timeMinIs(0);
+      return;
+    }
+  }
+}
+
+void MacAddrSm::prefetchDecision(Bridging::MacVlanPair const& key, RemoteSource source) const {
+  switch (source) {
+    case RemoteSource::evpn:
+      in_.remoteMacTable->remoteMacAll().prefetch(key);
+      break;
+    case RemoteSource::rib:
+      in_.l2RibHostOutput->hostAll().prefetch(key);
+      break;
+    case RemoteSource::received:
+      in_.remoteMacInfoDir->receivedHostTable()->receivedEntryAll().prefetch(key);
+      break;
+    case RemoteSource::dataPlane:
+      in_.remoteMacInfoDir->hostTable()->entryAll().prefetch(key);
+      break;
+  }
+  updateList_.prefetch(key);
+  if (auto const fdb = in_.bridgingStatus->fdbStatus(key.vlanId())) {
+    fdb->learnedHostAll().prefetch(key.macAddr());
   }
 }
 

@@ -106,11 +106,12 @@ void MacAddrSm::gatherCandidates(Bridging::MacVlanPair const& key, Consider cons
     existing(*peer, " candidate from mlagHostTable");
   }
   auto const& dot1x = in_.dot1xHostTable->hostAll();
-  if (auto const it = dot1x.find(key); it != dot1x.end()) {
+  if (auto const it = dot1x.empty() ? dot1x.end() : dot1x.find(key); it != dot1x.end()) {
     existing(candidate(key, it->second.intf(), EntryType::dot1xAuthorizedMac, 0, 0),
              " candidate from dot1xHostTable");
   }
-  if (auto const it = nonAgingPort_.find(key); it != nonAgingPort_.end()) {
+  if (auto const it = nonAgingPort_.empty() ? nonAgingPort_.end() : nonAgingPort_.find(key);
+      it != nonAgingPort_.end()) {
     // Kept where the chip last learned it; it pins the host there, with no move of its own.
     existing(candidate(key, it->second, EntryType::nonAgingMac, 0, 0),
              " candidate from nonAgingMacStatus");

@@ -49,9 +49,10 @@ bool MacAddrSm::mlagActive() const {
 // -- The MLAG peer's hosts.
 
 std::optional<MacCandidate> MacAddrSm::getPeerRemoteEntry(Bridging::MacVlanPair const& key) {
+  if (!mlagActive()) return std::nullopt;
   auto const& hosts = in_.mlagHostTable->hostEntryAll();
   auto const it = hosts.find(key);
-  if (it == hosts.end() || !mlagActive()) return std::nullopt;
+  if (it == hosts.end()) return std::nullopt;
   Mlag::HostEntry const& peer = it->second;
   std::optional<EntryType> const type = peerType(peer.entryType());
   if (!type) {

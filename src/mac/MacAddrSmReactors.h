@@ -194,26 +194,32 @@ class MacAddrSm::Reactors {
    public:
     using SmReactor::SmReactor;
     void onReceivedEntry(Bridging::MacVlanPair const& key) override {
-      sm().handleReceivedRemoteHost(key);
+      sm().queueRemoteChange(key, MacAddrSm::RemoteSource::received);
     }
   };
 
   class RemoteLearns : public SmReactor<VXLAN::HostTable::NotifieeConst, MacAddrSm> {
    public:
     using SmReactor::SmReactor;
-    void onEntry(Bridging::MacVlanPair const& key) override { sm().handleRemoteLearn(key); }
+    void onEntry(Bridging::MacVlanPair const& key) override {
+      sm().queueRemoteChange(key, MacAddrSm::RemoteSource::dataPlane);
+    }
   };
 
   class EvpnMacs : public SmReactor<Bridging::RemoteMacTable::NotifieeConst, MacAddrSm> {
    public:
     using SmReactor::SmReactor;
-    void onRemoteMac(Bridging::MacVlanPair const& key) override { sm().handleEvpnMacEntry(key); }
+    void onRemoteMac(Bridging::MacVlanPair const& key) override {
+      sm().queueRemoteChange(key, MacAddrSm::RemoteSource::evpn);
+    }
   };
 
   class L2RibHosts : public SmReactor<L2Rib::HostOutput::NotifieeConst, MacAddrSm> {
    public:
     using SmReactor::SmReactor;
-    void onHost(Bridging::MacVlanPair const& key) override { sm().handleL2RibHost(key); }
+    void onHost(Bridging::MacVlanPair const& key) override {
+      sm().queueRemoteChange(key, MacAddrSm::RemoteSource::rib);
+    }
   };
 
   class HwIds : public SmReactor<ObjTupleToHwId::NotifieeConst, MacAddrSm> {

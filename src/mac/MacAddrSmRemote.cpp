@@ -47,8 +47,9 @@ Nepo::IntfId MacAddrSm::vtiOfVlan(Bridging::VlanId vlan) const {
 // -- Candidates.
 
 void MacAddrSm::gatherAnnouncedCandidates(Bridging::MacVlanPair const& key, Consider consider) {
+  // (Most sources name no host most of the time: an empty one costs no hashing.)
   auto const& rib = in_.l2RibHostOutput->hostAll();
-  if (auto const it = rib.find(key); it != rib.end()) {
+  if (auto const it = rib.empty() ? rib.end() : rib.find(key); it != rib.end()) {
     L2Rib::HostOutputEntry const& host = it->second;
     if (!rememberedSource(host.source())) {
       vemoAssert(
@@ -110,10 +111,12 @@ void MacAddrSm::gatherConfiguredRemoteCandidate(Bridging::MacVlanPair const& key
                                                 Consider consider) {
   if (skipRemote_) return;
   // Only the tunnel interface that carries the VLAN can reach the host.
-  Nepo::IntfId const carrier = vtiOfVlan(key.vlanId());
+  std::optional<Nepo::IntfId> carrier;
   for (auto const& [vti, config] : in_.vxlanConfigDir->vxlanConfigAll()) {
-    if (vti != carrier) continue;
     auto const& macs = config->remoteMacAll();
+    if (macs.empty()) continue;
+    if (!carrier) carrier = vtiOfVlan(key.vlanId());
+    if (vti != *carrier) continue;
     auto const it = macs.find(key);
     if (it == macs.end()) continue;
     consider(MacCandidate(key, vti, EntryType::configuredRemoteMac,
@@ -393,18 +396,28 @@ void MacAddrSm::handleTunnelGroupNextHop(SwTunnelGroupId group) {
   }
   // Programmed MACs follow a next hop that changed. One that went with MACs still on it is the
   // platform's to keep until their references go, so they are left as they are.
-  auto const programmed = remoteByGroup_.find(group);
-  if (programmed == remoteByGroup_.end()) return;
-  std::vector<Bridging::MacVlanPair> keys(programmed->second.begin(), programmed->second.end());
-  std::sort(keys.begin(), keys.end());
   auto const status = in_.remoteMacInfoDir->hostStatusTable();
-  for (auto const& key : keys) {
+  for (auto const& key : programmedOn(group)) {
     VXLAN::StatusEntry const entry = status->statusEntry(key);
     std::optional<VXLAN::HwVtepInfo> const hw = hwVtepOf(entry.intf(), group);
     if (hw && hw->nextHopId().isValid() && hw->nextHopId() != entry.nextHopId()) {
       reprogramRemote(key);
     }
   }
+}
+
+std::vector<Bridging::MacVlanPair> MacAddrSm::programmedOn(SwTunnelGroupId group) {
+  auto const it = remoteByGroup_.find(group);
+  if (it == remoteByGroup_.end()) return {};
+  std::vector<Bridging::MacVlanPair>& keys = it->second.keys;
+  std::sort(keys.begin(), keys.end());
+  keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
+  auto const& status = in_.remoteMacInfoDir->hostStatusTable()->statusEntryAll();
+  std::erase_if(keys, [&](Bridging::MacVlanPair const& key) {
+    auto const e = status.find(key);
+    return e == status.end() || e->second.swTunnelGroupId() != group;
+  });
+  return keys;
 }
 
 void MacAddrSm::reprogramRemote(Bridging::MacVlanPair const& key) {
@@ -499,12 +512,17 @@ void MacAddrSm::updateRemoteHostTableAfterHwProg(Bridging::MacVlanPair const& ke
     in_.remoteMacInfoDir->vlanRefcountTable()->decRefcount(key.vlanId().value());
     auto const byGroup = remoteByGroup_.find(old->swTunnelGroupId());
     if (byGroup != remoteByGroup_.end()) {
-      byGroup->second.erase(key);
-      if (byGroup->second.empty()) remoteByGroup_.erase(byGroup);
+      if (--byGroup->second.live == 0) {
+        remoteByGroup_.erase(byGroup);
+      } else if (byGroup->second.keys.size() > 2 * size_t{byGroup->second.live} + 64) {
+        programmedOn(old->swTunnelGroupId());
+      }
     }
   }
   if (entry) {
-    remoteByGroup_[entry->swTunnelGroupId()].insert(key);
+    GroupMacs& byGroup = remoteByGroup_[entry->swTunnelGroupId()];
+    byGroup.keys.push_back(key);
+    ++byGroup.live;
     if (!old) in_.remoteMacInfoDir->addMacToVlanBasedHostIndex(key.vlanId().value(), key.macAddr());
     table->statusEntryIs(key, *entry);
   } else {

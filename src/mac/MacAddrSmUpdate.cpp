@@ -41,6 +41,7 @@ void MacAddrSm::updateQueuedAddresses() {
   Zol::Seconds const deadline = now() + kSliceBudget;
   Zol::U32 const agingTime = in_.bridgingConfig->hostAgingTime();
   while (!updateOrder_.empty()) {
+    if (updateOrder_.size() > kPrefetchAhead) prefetch(updateOrder_[kPrefetchAhead]);
     Bridging::MacVlanPair const key = updateOrder_.front();
     auto const it = updateList_.find(key);
     if (it == updateList_.end()) {
@@ -51,7 +52,8 @@ void MacAddrSm::updateQueuedAddresses() {
       ZOL_TRACE(5, key << " has been in updateList for longer than aging time of " << agingTime
                        << " seconds");
     }
-    if (isRemoteAdd(it->second.update) && !resolveRemote(it->second.update)) {
+    std::optional<RemoteTarget> target;
+    if (isRemoteAdd(it->second.update) && !(target = resolveRemote(it->second.update))) {
       // The next hop went while the entry was queued: it waits again, and what it would have
       // replaced is decided meanwhile.
       addToUpdateList(key, ModifyMacEntry(it->second.update));
@@ -63,7 +65,7 @@ void MacAddrSm::updateQueuedAddresses() {
       updateOrder_.pop_front();
       continue;
     }
-    MacProgramStatus const status = program(key, it->second.update);
+    MacProgramStatus const status = program(key, it->second.update, std::move(target));
     if (status == MacProgramStatus::macProgramBusy ||
         status == MacProgramStatus::macProgramFlushInProgress) {
       ZOL_TRACE(5, "Update failed as ASIC busy, retrying");
@@ -95,6 +97,17 @@ void MacAddrSm::updateQueuedAddresses() {
   }
 }
 
+void MacAddrSm::prefetch(Bridging::MacVlanPair const& key) const {
+  // A burst of changes leaves the tables' entries for a pair long out of the cache by the time
+  // its turn in the list comes.
+  updateList_.prefetch(key);
+  if (auto const fdb = in_.bridgingStatus->fdbStatus(key.vlanId())) {
+    fdb->learnedHostAll().prefetch(key.macAddr());
+  }
+  auto const& remote = in_.remoteMacInfoDir->hostStatusTable()->statusEntryAll();
+  remote.prefetch(key);
+}
+
 bool MacAddrSm::isRemoteAdd(ModifyMacEntry const& update) {
   return update.action() == EntryEvaluationAction::addConfiguredRemote ||
          update.action() == EntryEvaluationAction::addLearntRemote;
@@ -104,14 +117,14 @@ bool MacAddrSm::remoteLimitReached(Bridging::MacVlanPair const& key,
                                    ModifyMacEntry const& update) const {
   if (!isRemoteAdd(update)) return false;
   auto const status = in_.remoteMacInfoDir->hostStatusTable();
-  if (status->statusEntryHas(key) || status->statusEntrySize() < maxRemoteMacs_) return false;
+  if (status->statusEntrySize() < maxRemoteMacs_ || status->statusEntryHas(key)) return false;
   ZOL_TRACE(5, key << " max remote MAC limit reached, " << maxRemoteMacs_
                    << " remote MACs programmed; it waits for room");
   return true;
 }
 
-MacProgramStatus MacAddrSm::program(Bridging::MacVlanPair const& key,
-                                    ModifyMacEntry const& update) {
+MacProgramStatus MacAddrSm::program(Bridging::MacVlanPair const& key, ModifyMacEntry const& update,
+                                    std::optional<RemoteTarget> target) {
   switch (update.action()) {
     case EntryEvaluationAction::addConfiguredToFdbStatusAndHardware:
       if (update.entryType() == Bridging::EntryType::evpnIntfDynamicMac) {
@@ -126,7 +139,6 @@ MacProgramStatus MacAddrSm::program(Bridging::MacVlanPair const& key,
                                  !agesInHardware(update.entryType()), update.entryType());
     case EntryEvaluationAction::addConfiguredRemote:
     case EntryEvaluationAction::addLearntRemote: {
-      std::optional<RemoteTarget> target = resolveRemote(update);
       if (!target) vemoAssert("a remote entry is programmed only once its next hop is known");
       programmedTarget_ = std::move(*target);
       Zol::U32 const nextHop = programmedTarget_.nextHop;

@@ -176,7 +176,7 @@ void MacAddrSm::verifyRemote() {
                                                 static_cast<unsigned long long>(value)));
       continue;
     }
-    Zol::U32 const own = static_cast<Zol::U32>(it->second.size());
+    Zol::U32 const own = it->second.live;
     Zol::U32 const held = shared->refcountHas(value) ? shared->refcount(value).count() : 0;
     if (own != count || held < count) {
       report.reportMismatch(
