@@ -37,6 +37,7 @@
 // MACs beyond the platform's maximum wait aside the same way.
 #pragma once
 
+#include <absl/container/btree_map.h>
 #include <absl/container/btree_set.h>
 #include <absl/container/flat_hash_map.h>
 #include <absl/container/flat_hash_set.h>
@@ -421,6 +422,14 @@ class MacAddrSm : public VemoBaseSm {
   absl::flat_hash_map<SwTunnelGroupId, GroupMacs> remoteByGroup_;
   absl::flat_hash_map<Bridging::MacVlanPair, L2Rib::ObjTuple> programmedTuple_;
   bool hitlessRestart_ = false;
+  // While the update list drains, the references its writes take and drop are summed here and
+  // written once at the end of the pass (by index, in order), not once a MAC.
+  struct RefDeltas {
+    absl::btree_map<Zol::U64, Zol::S64> nextHop, vlan, group;
+  };
+  std::optional<RefDeltas> refDeltas_;
+  void countRefs(VXLAN::StatusEntry const& e, Zol::S64 delta);
+  void applyRefDeltas();
   // The target of the remote write program() just made, for applied().
   RemoteTarget programmedTarget_;
 };

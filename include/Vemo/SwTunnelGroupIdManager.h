@@ -56,6 +56,8 @@ class SwTunnelGroupIdManager : public VemoBaseSm {
 
   void incSwTunnelGroupIdRefcount(SwTunnelGroupId swTunnelGroupId);
   void decSwTunnelGroupIdRefcount(SwTunnelGroupId swTunnelGroupId);
+  // delta references more (fewer when negative) in one write.
+  void addSwTunnelGroupIdRefcount(SwTunnelGroupId swTunnelGroupId, Zol::S64 delta);
   // Moves one reference from oldId to newId; an identifier that is both keeps its count.
   void updateSwTunnelGroupIdRefcount(SwTunnelGroupId newId, SwTunnelGroupId oldId);
 

@@ -110,6 +110,15 @@ void SwTunnelGroupIdManager::decSwTunnelGroupIdRefcount(SwTunnelGroupId swTunnel
   refcountTable()->decRefcount(swTunnelGroupId.value());
 }
 
+void SwTunnelGroupIdManager::addSwTunnelGroupIdRefcount(SwTunnelGroupId swTunnelGroupId,
+                                                        Zol::S64 delta) {
+  ZOL_TRACE(8, "addSwTunnelGroupIdRefcount " << swTunnelGroupId.value() << " " << delta);
+  if (swTunnelGroupId.isEmpty() || delta == 0) return;
+  // A released identifier's references went with it.
+  if (delta < 0 && !isSwTunnelGroupIdValid(swTunnelGroupId)) return;
+  refcountTable()->addRefcount(swTunnelGroupId.value(), delta);
+}
+
 void SwTunnelGroupIdManager::updateSwTunnelGroupIdRefcount(SwTunnelGroupId newId,
                                                            SwTunnelGroupId oldId) {
   ZOL_TRACE(8, "updateSwTunnelGroupIdRefcount"

@@ -488,6 +488,11 @@ void MacAddrSm::updateRemoteHostTableAfterHwProg(Bridging::MacVlanPair const& ke
   std::optional<VXLAN::StatusEntry> const old =
       it == all.end() ? std::nullopt : std::optional(it->second);
   if (old == entry) return;
+  if (refDeltas_) {
+    // Counted for the end of the drain pass.
+    if (entry) countRefs(*entry, +1);
+    if (old) countRefs(*old, -1);
+  }
   auto nextHopRef = [&](VXLAN::StatusEntry const& e, bool add) {
     if (!e.nextHopId().isValid()) {
       ZOL_TRACE(8, " ignoring invalid nextHopId : " << e.nextHopId().value());
@@ -500,16 +505,20 @@ void MacAddrSm::updateRemoteHostTableAfterHwProg(Bridging::MacVlanPair const& ke
     }
   };
   // The new references first, so that one both hold never passes through zero.
-  if (entry) {
+  if (entry && !refDeltas_) {
     nextHopRef(*entry, true);
     in_.remoteMacInfoDir->vlanRefcountTable()->incRefcount(key.vlanId().value());
   }
-  in_.swTunnelGroupIdManager->updateSwTunnelGroupIdRefcount(
-      entry ? entry->swTunnelGroupId() : SwTunnelGroupId(),
-      old ? old->swTunnelGroupId() : SwTunnelGroupId());
+  if (!refDeltas_) {
+    in_.swTunnelGroupIdManager->updateSwTunnelGroupIdRefcount(
+        entry ? entry->swTunnelGroupId() : SwTunnelGroupId(),
+        old ? old->swTunnelGroupId() : SwTunnelGroupId());
+  }
   if (old) {
-    nextHopRef(*old, false);
-    in_.remoteMacInfoDir->vlanRefcountTable()->decRefcount(key.vlanId().value());
+    if (!refDeltas_) {
+      nextHopRef(*old, false);
+      in_.remoteMacInfoDir->vlanRefcountTable()->decRefcount(key.vlanId().value());
+    }
     auto const byGroup = remoteByGroup_.find(old->swTunnelGroupId());
     if (byGroup != remoteByGroup_.end()) {
       if (--byGroup->second.live == 0) {
@@ -530,6 +539,39 @@ void MacAddrSm::updateRemoteHostTableAfterHwProg(Bridging::MacVlanPair const& ke
     table->statusEntryDel(key);
     programmedTuple_.erase(key);
     roomFreed();
+  }
+}
+
+void MacAddrSm::countRefs(VXLAN::StatusEntry const& e, Zol::S64 delta) {
+  if (e.nextHopId().isValid()) {
+    refDeltas_->nextHop[e.nextHopId().value()] += delta;
+  } else {
+    ZOL_TRACE(8, " ignoring invalid nextHopId : " << e.nextHopId().value());
+  }
+  refDeltas_->vlan[e.key().vlanId().value()] += delta;
+  if (!e.swTunnelGroupId().isEmpty()) refDeltas_->group[e.swTunnelGroupId().value()] += delta;
+}
+
+void MacAddrSm::applyRefDeltas() {
+  RefDeltas deltas = std::move(*refDeltas_);
+  refDeltas_.reset();
+  // The new references first, so that one a MAC moved to never passes through zero.
+  for (bool const adding : {true, false}) {
+    for (auto const& [index, delta] : deltas.nextHop) {
+      if (delta != 0 && (delta > 0) == adding) {
+        in_.remoteMacInfoDir->nextHopIdRefcountTable()->addRefcount(index, delta);
+      }
+    }
+    for (auto const& [index, delta] : deltas.vlan) {
+      if (delta != 0 && (delta > 0) == adding) {
+        in_.remoteMacInfoDir->vlanRefcountTable()->addRefcount(index, delta);
+      }
+    }
+    for (auto const& [index, delta] : deltas.group) {
+      if (delta != 0 && (delta > 0) == adding) {
+        in_.swTunnelGroupIdManager->addSwTunnelGroupIdRefcount(SwTunnelGroupId(index), delta);
+      }
+    }
   }
 }
 

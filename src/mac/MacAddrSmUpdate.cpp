@@ -1,5 +1,7 @@
 // The MAC SM's update list drained into the chip in time slices, and the FDB status and MAC table
 // written with what the chip took.
+#include <absl/cleanup/cleanup.h>
+
 #include <algorithm>
 
 #include "MacAddrSmReactors.h"
@@ -38,6 +40,8 @@ Zol::U16 clipMoves(Zol::U32 moves) {
 void MacAddrSm::updateQueuedAddresses() {
   ZOL_TRACE(9, "void Vemo::MacAddrSm::updateQueuedAddresses()");
   if (roomFreed_) requeueFullEntries();
+  refDeltas_.emplace();
+  absl::Cleanup const writeRefs = [this] { applyRefDeltas(); };
   Zol::Seconds const deadline = now() + kSliceBudget;
   Zol::U32 const agingTime = in_.bridgingConfig->hostAgingTime();
   while (!updateOrder_.empty()) {

@@ -46,6 +46,22 @@ void RefcountTable::decRefcount(Zol::U64 index) {
   }
 }
 
+Zol::U32 RefcountTable::addRefcount(Zol::U64 index, Zol::S64 delta) {
+  Zol::S64 const val = refcountHas(index) ? refcount(index).count() : 0;
+  ZOL_TRACE(8, "U32 Vemo::VXLAN::RefcountTable::addRefcount(U64, S64)"
+                   << " index " << index << " val " << val << " delta " << delta);
+  Zol::S64 const next = val + delta;
+  if (next < 0) Vemo::vemoAssert("!!refcount( index )");
+  if (next == 0) {
+    refcountDel(index);
+    return 0;
+  }
+  // As one at a time would: past all ones the count starts again at one.
+  Zol::U32 const count = next < Zol::S64{noCount} ? static_cast<Zol::U32>(next) : 1;
+  refcountIs(index, RefcountVal(count));
+  return count;
+}
+
 HostEntry HostTable::entryDefault(Bridging::MacVlanPair const& k) {
   HostEntry e;
   e.keyIs(k);

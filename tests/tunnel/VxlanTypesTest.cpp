@@ -63,6 +63,15 @@ TEST(RefcountTableDeathTest, CountsUpAndDownAndRestartsASaturatedCountAtOne) {
   EXPECT_EQ(t->incRefcount(9), 1u);
   EXPECT_EQ(t->refcount(9), RefcountVal(1));
 
+  // Many references in one write: the sum, the entry gone at none, past all ones back to one.
+  EXPECT_EQ(t->addRefcount(11, 3), 3u);
+  EXPECT_EQ(t->addRefcount(11, -1), 2u);
+  EXPECT_EQ(t->addRefcount(11, -2), 0u);
+  EXPECT_FALSE(t->refcountHas(11));
+  t->refcountIs(12, RefcountVal(allOnes - 1));
+  EXPECT_EQ(t->addRefcount(12, 2), 1u);
+  EXPECT_DEATH(t->addRefcount(13, -1), "!!refcount\\( index \\)");
+
   EXPECT_DEATH(t->decRefcount(5), "!!refcount\\( index \\)");
   t->refcountIs(9, RefcountVal(allOnes));
   EXPECT_DEATH(t->decRefcount(9), "!!refcount\\( index \\)");
