@@ -99,7 +99,7 @@ void MacAddrSm::gatherCandidates(Bridging::MacVlanPair const& key, Consider cons
   }
   if (configuredStatic && routerMac) {
     collidingStatic_.insert(key);
-  } else {
+  } else if (!collidingStatic_.empty()) {
     collidingStatic_.erase(key);
   }
   if (std::optional<MacCandidate> const peer = getPeerRemoteEntry(key)) {
@@ -154,7 +154,7 @@ bool MacAddrSm::installedStands(Bridging::MacVlanPair const& key, Bridging::Host
 }
 
 std::optional<MacCandidate> MacAddrSm::currentEntry(Bridging::MacVlanPair const& key) const {
-  if (auto const it = waitingFor_.find(key); it != waitingFor_.end()) {
+  if (auto const it = findIn(waitingFor_, key); it != waitingFor_.end()) {
     // The winner waiting for its next hop is what is about to be.
     ModifyMacEntry const& u = it->second;
     ZOL_TRACE(8, "Found an entry waiting for its next hop for " << key);
@@ -180,7 +180,7 @@ std::optional<MacCandidate> MacAddrSm::currentEntry(Bridging::MacVlanPair const&
                      << key << ": " << *host << " tunnels "
                      << in_.swTunnelGroupIdManager->getTunnelIpListFromSwTunnelGroupId(
                             remote.swTunnelGroupId()));
-    auto const tuple = programmedTuple_.find(key);
+    auto const tuple = findIn(programmedTuple_, key);
     bool const viaRib = tuple != programmedTuple_.end();
     return MacCandidate(key, host->intf(), host->entryType(), remote.swTunnelGroupId(),
                         Tolm::Seqno32(host->moves()), host->lastMoveTime(), 0, false,
@@ -627,13 +627,13 @@ void MacAddrSm::addLearntToFdbStatus(Bridging::MacVlanPair const& key,
 
 void MacAddrSm::refreshWaiting(Bridging::MacVlanPair const& key) {
   // What the pair keeps meanwhile may have lost its cause.
-  if (auto const it = waitingFor_.find(key); it != waitingFor_.end()) {
+  if (auto const it = findIn(waitingFor_, key); it != waitingFor_.end()) {
     addToUpdateList(key, ModifyMacEntry(it->second));
   }
 }
 
 void MacAddrSm::stopWaiting(Bridging::MacVlanPair const& key) {
-  auto const waiting = waitingFor_.find(key);
+  auto const waiting = findIn(waitingFor_, key);
   if (waiting == waitingFor_.end()) return;
   auto const group = waitingGroup_.find(waiting->second.swTunnelGroupId());
   group->second.erase(key);
@@ -679,7 +679,7 @@ void MacAddrSm::addToUpdateList(Bridging::MacVlanPair const& key, ModifyMacEntry
       }
     }
   }
-  if (auto const kept = fullEntries_.find(key); kept != fullEntries_.end()) {
+  if (auto const kept = findIn(fullEntries_, key); kept != fullEntries_.end()) {
     // The same entry refused for want of room is not logged again.
     if (kept->second.intf() == update.intf() && kept->second.entryType() == update.entryType()) {
       update.fullLoggedIs(kept->second.fullLogged());

@@ -13,6 +13,13 @@
 
 namespace Vemo {
 
+// A lookup that costs no hashing in a map that is empty, as most of the SM's side tables and
+// most sources are most of the time.
+template <class Map, class Key>
+auto findIn(Map const& map, Key const& key) {
+  return map.empty() ? map.end() : map.find(key);
+}
+
 class MacAddrSm::Reactors {
  public:
   explicit Reactors(MacAddrSm* sm)

@@ -247,7 +247,7 @@ bool MacAddrSm::dataPlaneLearnTakesOver(Bridging::MacVlanPair const& key,
                                         std::optional<MacCandidate> const& current) const {
   if (skipRemote_ || in_.remoteMacInfoDir->useReceivedHostTable()) return false;
   auto const& learns = in_.remoteMacInfoDir->hostTable()->entryAll();
-  auto const it = learns.find(key);
+  auto const it = findIn(learns, key);
   if (it == learns.end() || it->second.entryType() != EntryType::learnedRemoteMac) return false;
   VXLAN::HostEntry const& learn = it->second;
   if (current && current->entryType() == EntryType::learnedRemoteMac &&
@@ -326,14 +326,20 @@ std::optional<VXLAN::HwVtepInfo> MacAddrSm::hwVtepOf(Nepo::IntfId const& vti,
   if (group.isSingleMemberGroup()) {
     if (!in_.vtepStatusDir) return std::nullopt;
     Zol::Ptr<VXLAN::VtepStatus const> const status = in_.vtepStatusDir->vtepStatus(vti);
-    if (!status || !status->hwVtepInfoHas(group)) return std::nullopt;
-    return status->hwVtepInfo(group);
+    if (!status) return std::nullopt;
+    auto const& all = status->hwVtepInfoAll();
+    auto const it = all.find(group);
+    if (it == all.end()) return std::nullopt;
+    return it->second;
   }
   if (!in_.vtepGroupStatusDir) return std::nullopt;
   Zol::Ptr<VXLAN::VtepGroupStatus const> const status =
       in_.vtepGroupStatusDir->vtepGroupStatus(vti);
-  if (!status || !status->hwVtepGroupInfoHas(group)) return std::nullopt;
-  VXLAN::HwVtepGroupInfo const& info = status->hwVtepGroupInfo(group);
+  if (!status) return std::nullopt;
+  auto const& all = status->hwVtepGroupInfoAll();
+  auto const it = all.find(group);
+  if (it == all.end()) return std::nullopt;
+  VXLAN::HwVtepGroupInfo const& info = it->second;
   return VXLAN::HwVtepInfo(info.swTunnelGroupId(), info.tunnelId(), info.nextHopId());
 }
 

@@ -197,7 +197,7 @@ void MacAddrSm::applied(Bridging::MacVlanPair const& key, ModifyMacEntry const& 
       if (update.l2RibObjTuple().objType() != L2Rib::ObjType::invalidObj) {
         programmedTuple_.insert_or_assign(key, update.l2RibObjTuple());
       } else {
-        programmedTuple_.erase(key);
+        if (!programmedTuple_.empty()) programmedTuple_.erase(key);
       }
       break;
     }
@@ -304,7 +304,9 @@ void MacAddrSm::addToFdbStatus(Bridging::MacVlanPair const& key, Bridging::HostE
   status->learnedHostIs(key.macAddr(), entry);
   bool const learned = entry.entryType() == Bridging::EntryType::learnedDynamicMac;
   // A learn that overtook a programmed entry: the SM no longer holds anything there.
-  if (learned || entry.intf().isVxlan()) in_.macTable->entryDel(key);
+  if ((learned || entry.intf().isVxlan()) && in_.macTable->entrySize() > 0) {
+    in_.macTable->entryDel(key);
+  }
   if (!entry.intf().isVxlan() && in_.remoteMacInfoDir->hostStatusTable()->statusEntrySize() > 0) {
     updateRemoteHostTableAfterHwProg(key, std::nullopt);
   }
@@ -317,7 +319,7 @@ void MacAddrSm::offerToL2Rib(Bridging::MacVlanPair const& key, Bridging::HostEnt
   if (learned && in_.remoteMacInfoDir->vniInfo()->validVlanVniMapHas(key.vlanId())) {
     in_.l2RibHostInput->hostIs(
         key, L2Rib::HostInputEntry(learned->intf(), learned->moves(), learned->lastMoveTime()));
-  } else if (in_.l2RibHostInput->hostHas(key)) {
+  } else if (in_.l2RibHostInput->hostSize() > 0 && in_.l2RibHostInput->hostHas(key)) {
     in_.l2RibHostInput->hostDel(key);
   }
 }
