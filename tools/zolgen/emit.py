@@ -233,8 +233,10 @@ class FamilyEmitter:
             out += self.value_field_accessors(d, f)
         for f in d.fields:
             out += self.value_field_forms(f)
+        # Inline: values are hash keys, and a probe compares keys in the caller's loop.
+        eq = " && ".join(_same(f) for f in d.fields if not f.internal) or "true"
         out += [
-            f"  bool operator==({n} const& o) const;",
+            f"  bool operator==({n} const& o) const {{ return {eq}; }}",
             f"  bool operator<({n} const& o) const;",
             "  size_t hash() const;",
             "  std::string stringValue() const;",
@@ -601,9 +603,7 @@ class FamilyEmitter:
 
     def value_compare_defs(self, d, fields):
         q, n = d.qname, d.name
-        eq = " && ".join(_same(f) for f in fields) or "true"
-        out = [f"bool {q}::operator==({n} const& o) const {{ return {eq}; }}", ""]
-        out += [f"bool {q}::operator<({n} const& o) const {{"]
+        out = [f"bool {q}::operator<({n} const& o) const {{"]
         for f in fields:
             out.append(f"  if (!({_same(f)})) return {_less(f)};")
         out += ["  return false;", "}", "",
