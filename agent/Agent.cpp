@@ -180,6 +180,10 @@ Agent::Agent(bool json) : json_(json) {
   views_["mac address-table count"] = [this](bool asJson) {
     return showMacAddressTableCount(*platform_->bridgingStatus(), asJson);
   };
+  views_["mlag"] = [this](bool asJson) {
+    return showMlag(*platform_->mlagStatus(), *platform_->mlagHostTable(),
+                    *platform_->bridgingStatus(), asJson);
+  };
   views_["hardware mac"] = [this](bool asJson) {
     return showHardwareMac(platform_->chip(), platform_->macIndirectAccess(), asJson);
   };

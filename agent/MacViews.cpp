@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <map>
 #include <vector>
@@ -276,6 +277,59 @@ std::string showMacAddressTableCount(Bridging::Status const& status, bool json) 
   out += "Total Mac Addresses: " + std::to_string(total.dynamic + total.other) + " (" +
          std::to_string(total.dynamic) + " dynamic, " + std::to_string(total.other) + " static)\n";
   return out;
+}
+
+std::string showMlag(Mlag::Status const& mlag, Mlag::HostTable const& peerHosts,
+                     Bridging::Status const& status, bool json) {
+  // What the peer reports, by the kind of host it is there.
+  size_t learned = 0, configured = 0, remote = 0;
+  for (auto const& [key, host] : peerHosts.hostEntryAll()) {
+    if (host.entryType() == EntryType::learnedDynamicMac) {
+      ++learned;
+    } else if (host.entryType() == EntryType::configuredStaticMac) {
+      ++configured;
+    } else {
+      ++remote;
+    }
+  }
+  // What the FDB status holds from it.
+  size_t peerDynamic = 0, peerStatic = 0, peerRemote = 0;
+  for (Row const& r : rows(status, MacTableFilter())) {
+    peerDynamic += r.host->entryType() == EntryType::peerDynamicMac;
+    peerStatic += r.host->entryType() == EntryType::peerStaticMac;
+    peerRemote += r.host->entryType() == EntryType::peerDynamicRemoteMac;
+  }
+  // "statePrimary" reads "primary".
+  std::string state(Zol::enumName(mlag.state()));
+  if (state.starts_with("state") && state.size() > 5) {
+    state = std::string(1, static_cast<char>(std::tolower(state[5]))) + state.substr(6);
+  }
+  std::string const peerLink =
+      mlag.peerLinkIntf().isEmpty() ? "none" : mlag.peerLinkIntf().stringValue();
+  if (json) {
+    rapidjson::Document doc(rapidjson::kObjectType);
+    auto& alloc = doc.GetAllocator();
+    doc.AddMember("state", str(state, alloc), alloc);
+    doc.AddMember("peerLink", str(peerLink, alloc), alloc);
+    rapidjson::Value reported(rapidjson::kObjectType);
+    reported.AddMember("learned", static_cast<uint64_t>(learned), alloc);
+    reported.AddMember("static", static_cast<uint64_t>(configured), alloc);
+    reported.AddMember("remote", static_cast<uint64_t>(remote), alloc);
+    doc.AddMember("peerHosts", reported, alloc);
+    rapidjson::Value installed(rapidjson::kObjectType);
+    installed.AddMember("peerDynamic", static_cast<uint64_t>(peerDynamic), alloc);
+    installed.AddMember("peerStatic", static_cast<uint64_t>(peerStatic), alloc);
+    installed.AddMember("peerRemote", static_cast<uint64_t>(peerRemote), alloc);
+    doc.AddMember("installedFromPeer", installed, alloc);
+    return prettyJson(doc);
+  }
+  return "MLAG state: " + state + "\nPeer link: " + peerLink +
+         "\nPeer hosts: " + std::to_string(learned + configured + remote) + " (" +
+         std::to_string(learned) + " learned, " + std::to_string(configured) + " static, " +
+         std::to_string(remote) + " remote)\nInstalled from the peer: " +
+         std::to_string(peerDynamic + peerStatic + peerRemote) + " (" +
+         std::to_string(peerDynamic) + " dynamic, " + std::to_string(peerStatic) + " static, " +
+         std::to_string(peerRemote) + " remote)\n";
 }
 
 }  // namespace vemo::agent

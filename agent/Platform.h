@@ -76,6 +76,7 @@ class Platform {
     return lagDeviceNameDir_;
   }
   Zol::Ptr<Mlag::Status> const& mlagStatus() const { return mlagStatus_; }
+  Zol::Ptr<Mlag::HostTable> const& mlagHostTable() const { return mlagHostTable_; }
   Zol::Ptr<Vxlan::VxlanConfigDir> const& vxlanConfig() const { return vxlanConfig_; }
   Zol::Ptr<Vemo::VXLAN::RemoteMacInfoDir> const& remoteMacInfo() const { return remoteMacInfo_; }
   Zol::Ptr<Vemo::VXLAN::VtepGroupConfigDir> const& vtepGroupConfig() const {

@@ -15,6 +15,7 @@
 #include "ZolGen/Bridging.h"
 #include "ZolGen/Errdisable.h"
 #include "ZolGen/Lag.h"
+#include "ZolGen/Mlag.h"
 #include "ZolGen/VemoL3.h"
 #include "ZolGen/VemoVxlan.h"
 #include "ZolGen/Vxlan.h"
@@ -74,6 +75,10 @@ std::string showMacAddressTable(Bridging::Status const& status,
                                 MacTableFilter const& filter, double now, bool json);
 // Dynamic and static entries per VLAN and in all.
 std::string showMacAddressTableCount(Bridging::Status const& status, bool json);
+// The MLAG state and peer link, the hosts the peer reports by kind, and how many of them the FDB
+// status holds from the peer.
+std::string showMlag(Mlag::Status const& mlag, Mlag::HostTable const& peerHosts,
+                     Bridging::Status const& status, bool json);
 // The chip's MAC table: its use, its hash buckets, what the chip learned and aged on its own,
 // the driver's operations and the ones it refused.
 // With an indirect-access interface, its queues too.
