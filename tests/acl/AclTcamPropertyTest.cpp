@@ -44,20 +44,11 @@ bool portsMatch(PortSpec const& ports, Zol::U16 v) {
   return ranges && ranges->contains(v);
 }
 
+// The codepoints (0 Not-ECT, 1 and 2 ECT, 3 CE) each selector takes, in the selectors' order:
+// any, ECT or CE, Not-ECT, CE, ECT.
 bool ecnMatches(Acl::EcnMatch sel, Zol::U8 ecn) {
-  switch (sel) {
-    case Acl::EcnMatch::ecnAny:
-      return true;
-    case Acl::EcnMatch::ecnEctOrCe:
-      return ecn != 0;
-    case Acl::EcnMatch::ecnNotEct:
-      return ecn == 0;
-    case Acl::EcnMatch::ecnCe:
-      return ecn == 3;
-    case Acl::EcnMatch::ecnEct:
-      return ecn == 1 || ecn == 2;
-  }
-  return false;
+  constexpr unsigned kCodepoints[] = {0b1111, 0b1110, 0b0001, 0b1000, 0b0110};
+  return (kCodepoints[static_cast<size_t>(sel)] >> ecn) & 1;
 }
 
 bool prefixMatches(Nepo::IpPrefix const& p, Nepo::IpAddr const& a) {
@@ -174,27 +165,16 @@ class Gen {
 
   PortSpec portSpec(Zol::U16 const* pool, size_t n) {
     auto value = [&] { return nearby(pool[rng_() % n]); };
-    switch (rng_() % 6) {
-      case 0:
-        return PortSpec();
-      case 1: {
-        PortSpec s(PortOper::portEq, {value()});
-        if (chance(40)) s = PortSpec(PortOper::portEq, {value(), value(), value()});
-        return s;
-      }
-      case 2:
-        return chance(50) ? PortSpec(PortOper::portNeq, {value()})
-                          : PortSpec(PortOper::portNeq, {value(), value()});
-      case 3:
-        return PortSpec(PortOper::portLt, {value()});
-      case 4:
-        return PortSpec(PortOper::portGt, {value()});
-      default: {
-        Zol::U16 a = value(), b = value();
-        if (a > b && chance(90)) std::swap(a, b);
-        return PortSpec(PortOper::portRange, {a, b});
-      }
+    auto const oper = static_cast<PortOper>(rng_() % 6);  // any, eq, neq, lt, gt, range
+    if (oper == PortOper::portAny) return PortSpec();
+    if (oper == PortOper::portLt || oper == PortOper::portGt) return PortSpec(oper, {value()});
+    Zol::U16 a = value(), b = value();
+    if (oper == PortOper::portRange) {
+      if (a > b && chance(90)) std::swap(a, b);  // now and then one that matches nothing
+      return PortSpec(oper, {a, b});
     }
+    // One value or a few; equal ones among them now and then.
+    return chance(50) ? PortSpec(oper, {a}) : PortSpec(oper, {a, b, value()});
   }
 
   Acl::IpRuleConfig ipRule(Zol::U32 id, bool v6) {
@@ -302,17 +282,6 @@ std::string describe(sim::Packet const& p) {
   return os.str();
 }
 
-std::string describe(Acl::AclConfig const& acl) {
-  std::ostringstream os;
-  for (auto const& [seq, rule] : acl.ipRuleBySequenceAll()) {
-    os << seq << ": " << rule.stringValue() << "\n";
-  }
-  for (auto const& [seq, rule] : acl.macRuleBySequenceAll()) {
-    os << seq << ": " << rule.stringValue() << "\n";
-  }
-  return os.str();
-}
-
 // An IPv4, an IPv6 and a MAC list, numbered 1 to 3 on the chip.
 constexpr AclType kTypes[] = {AclType::ip, AclType::ipv6, AclType::mac};
 
@@ -336,7 +305,14 @@ struct Lists {
     return *acl[!p.isIp ? 2 : p.srcIp.isV6() ? 1 : 0];
   }
   std::string text() const {
-    return describe(*acl[0]) + "ipv6:\n" + describe(*acl[1]) + "mac:\n" + describe(*acl[2]);
+    std::ostringstream os;
+    for (auto const& a : acl) {
+      for (auto const& [seq, r] : a->ipRuleBySequenceAll())
+        os << seq << ": " << r.stringValue() << "\n";
+      for (auto const& [seq, r] : a->macRuleBySequenceAll())
+        os << seq << ": " << r.stringValue() << "\n";
+    }
+    return os.str();
   }
 };
 

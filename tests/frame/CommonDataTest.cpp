@@ -27,7 +27,6 @@ TEST(VemoCommonSmData, FactoryBuildsInitializedDataWithVerification) {
   EXPECT_EQ(trace.capture.count("void Vemo::VemoCommonSmData::handleInitialized()"), 1u);
   EXPECT_TRUE(cd->initialized() && cd->verifySm());
   ASSERT_TRUE(cd->verifyData());
-  EXPECT_EQ(cd->verifyData()->name(), "verify");
   EXPECT_TRUE(cd->verifyData()->verifyHas("vr"));
 }
 

@@ -1,3 +1,4 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -62,38 +63,22 @@ TEST(TunnelIpAddrList, OneSetHasOneFormWhateverTheOrderItWasBuiltIn) {
   EXPECT_EQ(Zol::valueFromString<TunnelIpAddrList>(a.stringValue()), a);
 }
 
-TEST(SwTunnelGroupIdManagerDeathTest, StartsWithItsRefcountTableAndSingleMemberIdsNeedNoState) {
-  TraceOn trace("SwTunnelGroupIdManager/9");
+// Numbering, sharing, counting and release are the model test's; these are the edges it misses.
+TEST(SwTunnelGroupIdManagerDeathTest, SingleMemberIdsNameTheirAddressAndTheEmptyIdIsNeverCounted) {
   Manager m;
-  EXPECT_EQ(trace.capture.count("void Vemo::SwTunnelGroupIdManager::handleInitialized()"), 1u);
-  ASSERT_TRUE(m.mgr->refcountTable());
-  EXPECT_EQ(m.mgr->refcountTable()->name(), "swTunnelGroupIdRefcountTable");
-
   SwTunnelGroupId const id = m.mgr->getSwTunnelGroupIdForTunnelIpList({ip("10.0.0.1")});
-  EXPECT_EQ(id.value(), Zol::U64{0x0a000001} << 1);
-  EXPECT_EQ(id.index(), 0x0a000001u);
   EXPECT_EQ(m.mgr->getTunnelIpFromSwTunnelGroupId(id), ip("10.0.0.1"));
   EXPECT_EQ(m.mgr->getTunnelIpListFromSwTunnelGroupId(id), TunnelIpAddrList{ip("10.0.0.1")});
   // The whole 32-bit address fits: the top address keeps its top bit.
   EXPECT_EQ(m.mgr->getSwTunnelGroupIdForTunnelIp(ip("255.255.255.255")).value(), 0x1fffffffeu);
   EXPECT_TRUE(m.mgr->getSwTunnelGroupIdForTunnelIpList({}).isEmpty());
-
-  m.mgr->incSwTunnelGroupIdRefcount(id);
   m.mgr->incSwTunnelGroupIdRefcount(SwTunnelGroupId());
-  EXPECT_EQ(m.mgr->refcountTable()->refcountSize(), 1u) << "the empty id is not counted";
-  m.mgr->decSwTunnelGroupIdRefcount(id);
-  m.loop.runUntilIdle();
   EXPECT_EQ(m.mgr->refcountTable()->refcountSize(), 0u);
-  EXPECT_EQ(m.mgr->data()->swTunnelGroupIdToAddrSize(), 0u);
-  EXPECT_EQ(m.mgr->currentIdx(), 0u);
+  // A lone IPv6 endpoint cannot name itself in 63 bits: it is numbered, and found by its number.
+  EXPECT_EQ(m.mgr->getTunnelIpListFromSwTunnelGroupId(
+                m.mgr->getSwTunnelGroupIdForTunnelIpList(TunnelIpAddrList{ip("2001:db8::7")})),
+            TunnelIpAddrList{ip("2001:db8::7")});
 
-  // A lone IPv6 endpoint cannot name itself in 63 bits: it is numbered.
-  TunnelIpAddrList const v6{ip("2001:db8::7")};
-  SwTunnelGroupId const v6Id = m.mgr->getSwTunnelGroupIdForTunnelIpList(v6);
-  EXPECT_EQ(v6Id.value(), 3u);
-  EXPECT_EQ(m.mgr->getTunnelIpListFromSwTunnelGroupId(v6Id), v6);
-
-  EXPECT_EQ(Vemo::convertToSwTunnelGroupId(SwTunnelGroupType::multiMemberGroup, 5).value(), 11u);
   EXPECT_DEATH(Vemo::convertToSwTunnelGroupId(SwTunnelGroupType::singleMemberGroup, 1ULL << 63),
                "!\\( index & \\( 1ULL << 63 \\) \\)");
   EXPECT_DEATH(m.mgr->getTunnelIpFromSwTunnelGroupId(SwTunnelGroupId(3)),
@@ -101,24 +86,13 @@ TEST(SwTunnelGroupIdManagerDeathTest, StartsWithItsRefcountTableAndSingleMemberI
                "SwTunnelGroupType::singleMemberGroup_");
 }
 
-// Sharing, release and numbering are the model test's; these are the traces that show them.
-TEST(SwTunnelGroupIdManager, SharingAndReleaseAreTraced) {
+TEST(SwTunnelGroupIdManager, UpdateTakesTheNewReferenceFirstAndSameIdsChangeNothing) {
   TraceOn trace("SwTunnelGroupIdManager/8");
   Manager m;
   SwTunnelGroupId const a = m.mgr->getSwTunnelGroupIdForTunnelIpList(m.listA);
-  EXPECT_FALSE(trace.capture.contains(" tunnelIpAddrList already assigned a SwTunnelGroupId"));
-  EXPECT_EQ(m.mgr->getSwTunnelGroupIdForTunnelIpList({ip("10.0.0.2"), ip("10.0.0.1")}), a);
-  EXPECT_EQ(trace.capture.count(" tunnelIpAddrList already assigned a SwTunnelGroupId"), 1u);
-  m.mgr->incSwTunnelGroupIdRefcount(a);
-  m.mgr->decSwTunnelGroupIdRefcount(a);
-  m.loop.runUntilIdle();
-  EXPECT_TRUE(trace.capture.contains("releaseSwTunnelGroupId SwTunnelGroupId: 3"));
-}
-
-TEST(SwTunnelGroupIdManager, UpdateTakesTheNewReferenceFirstAndSameIdsChangeNothing) {
-  Manager m;
-  SwTunnelGroupId const a = m.mgr->getSwTunnelGroupIdForTunnelIpList(m.listA);
   SwTunnelGroupId const b = m.mgr->getSwTunnelGroupIdForTunnelIpList(m.listB);
+  EXPECT_EQ(m.mgr->getSwTunnelGroupIdForTunnelIpList(m.listA), a);
+  EXPECT_EQ(trace.capture.count(" tunnelIpAddrList already assigned a SwTunnelGroupId"), 1u);
   m.mgr->incSwTunnelGroupIdRefcount(a);
   CountWatcher watcher;
   watcher.notifierIs(m.mgr->refcountTable());
@@ -134,6 +108,7 @@ TEST(SwTunnelGroupIdManager, UpdateTakesTheNewReferenceFirstAndSameIdsChangeNoth
   m.loop.runUntilIdle();
   EXPECT_FALSE(m.mgr->isSwTunnelGroupIdValid(a));
   EXPECT_TRUE(m.mgr->isSwTunnelGroupIdValid(b));
+  EXPECT_TRUE(trace.capture.contains("releaseSwTunnelGroupId SwTunnelGroupId: 3"));
 
   // From nothing and to nothing: the empty id takes no count.
   watcher.seen.clear();
@@ -146,18 +121,12 @@ TEST(SwTunnelGroupIdManager, UpdateTakesTheNewReferenceFirstAndSameIdsChangeNoth
 
 TEST(SwTunnelGroupIdManager, SequenceNumbersStopBeforeTheTopBit) {
   Manager m;
-  EXPECT_EQ(Vemo::SwTunnelGroupIdManager::maxIdx, (Zol::U64{1} << 63) - 1);
   m.mgr->currentIdxIs(Vemo::SwTunnelGroupIdManager::maxIdx - 1);
-  SwTunnelGroupId const last = m.mgr->getSwTunnelGroupIdForTunnelIpList(m.listA);
-  EXPECT_EQ(last.value(), ~Zol::U64{0});
-  try {
-    m.mgr->getSwTunnelGroupIdForTunnelIpList(m.listB);
-    ADD_FAILURE() << "no range error";
-  } catch (Zol::RangeException const& e) {
-    EXPECT_STREQ(e.what(),
-                 "SwTunnelGroupIdManager::currentIdx < SwTunnelGroupIdManager::minIdx or > "
-                 "SwTunnelGroupIdManager::maxIdx not allowed");
-  }
+  EXPECT_EQ(m.mgr->getSwTunnelGroupIdForTunnelIpList(m.listA).value(), ~Zol::U64{0});
+  EXPECT_THAT([&] { m.mgr->getSwTunnelGroupIdForTunnelIpList(m.listB); },
+              testing::ThrowsMessage<Zol::RangeException>(testing::StrEq(
+                  "SwTunnelGroupIdManager::currentIdx < SwTunnelGroupIdManager::minIdx "
+                  "or > SwTunnelGroupIdManager::maxIdx not allowed")));
   EXPECT_EQ(m.mgr->currentIdx(), Vemo::SwTunnelGroupIdManager::maxIdx);
   EXPECT_FALSE(m.mgr->data()->tunnelIpAddrListToTunnelIdHas(m.listB));
 }

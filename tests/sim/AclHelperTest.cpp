@@ -1,27 +1,22 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
+// Matching against the configured rules, range-checker fallback included, is the ACL property
+// test's; these are the helper's own answers, refusals, bookkeeping and counters.
 #include "Sim/AclHelper.h"
-#include "Vemo/AclRules.h"
+#include "SimTestSupport.h"
 
 namespace {
 
+using namespace simtest;
 using Acl::AclAction;
 using Acl::AclType;
 using Acl::PortOper;
 using Acl::PortSpec;
 using Err = Vemo::AclCreateError;
 using sim::Packet;
-using sim::Status;
-using sim::Table;
-using testing::ElementsAre;
 
 constexpr auto in = Acl::AclDirection::in;
 constexpr auto permit = AclAction::permit;
 constexpr auto deny = AclAction::deny;
 constexpr Err ok = Err::aclCreateErrorNone;
-
-Nepo::IntfId intf(std::string_view name) { return Nepo::IntfId::fromString(name); }
 
 // What one subrule is given for a 16-bit field: a range, value and mask 0.
 struct Field {
@@ -98,21 +93,11 @@ TEST(SimAclHelper, SubrulesProgramEveryUnitAndMatchTheirRule) {
   EXPECT_TRUE(h.ipSubruleExists(*b.data, 1, 0));
   EXPECT_FALSE(h.ipSubruleExists(*b.data, 1, 1));
 
-  Packet p = packet(6, 0);
-  p.srcPort = 5555;
+  Packet p = packet(6, 2000);
   p.tcpFlags = Acl::TcpFlag::syn | Acl::TcpFlag::psh;
-  for (uint16_t port : {999, 1000, 2000, 2001}) {
-    p.dstPort = port;
-    bool const inside = port >= 1000 && port <= 2000;
-    EXPECT_EQ(b.decide(p, inside ? permit : deny), inside ? "0.0" : port < 1000 ? "2.0" : "1.0");
-  }
-  p.tcpFlags = Acl::TcpFlag::ack;
-  p.dstPort = 1000;
-  EXPECT_EQ(b.decide(p, deny), "2.0");
-  // IPv6 traffic is not the IPv4 list's to judge.
-  Packet v6 = packet(6, 1000, "2001:db8::1");
-  v6.tcpFlags = Acl::TcpFlag::syn;
-  EXPECT_EQ(b.decide(v6, permit), "none");
+  EXPECT_EQ(b.decide(p, permit), "0.0");
+  p.dstPort = 2001;
+  EXPECT_EQ(b.decide(p, deny), "1.0");
 
   h.deleteAcl(3);
   EXPECT_EQ(b.chip.size(Table::acl), 0u);
@@ -157,22 +142,6 @@ TEST(SimAclHelper, CheckerExhaustionNamesExactlyTheFieldsThatRanOut) {
   EXPECT_EQ(b.subrule(ipRule(permit, 17, 3), 0, 1, {1, 2}, {1, 2}),
             Err::aclCreateErrorDstPortRangeChecker);
   EXPECT_EQ(b.chip.acls().rangeCheckerUsers(1, sim::RangeField::srcPort, {1, 2}), 1u);
-
-  // The SM then falls back to value/mask entries, which match exactly the same packets.
-  auto const config = Zol::make<Acl::AclConfig>("config", "web");
-  Acl::IpRuleConfig web = ipRule(permit, 6);
-  Acl::IpFilter f = web.filter();
-  f.dstPortIs(PortSpec(PortOper::portRange, {1000, 2000}));
-  web.filterIs(f);
-  config->ipRuleBySequenceIs(10, web);
-  b.data->aclNumberIs(4);
-  ASSERT_EQ(Vemo::createAclRules(*b.helper, *b.data, *config), ok);
-  ASSERT_EQ(b.chip.acls().bind(intf("Ethernet4"), in, 4), Status::ok);
-  EXPECT_EQ(b.chip.acls().rangeCheckersUsed(1), 1u);
-  EXPECT_EQ(b.decide(packet(6, 999), deny), "1.0");
-  EXPECT_NE(b.decide(packet(6, 1000), permit), "none");
-  EXPECT_NE(b.decide(packet(6, 2000), permit), "none");
-  EXPECT_EQ(b.decide(packet(6, 2001), deny), "1.0");
 }
 
 TEST(SimAclHelper, RefusalsLeaveNoUnitProgrammed) {
@@ -224,14 +193,6 @@ TEST(SimAclHelper, FragmentPermitsFinalRulesAndMacRules) {
   EXPECT_EQ(b.decide(p, permit), "0.3");
   p.ecn = 0;
   EXPECT_EQ(b.decide(p, deny), "1.4");
-  p = packet(6, 23, "2001:db8::1");
-  p.ecn = 2;
-  EXPECT_EQ(b.decide(p, deny), "1.4");
-  Packet nd = packet(58, 0, "fe80::1");
-  for (uint8_t type : {133, 136, 137}) {
-    nd.icmpType = type;
-    EXPECT_EQ(b.decide(nd, type < 137 ? permit : deny), "1." + std::to_string(type - 133));
-  }
 
   Bench m(AclType::mac, 7);
   Acl::MacFilter mf;
@@ -251,11 +212,6 @@ TEST(SimAclHelper, FragmentPermitsFinalRulesAndMacRules) {
   EXPECT_EQ(m.decide(arp, permit), "0.0");
   EXPECT_TRUE(m.helper->macRuleExists(*m.data, 1));
   EXPECT_FALSE(m.helper->macRuleExists(*m.data, 2));
-  arp.vlan = 12;
-  EXPECT_EQ(m.decide(arp, deny), "1.0");
-  arp.vlan = 10;
-  arp.srcMac = Nepo::EthAddr(3, 0, 0, 0, 0, 0);
-  EXPECT_EQ(m.decide(arp, deny), "1.0");
   mf.mplsLabelMatchIs(true);
   rule.filterIs(mf);
   EXPECT_EQ(m.helper->createMacAclRule(rule, rule.uniqueId(), *m.data, 0),
@@ -283,9 +239,8 @@ TEST(SimAclHelper, InstallSurfacesUnitErrorsAndDestroyLeavesNothingBound) {
 
   b.chip.faultIs(Table::acl, Status::full, 1);
   EXPECT_EQ(h.addIntfToAcl(intf("Ethernet1"), *b.data), Err::aclCreateErrorTcamExhaustion);
-  for (auto name : {"Ethernet1", "Ethernet2", "Vlan10"}) {
-    ASSERT_EQ(h.addIntfToAcl(intf(name), *b.data), ok);
-  }
+  for (auto port : {"Ethernet1", "Ethernet2", "Vlan10"})
+    ASSERT_EQ(h.addIntfToAcl(intf(port), *b.data), ok);
   // The replacing instance's bind takes the port over; a port it already took is left to it.
   h.removeIntfFromAcl(intf("Ethernet1"), *b.data, true);
   EXPECT_EQ(bound("Ethernet1"), 3u);
@@ -355,7 +310,7 @@ TEST(SimAclHelper, AsyncAnswersComeAfterTheDelayInCallOrderEvenWhenRepeated) {
   h.prepareToCommit(*b.data);
   EXPECT_TRUE(b.chip.acls().blocked(intf("Ethernet4")));  // the chip work is done at once
   b.loop.advanceBy(0.0005);
-  EXPECT_THAT(w.seen, testing::IsEmpty());
+  EXPECT_THAT(w.seen, IsEmpty());
   b.loop.advanceBy(0.0005);
   EXPECT_THAT(w.seen, ElementsAre("Ethernet4 on", "aclCreateErrorTcamExhaustion"));
 

@@ -1,34 +1,37 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "Sim/Chip.h"
+#include "SimTestSupport.h"
 #include "Zol/Json.h"
 
 namespace {
 
+using namespace simtest;
 using Acl::AclAction;
 using Acl::AclDirection;
-using Nepo::IntfId;
 using sim::AclEntry;
 using sim::Chip;
 using sim::Packet;
 using sim::PortRange;
 using sim::RangeField;
-using sim::Status;
-using sim::Table;
-using testing::ElementsAre;
 
 constexpr auto in = AclDirection::in;
 constexpr auto permit = AclAction::permit;
 constexpr auto deny = AclAction::deny;
 
-IntfId intf(std::string_view name) { return IntfId::fromString(name); }
-
-AclEntry entry(uint32_t acl, uint32_t rule, uint32_t sub, AclAction action) {
+// Subrule sub of the rule; a destination port or network of 0 or "" matches any.
+AclEntry entry(uint32_t acl, uint32_t rule, AclAction action, uint16_t dstPort = 0,
+               std::string_view dstNet = "", uint32_t sub = 0) {
   AclEntry e;
   e.key = sim::AclEntryKey{acl, rule, sub};
   e.action = action;
+  if (dstPort) e.dstPort = {dstPort, 0xffff};
+  if (!dstNet.empty()) e.dstIp = Nepo::IpPrefix::fromString(dstNet);
   return e;
+}
+
+// Writes the entries, in this order, into the ingress TCAM of both units.
+void addToBothUnits(Chip& chip, std::initializer_list<AclEntry> entries) {
+  for (uint32_t unit : {0u, 1u}) {
+    for (AclEntry const& e : entries) ASSERT_EQ(chip.acls().entryAdd(unit, in, e), Status::ok);
+  }
 }
 
 Packet tcp(std::string_view port, uint16_t dstPort, std::string_view dst = "10.1.1.1") {
@@ -44,18 +47,9 @@ Packet tcp(std::string_view port, uint16_t dstPort, std::string_view dst = "10.1
 
 TEST(SimChipAcl, ClassifyTakesTheFirstMatchOfTheBoundInstanceAndCounts) {
   Chip chip(Chip::Config{2, 2});
-  AclEntry web = entry(3, 1, 0, permit);
-  web.dstPort = {80, 0xffff};
-  AclEntry net10 = entry(3, 0, 0, deny);
-  net10.dstIp = Nepo::IpPrefix::fromString("10.0.0.0/8");
-  AclEntry last = entry(3, 2, 0, deny);
-  AclEntry other = entry(4, 0, 0, permit);
-  for (uint32_t unit : {0u, 1u}) {
-    // Written out of order: lookup follows (rule, subrule), not the order of writing.
-    for (AclEntry const* e : {&web, &net10, &other, &last}) {
-      ASSERT_EQ(chip.acls().entryAdd(unit, in, *e), Status::ok);
-    }
-  }
+  // Written out of order: lookup follows (rule, subrule), not the order of writing.
+  addToBothUnits(chip, {entry(3, 1, permit, 80), entry(3, 0, deny, 0, "10.0.0.0/8"),
+                        entry(4, 0, permit), entry(3, 2, deny)});
   auto decide = [&](Packet const& p, AclAction want) {
     sim::ClassifyResult const r = chip.classify(p);
     EXPECT_EQ(r.action, want);
@@ -81,6 +75,7 @@ TEST(SimChipAcl, ClassifyTakesTheFirstMatchOfTheBoundInstanceAndCounts) {
   EXPECT_EQ(chip.acls().entry(1, in, {3, 1, 0})->hits, 2u);
   EXPECT_EQ(chip.acls().entry(0, in, {3, 1, 0})->hits, 1u);
 
+  // Blocked: dropped before the lookup, so nothing counts.
   chip.acls().blockIs(intf("Ethernet3"), true);
   EXPECT_TRUE(chip.classify(tcp("Ethernet3", 80, "11.0.0.1")).blocked);
   EXPECT_EQ(decide(tcp("Ethernet3", 80, "11.0.0.1"), deny), 99u);
@@ -95,15 +90,8 @@ TEST(SimChipAcl, ClassifyTakesTheFirstMatchOfTheBoundInstanceAndCounts) {
 
 TEST(SimChipAcl, APacketOfAVlanAlsoMeetsTheVlanInterface) {
   Chip chip(Chip::Config{2, 2});
-  AclEntry web = entry(3, 0, 0, permit);
-  web.dstPort = {80, 0xffff};
-  AclEntry net10 = entry(4, 0, 0, deny);
-  net10.dstIp = Nepo::IpPrefix::fromString("10.0.0.0/8");
-  for (uint32_t unit : {0u, 1u}) {
-    for (AclEntry const& e : {web, entry(3, 1, 0, deny), net10, entry(4, 1, 0, permit)}) {
-      ASSERT_EQ(chip.acls().entryAdd(unit, in, e), Status::ok);
-    }
-  }
+  addToBothUnits(chip, {entry(3, 0, permit, 80), entry(3, 1, deny),
+                        entry(4, 0, deny, 0, "10.0.0.0/8"), entry(4, 1, permit)});
   ASSERT_EQ(chip.acls().bind(intf("Ethernet3"), in, 3), Status::ok);
   ASSERT_EQ(chip.acls().bind(intf("Vlan10"), in, 4), Status::ok);
   auto decide = [&](std::string_view port, uint16_t vlan, uint16_t dstPort, std::string_view dst) {
@@ -129,14 +117,15 @@ TEST(SimChipAcl, APacketOfAVlanAlsoMeetsTheVlanInterface) {
 TEST(SimChipAcl, CheckersAreSharedPerUnitAndTheDumpShowsTheAclPart) {
   Chip chip(Chip::Config{2, 2});
   rapidjson::Document doc;
-  auto& alloc = doc.GetAllocator();
-  EXPECT_EQ(Zol::jsonText(*chip.lookup({"acl", "units", "1", "rangeCheckers"}, alloc)),
-            R"({"used":0,"capacity":32})");
+  auto const tree = [&](std::vector<std::string> const& path) {
+    return Zol::jsonText(*chip.lookup(path, doc.GetAllocator()));
+  };
+  EXPECT_EQ(tree({"acl", "units", "1", "rangeCheckers"}), R"({"used":0,"capacity":32})");
   chip.capacityIs(Table::acl, 2);
   chip.capacityIs(Table::rangeChecker, 1);
-  AclEntry a = entry(1, 0, 0, deny);
+  AclEntry a = entry(1, 0, deny);
   a.rangeIs(RangeField::srcPort, PortRange{10, 20});
-  AclEntry b = entry(1, 0, 1, deny);
+  AclEntry b = entry(1, 0, deny, 0, "", 1);
   b.ranges = {PortRange{10, 20}, PortRange{1, 2}, std::nullopt};
   ASSERT_EQ(chip.acls().entryAdd(0, in, a), Status::ok);
   // The identical source range is shared; the destination range finds the pool empty.
@@ -145,10 +134,10 @@ TEST(SimChipAcl, CheckersAreSharedPerUnitAndTheDumpShowsTheAclPart) {
   EXPECT_EQ(missing, sim::rangeFieldBit(RangeField::dstPort));
   chip.capacityIs(Table::rangeChecker, 2);
   // The TCAM is full per unit and direction; writing at a key replaces that entry.
-  ASSERT_EQ(chip.acls().entryAdd(0, in, entry(1, 5, 0, deny)), Status::ok);
-  EXPECT_EQ(chip.acls().entryAdd(0, in, entry(1, 6, 0, deny)), Status::full);
-  EXPECT_EQ(chip.acls().entryAdd(0, in, entry(1, 5, 0, permit)), Status::ok);
-  EXPECT_EQ(chip.acls().entryAdd(0, AclDirection::out, entry(1, 6, 0, deny)), Status::ok);
+  ASSERT_EQ(chip.acls().entryAdd(0, in, entry(1, 5, deny)), Status::ok);
+  EXPECT_EQ(chip.acls().entryAdd(0, in, entry(1, 6, deny)), Status::full);
+  EXPECT_EQ(chip.acls().entryAdd(0, in, entry(1, 5, permit)), Status::ok);
+  EXPECT_EQ(chip.acls().entryAdd(0, AclDirection::out, entry(1, 6, deny)), Status::ok);
   chip.faultIs(Table::rangeChecker, Status::busy, 1);
   EXPECT_EQ(chip.acls().entryAdd(1, in, a), Status::busy);
   EXPECT_THAT(chip.errors(),
@@ -160,7 +149,7 @@ TEST(SimChipAcl, CheckersAreSharedPerUnitAndTheDumpShowsTheAclPart) {
   chip.acls().blockIs(intf("Vlan5"), true);
   chip.acls().unitErrorIs(1, Vemo::AclCreateError::aclCreateErrorTooManyAcls);
   EXPECT_EQ(chip.classify(tcp("Ethernet2", 1)).action, permit);
-  EXPECT_EQ(Zol::jsonText(*chip.lookup({"acl"}, alloc)),
+  EXPECT_EQ(tree({"acl"}),
             R"({"units":[{"unit":0,"in":{"used":2,"capacity":2,"instances":{"1":)"
             R"({"entries":2,"hits":1}}},"out":{"used":1,"capacity":2,"instances":{"1":)"
             R"({"entries":1,"hits":0}}},"rangeCheckers":{"used":1,"capacity":2}},{"unit":1,)"
@@ -168,8 +157,7 @@ TEST(SimChipAcl, CheckersAreSharedPerUnitAndTheDumpShowsTheAclPart) {
             R"("instances":{}},"rangeCheckers":{"used":0,"capacity":2},)"
             R"("error":"aclCreateErrorTooManyAcls"}],"bindings":{"Ethernet2":{"in":1}},)"
             R"("blocked":["Vlan5"],"writes":6,"operations":9})");
-  EXPECT_EQ(Zol::jsonText(*chip.lookup({"capacity"}, alloc)),
-            R"({"lag":1024,"mac":32768,"vxlan":4096})");
+  EXPECT_EQ(tree({"capacity"}), R"({"lag":1024,"mac":32768,"vxlan":4096})");
   chip.acls().deleteInstance(1);
   EXPECT_EQ(chip.acls().rangeCheckersUsed(0), 0u);
   EXPECT_EQ(chip.size(Table::acl), 0u);

@@ -1,29 +1,19 @@
 // The chip's layer-2 table: room and buckets, what the chip does on its own (learning, moves,
-// aging, link loss), where the bridging stage sends packets, and remote (VXLAN) entries.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
+// aging, link loss), where the bridging stage sends packets, and remote (VXLAN) entries. Secure
+// (802.1X) ports are the mac-dot1x example's.
 #include <set>
-#include <string>
-#include <vector>
 
-#include "Sim/Chip.h"
+#include "SimTestSupport.h"
 #include "Zol/Json.h"
 
 namespace {
 
+using namespace simtest;
 using Bridging::EntryType;
-using Nepo::EthAddr;
-using Nepo::IntfId;
 using Nepo::IpAddr;
 using sim::MacKey;
-using sim::Status;
 using sim::VlanMembership;
-using testing::ElementsAre;
-using testing::IsEmpty;
 
-IntfId intf(std::string_view name) { return IntfId::fromString(name); }
-EthAddr mac(uint64_t n) { return EthAddr::fromValue(0x020000000000 + n); }
 MacKey key(uint16_t vlan, uint64_t n) { return MacKey{vlan, mac(n)}; }
 IpAddr ip(std::string_view text) { return IpAddr::fromString(text); }
 EthAddr const all = EthAddr::broadcast();
@@ -51,26 +41,35 @@ struct Bench {
   Status addRemote(MacKey const& k, uint32_t nextHop, bool aging = false) {
     return t.addRemote(k, intf("Vxlan1"), nextHop, EntryType::configuredRemoteMac, aging);
   }
-  sim::ClassifyResult send(std::string_view port, uint64_t src, EthAddr dst, uint16_t vlan = 0) {
+  sim::ClassifyResult send(std::string_view port, uint64_t src, EthAddr dst, uint16_t vlan = 0,
+                           std::optional<sim::VxlanDecap> decap = {}) {
     sim::Packet p;
     p.intf = intf(port);
     p.vlan = vlan;
     p.srcMac = mac(src);
     p.dstMac = dst;
+    p.decap = decap;
     return chip.classify(p);
   }
   // Arrived on Ethernet8 through Vxlan1's tunnel.
   sim::ClassifyResult decap(std::string_view vtep, uint32_t vni, uint64_t src, EthAddr dst) {
-    sim::Packet p;
-    p.intf = intf("Ethernet8");
-    p.srcMac = mac(src);
-    p.dstMac = dst;
-    p.decap = sim::VxlanDecap{intf("Vxlan1"), ip(vtep), vni};
-    return chip.classify(p);
+    return send("Ethernet8", src, dst, 0, sim::VxlanDecap{intf("Vxlan1"), ip(vtep), vni});
+  }
+  // Five hosts of vlan that share a bucket, and one in another bucket.
+  std::pair<std::vector<uint64_t>, uint64_t> bucketmates(uint16_t vlan) const {
+    std::vector<uint64_t> same;
+    uint64_t other = 0;
+    for (uint64_t n = 1; same.size() < 5 || other == 0; ++n) {
+      bool const together = t.bucket(key(vlan, n)) == t.bucket(key(vlan, 1));
+      if (together && same.size() < 5) same.push_back(n);
+      if (!together && other == 0) other = n;
+    }
+    return {same, other};
   }
   std::string at(MacKey const& k) const {
     return t.entry(k) ? t.entry(k)->intf.stringValue() : "none";
   }
+  void vlans(std::string_view port, VlanMembership const& m) { t.vlanMembershipIs(intf(port), m); }
   void lag(std::string_view name, std::vector<std::pair<std::string_view, bool>> const& members) {
     ASSERT_EQ(chip.lags().create(intf(name)), Status::ok);
     for (auto [port, distributing] : members) {
@@ -83,13 +82,7 @@ struct Bench {
 TEST(SimChipMac, AFullBucketRefusesWhileTheTableHasRoom) {
   Bench b;
   b.t.capacityIs(16);  // 4 buckets of 4
-  std::vector<uint64_t> same;
-  uint64_t other = 0;
-  for (uint64_t n = 1; same.size() < 5 || other == 0; ++n) {
-    bool const together = b.t.bucket(key(1, n)) == b.t.bucket(key(1, 1));
-    if (together && same.size() < 5) same.push_back(n);
-    if (!together && other == 0) other = n;
-  }
+  auto const [same, other] = b.bucketmates(1);
   for (int i = 0; i < 4; ++i) ASSERT_EQ(b.add(key(1, same[i]), "Ethernet1"), Status::ok);
   EXPECT_EQ(b.add(key(1, same[4]), "Ethernet1"), Status::full);
   EXPECT_TRUE(b.t.lastFullWasCollision());
@@ -109,9 +102,7 @@ TEST(SimChipMac, StaticEntriesOutliveAgingFlushesAndMovesWhileDynamicOnesAreRepo
   Bench b;
   ASSERT_EQ(b.add(key(10, 1), "Ethernet1"), Status::ok);
   ASSERT_EQ(b.add(key(10, 2), "Ethernet2", EntryType::configuredDynamicMac), Status::ok);
-  for (auto port : {"Ethernet3", "Ethernet4"}) {
-    b.t.vlanMembershipIs(intf(port), VlanMembership::access(10));
-  }
+  for (auto port : {"Ethernet3", "Ethernet4"}) b.vlans(port, VlanMembership::access(10));
   b.now = 50;
   EXPECT_TRUE(b.send("Ethernet3", 3, all).learned);
   // The static host seen elsewhere stays; the dynamic one moves, as a learn.
@@ -124,11 +115,10 @@ TEST(SimChipMac, StaticEntriesOutliveAgingFlushesAndMovesWhileDynamicOnesAreRepo
   EXPECT_EQ(b.t.age(349, 300), 0u);
   EXPECT_EQ(b.t.age(350, 300), 1u);
   EXPECT_EQ(b.t.age(10000, 0), 0u);  // aging off
-  EXPECT_EQ(b.at(key(10, 3)), "Ethernet3");
   EXPECT_EQ(b.t.flush(0), 1u);
   EXPECT_EQ(b.t.flushIntf(0, intf("Ethernet1")), 0u);
-  EXPECT_EQ(b.at(key(10, 1)), "Ethernet1");
-  // A static entry replacing a dynamic one leaves the reports; the VLAN's removal takes both.
+  // Aging took host 2 and the flush host 3, the static host 1 stays (see the reports). A static
+  // entry replacing a dynamic one leaves the reports; the VLAN's removal takes both.
   ASSERT_EQ(b.add(key(10, 5), "Ethernet5", EntryType::configuredDynamicMac), Status::ok);
   ASSERT_EQ(b.add(key(10, 5), "Ethernet5"), Status::ok);
   EXPECT_EQ(b.t.removeVlan(10), 2u);
@@ -140,14 +130,12 @@ TEST(SimChipMac, StaticEntriesOutliveAgingFlushesAndMovesWhileDynamicOnesAreRepo
                   "-vlan 10 02:00:00:00:00:05"));
   EXPECT_EQ(b.t.learns(), 2u);
   EXPECT_EQ(b.t.aged(), 1u);
-  EXPECT_THAT(b.t.entries(), IsEmpty());
 }
 
 TEST(SimChipMac, AHostAnotherSwitchReportedMovesWhenLearnedHereButNeverAges) {
   Bench b;
   ASSERT_EQ(b.add(key(10, 1), "Ethernet8", EntryType::peerDynamicMac), Status::ok);
-  b.t.vlanMembershipIs(intf("Ethernet3"), VlanMembership::access(10));
-  b.t.vlanMembershipIs(intf("Ethernet8"), VlanMembership::access(10));
+  for (auto port : {"Ethernet3", "Ethernet8"}) b.vlans(port, VlanMembership::access(10));
   b.now = 400;
   EXPECT_EQ(b.t.age(400, 300), 0u);
   // Seen where it was programmed: nothing to learn.
@@ -157,14 +145,6 @@ TEST(SimChipMac, AHostAnotherSwitchReportedMovesWhenLearnedHereButNeverAges) {
   EXPECT_TRUE(b.send("Ethernet3", 1, all).learned);
   EXPECT_EQ(b.t.entry(key(10, 1))->type, EntryType::learnedDynamicMac);
   EXPECT_THAT(b.events, ElementsAre("+vlan 10 02:00:00:00:00:01 Ethernet3"));
-
-  // A secure port passes only what is programmed static on it, and learns nothing.
-  b.t.secureIs(intf("Ethernet8"), true);
-  ASSERT_EQ(b.add(key(10, 2), "Ethernet8"), Status::ok);
-  EXPECT_TRUE(b.send("Ethernet8", 2, all).dropReason.empty());
-  EXPECT_EQ(b.send("Ethernet8", 1, all).dropReason, "source not authorised on Ethernet8");
-  EXPECT_EQ(b.send("Ethernet8", 9, all).dropReason, "source not authorised on Ethernet8");
-  EXPECT_EQ(b.at(key(10, 9)), "none");
 }
 
 TEST(SimChipMac, LearningFollowsPortAndVlanSwitchesPortChannelsAndLinks) {
@@ -172,7 +152,7 @@ TEST(SimChipMac, LearningFollowsPortAndVlanSwitchesPortChannelsAndLinks) {
   b.lag("Port-Channel1", {{"Ethernet5", true}});
   b.t.learningIs(intf("Ethernet3"), false);
   b.t.vlanLearningIs(20, false);
-  b.t.vlanMembershipIs(intf("Ethernet1"), VlanMembership::trunkOf({1, 20}));
+  b.vlans("Ethernet1", VlanMembership::trunkOf({1, 20}));
   EXPECT_FALSE(b.send("Ethernet3", 1, {}).learned);
   EXPECT_FALSE(b.send("Ethernet1", 1, {}, 20).learned);
   EXPECT_TRUE(b.send("Ethernet1", 1, {}).learned);
@@ -203,11 +183,9 @@ TEST(SimChipMac, LearningFollowsPortAndVlanSwitchesPortChannelsAndLinks) {
 TEST(SimChipMac, FloodsOneMemberPerPortChannelAndHashesFlowsOverDistributingMembers) {
   Bench b;
   b.lag("Port-Channel1", {{"Ethernet5", true}, {"Ethernet6", true}, {"Ethernet7", false}});
-  for (auto port : {"Ethernet1", "Ethernet8"}) {
-    b.t.vlanMembershipIs(intf(port), VlanMembership::access(10));
-  }
-  b.t.vlanMembershipIs(intf("Ethernet2"), VlanMembership::trunkOf({10, 20}));
-  b.t.vlanMembershipIs(intf("Port-Channel1"), VlanMembership::trunkOf({10}));
+  for (auto port : {"Ethernet1", "Ethernet8"}) b.vlans(port, VlanMembership::access(10));
+  b.vlans("Ethernet2", VlanMembership::trunkOf({10, 20}));
+  b.vlans("Port-Channel1", VlanMembership::trunkOf({10}));
   // The one member of Port-Channel1 a result leaves by.
   auto const member = [](sim::ClassifyResult const& r) {
     std::vector<IntfId> m;
@@ -263,13 +241,7 @@ TEST(SimChipMac, FloodsOneMemberPerPortChannelAndHashesFlowsOverDistributingMemb
 TEST(SimChipMac, RemoteEntriesTakeSlotsHaveTheirOwnLimitAndOutliveFlushes) {
   Bench b;
   b.t.capacityIs(8);  // 2 buckets of 4
-  std::vector<uint64_t> same;
-  uint64_t other = 0;
-  for (uint64_t n = 1; same.size() < 5 || other == 0; ++n) {
-    bool const together = b.t.bucket(key(10, n)) == b.t.bucket(key(10, 1));
-    if (together && same.size() < 5) same.push_back(n);
-    if (!together && other == 0) other = n;
-  }
+  auto const [same, other] = b.bucketmates(10);
   for (int i = 0; i < 4; ++i) ASSERT_EQ(b.addRemote(key(10, same[i]), 7), Status::ok);
   EXPECT_EQ(b.add(key(10, same[4]), "Ethernet1"), Status::full);
   EXPECT_EQ(b.addRemote(key(10, same[4]), 7), Status::full);
@@ -305,9 +277,7 @@ TEST(SimChipMac, RemoteEntriesTakeSlotsHaveTheirOwnLimitAndOutliveFlushes) {
 TEST(SimChipMac, PacketsToRemoteHostsLeaveByTheTunnelInTheVlansVniOrAreDropped) {
   Bench b;
   sim::VxlanTable& vx = b.chip.vxlan();
-  for (auto port : {"Ethernet1", "Ethernet2"}) {
-    b.t.vlanMembershipIs(intf(port), VlanMembership::trunkOf({10, 20}));
-  }
+  for (auto port : {"Ethernet1", "Ethernet2"}) b.vlans(port, VlanMembership::trunkOf({10, 20}));
   ASSERT_EQ(vx.vniIs(10, 10010), Status::ok);
   ASSERT_EQ(vx.tunnelIs(7, {intf("Vxlan1"), {ip("10.0.0.3"), ip("10.0.0.2"), ip("10.0.0.3")}, 3}),
             Status::ok);
@@ -338,7 +308,6 @@ TEST(SimChipMac, PacketsToRemoteHostsLeaveByTheTunnelInTheVlansVniOrAreDropped) 
   ASSERT_EQ(vx.tunnelIs(8, {intf("Vxlan1"), {ip("10.0.0.4")}, 4}), Status::ok);
   r = b.send("Ethernet1", 50, mac(2), 10);
   EXPECT_EQ(r.vxlan, (sim::VxlanEncap{intf("Vxlan1"), ip("10.0.0.4"), 10010, 4}));
-  EXPECT_EQ(r.dropReason, "");
   vx.tunnelDel(8);
   EXPECT_EQ(b.send("Ethernet1", 50, mac(2), 10).dropReason, "no tunnel for next hop 8");
   r = b.send("Ethernet1", 50, mac(99), 10);

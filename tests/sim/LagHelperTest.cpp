@@ -1,33 +1,13 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
 #include "Sim/LagHelper.h"
 #include "SimTestSupport.h"
 
 namespace {
 
-using Nepo::IntfId;
-using sim::Chip;
-using sim::Status;
-using sim::Table;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using Zol::ActivityLoop;
-
-IntfId intf(std::string_view name) { return IntfId::fromString(name); }
-
-Vemo::VemoLagPortList membersOf(std::initializer_list<std::string_view> names) {
-  Vemo::VemoLagPortList list;
-  for (auto name : names) list.portIs(intf(name), Vemo::VemoLagPort(true, true));
-  return list;
-}
+using namespace simtest;
 
 struct Bench {
-  ActivityLoop loop{ActivityLoop::TimeMode::simulated};
-  Chip chip{Chip::Config{1, 8}};
+  Zol::ActivityLoop loop{Zol::ActivityLoop::TimeMode::simulated};
+  sim::Chip chip{sim::Chip::Config{1, 8}};
   Zol::Ptr<Vemo::VemoCommonSmData> cd = Vemo::vemoCommonSmDataFactory("cd");
   Zol::Ptr<sim::LagHelper> helper = Zol::make<sim::LagHelper>("lagHelper", chip, cd);
 
@@ -35,7 +15,7 @@ struct Bench {
     auto const* entry = chip.lags().entry(intf(lag));
     return entry ? &entry->members : nullptr;
   }
-  std::vector<std::string> verify() { return simtest::verifyTexts(*cd, *helper); }
+  std::vector<std::string> verify() { return verifyTexts(*cd, *helper); }
 };
 
 TEST(SimLagHelper, ProgramsTheChipAndRetriesWhatItRefuses) {
@@ -45,11 +25,8 @@ TEST(SimLagHelper, ProgramsTheChipAndRetriesWhatItRefuses) {
   EXPECT_EQ(h.calls("beforeHwInit"), 1u);
   h.hwInit();
   EXPECT_FALSE(b.chip.lags().lacpEnabled());
-  EXPECT_TRUE(h.intfManagedCheckOverride());
   EXPECT_TRUE(h.isIntfManaged(intf("Ethernet8")));
   EXPECT_FALSE(h.isIntfManaged(intf("Ethernet9")));
-  h.managedCheckOverrideIs(false);
-  EXPECT_FALSE(h.intfManagedCheckOverride());
 
   // Busy twice: the create and the update that follows it are both refused; one retry 0.2 s
   // later programs the whole list.

@@ -1,35 +1,22 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <set>
-#include <string>
-#include <vector>
 
 #include "Sim/MacAddrHelper.h"
 #include "SimTestSupport.h"
-#include "Vemo/VemoCommon.h"
 
 namespace {
 
+using namespace simtest;
 using Bridging::EntryType;
 using Bridging::MacVlanPair;
-using Nepo::EthAddr;
-using Nepo::IntfId;
-using sim::Chip;
-using sim::Status;
-using sim::Table;
-using testing::ElementsAre;
-using testing::IsEmpty;
 using enum Vemo::MacProgramStatus;
-using Zol::ActivityLoop;
 
-IntfId intf(std::string_view name) { return IntfId::fromString(name); }
-EthAddr mac(uint64_t n) { return EthAddr::fromValue(0x020000000000 + n); }
 MacVlanPair pair(uint16_t vlan, uint64_t n) { return MacVlanPair(mac(n), Bridging::VlanId(vlan)); }
+IntfId eth(uint32_t n) { return IntfId(Nepo::IntfKind::Ethernet, {n}); }
 
 struct Bench {
-  ActivityLoop loop{ActivityLoop::TimeMode::simulated};
-  Chip chip{Chip::Config{1, 8}};
+  Zol::ActivityLoop loop{Zol::ActivityLoop::TimeMode::simulated};
+  Tolm::TimerWheel wheel{loop};
+  sim::Chip chip{sim::Chip::Config{1, 8}};
   Zol::Ptr<Vemo::VemoCommonSmData> cd = Vemo::vemoCommonSmDataFactory("cd");
   Zol::Ptr<VemoTypes::MacTable> driver = Zol::make<VemoTypes::MacTable>("driver");
   Zol::Ptr<sim::MacAddrHelper> helper =
@@ -52,7 +39,18 @@ struct Bench {
     }
     return out;
   }
-  std::vector<std::string> verify() { return simtest::verifyTexts(*cd, *helper); }
+  std::vector<std::string> verify() { return verifyTexts(*cd, *helper); }
+  // Where the chip has the host, or none.
+  IntfId at(MacVlanPair const& k) const {
+    auto const* e = chip.macs().entry(sim::MacKey::of(k));
+    return e ? e->intf : IntfId();
+  }
+  // Writes from now on go through the chip's indirect commands, run on the wheel.
+  sim::MacIndirectAccess& indirect() {
+    helper->hwInit();
+    helper->indirectAccessIs(wheel);
+    return *helper->indirectAccess();
+  }
 };
 
 TEST(SimMacAddrHelper, TheDriverTableFollowsLearnsMovesAgingFlushesAndStaticReplacement) {
@@ -88,7 +86,7 @@ TEST(SimMacAddrHelper, TheDriverTableFollowsLearnsMovesAgingFlushesAndStaticRepl
   b.loop.advanceBy(200);
   EXPECT_THAT(b.published(), IsEmpty());
   EXPECT_EQ(b.loop.armedTimers(), 0u);
-  EXPECT_EQ(b.chip.macs().entry(sim::MacKey::of(pair(1, 1)))->intf, intf("Ethernet1"));
+  EXPECT_EQ(b.at(pair(1, 1)), intf("Ethernet1"));
 
   // Flushes take the dynamic entries of what they name, and the driver table follows.
   for (uint16_t vlan : {1, 20}) {
@@ -158,13 +156,13 @@ TEST(SimMacAddrHelper, VerificationLearningAndLinkStateAgreeWithTheChip) {
   ASSERT_TRUE(b.packet("Ethernet5", 9));  // learned entries are the chip's own
   EXPECT_THAT(b.verify(), IsEmpty());
 
-  ASSERT_EQ(b.chip.macs().remove(sim::MacKey::of(pair(1, 1))), Status::ok);
-  ASSERT_EQ(b.chip.macs().add(sim::MacKey::of(pair(1, 2)), intf("Ethernet2"), EntryType::routerMac,
-                              false),
+  auto const key = [](MacVlanPair const& k) { return sim::MacKey::of(k); };
+  ASSERT_EQ(b.chip.macs().remove(key(pair(1, 1))), Status::ok);
+  ASSERT_EQ(b.chip.macs().add(key(pair(1, 2)), intf("Ethernet2"), EntryType::routerMac, false),
             Status::ok);
-  ASSERT_EQ(b.chip.macs().add(sim::MacKey::of(pair(1, 8)), intf("Ethernet3"),
-                              EntryType::configuredStaticMac, false),
-            Status::ok);
+  ASSERT_EQ(
+      b.chip.macs().add(key(pair(1, 8)), intf("Ethernet3"), EntryType::configuredStaticMac, false),
+      Status::ok);
   EXPECT_THAT(b.verify(),
               ElementsAre("vlan 1 02:00:00:00:00:01: programmed behind Ethernet1 "
                           "(configuredStaticMac), not in hardware",
@@ -184,7 +182,7 @@ TEST(SimMacAddrHelper, VerificationLearningAndLinkStateAgreeWithTheChip) {
   program(pair(1, 6), "Ethernet6", EntryType::configuredDynamicMac);
   ASSERT_EQ(b.published().size(), 3u);
   h.handleLinkStateAtInit();
-  EXPECT_EQ(b.chip.macs().entry(sim::MacKey::of(pair(1, 6))), nullptr);
+  EXPECT_EQ(b.at(pair(1, 6)), IntfId());
   EXPECT_EQ(b.published().size(), 2u);
 }
 
@@ -239,10 +237,8 @@ TEST(SimMacAddrHelper, RemoteHostsAreWrittenCountedAndVerifiedButNeverPublished)
                                       "(configuredStaticMac), hardware has Vxlan1 "
                                       "(configuredRemoteMac)"));
 
-  // The chip's limit is what the SM is told, and what refuses a new remote host.
-  EXPECT_EQ(h.getMaxRemoteMacs(), 16384u);
+  // The chip's limit refuses a new remote host, not as a collision.
   h.maxRemoteMacsIs(3);
-  EXPECT_EQ(h.getMaxRemoteMacs(), 3u);
   EXPECT_EQ(remote(pair(1, 4), 7, true), macProgramFull);
   EXPECT_FALSE(h.lastFullIsHashCollision());
   EXPECT_EQ(h.removeHost(pair(1, 1), EntryType::configuredRemoteMac), macProgramSuccess);
@@ -285,12 +281,94 @@ TEST(SimMacAddrHelper, AHostBackFromATunnelIsOneLocalWriteOrNoneWhenTheChipLearn
   EXPECT_EQ(b.chip.macs().entry(sim::MacKey::of(pair(1, 2)))->lastSeen, 10);
   // Learned elsewhere than the SM says: written where the SM says.
   EXPECT_EQ(home(2, "Ethernet4"), macProgramSuccess);
-  EXPECT_EQ(b.chip.macs().entry(sim::MacKey::of(pair(1, 2)))->intf, intf("Ethernet4"));
+  EXPECT_EQ(b.at(pair(1, 2)), intf("Ethernet4"));
   EXPECT_EQ(home(3, "Ethernet5"), macProgramSuccess);  // a static remote entry too
   EXPECT_TRUE(h.verifyNumRemoteHost(0));
   EXPECT_THAT(b.published(), ElementsAre("vlan 1 02:00:00:00:00:01 Ethernet2 learnedDynamicMac",
                                          "vlan 1 02:00:00:00:00:02 Ethernet4 learnedDynamicMac",
                                          "vlan 1 02:00:00:00:00:03 Ethernet5 learnedDynamicMac"));
+}
+
+// The command delay, overflow for want of room and lost commands are the mac-indirect-access
+// example's.
+TEST(SimMacIndirectAccess, CommandsOfOneKeyRunInOrderAndSurviveLateAndRefusedAnswers) {
+  using Fault = sim::MacIndirectAccess::Fault;
+  Bench b;
+  auto& io = b.indirect();
+  auto const add = [&](uint64_t n, uint32_t port) {
+    return b.helper->addHost(pair(10, n), eth(port), 0, true, EntryType::configuredStaticMac);
+  };
+  auto const at = [&](uint64_t n) { return b.at(pair(10, n)); };
+  auto const idle = [&] { return io.pendingSize() + io.inProgressSize() == 0; };
+  // Accepted at once, held by the chip once the command has run.
+  EXPECT_EQ(add(1, 1), macProgramSuccess);
+  EXPECT_EQ(at(1), IntfId());
+  b.loop.advanceBy(0.01);
+  EXPECT_EQ(at(1), eth(1));
+  // Two writes of one key in flight: they run in the order they were started.
+  add(1, 2);
+  b.loop.runUntilIdle();
+  add(1, 3);
+  b.loop.advanceBy(0.2);
+  EXPECT_EQ(at(1), eth(3));
+  EXPECT_TRUE(idle());
+
+  // A late answer is not waited for; a parity error is retried.
+  add(2, 4);
+  b.loop.advanceBy(0.2);
+  ASSERT_EQ(at(2), eth(4));
+  io.faultIs(Fault::late, 1);
+  b.helper->removeHost(pair(10, 2), EntryType::configuredStaticMac);
+  b.loop.advanceBy(0.01);
+  EXPECT_EQ(at(2), IntfId());
+  io.faultIs(Fault::parity, 1);
+  add(3, 5);
+  b.loop.advanceBy(5);
+  EXPECT_EQ(at(3), eth(5));
+  EXPECT_TRUE(idle());
+}
+
+TEST(SimMacIndirectAccess, ARemoteWriteWaitsForTheCommandsOfItsKeySoThatNoneUndoesIt) {
+  Bench b;
+  auto& io = b.indirect();
+  auto& h = *b.helper;
+  IntfId const vti(Nepo::IntfKind::Vxlan, {1});
+  auto const remote = [&](uint64_t n) {
+    return h.addRemoteHost(pair(10, n), vti, 7, 0, true, EntryType::configuredRemoteMac, false);
+  };
+  auto const at = [&](uint64_t n) { return b.at(pair(10, n)); };
+  h.addHost(pair(10, 1), eth(1), 0, true, EntryType::configuredStaticMac);
+  EXPECT_EQ(remote(1), macProgramBusy);
+  EXPECT_EQ(remote(2), macProgramSuccess);  // another key goes at once
+  // Run, but in progress until the programmer polls it.
+  b.loop.advanceBy(0.01);
+  EXPECT_EQ(at(1), eth(1));
+  EXPECT_EQ(remote(1), macProgramBusy);
+  b.loop.advanceBy(0.2);
+  EXPECT_EQ(remote(1), macProgramSuccess);
+  b.loop.advanceBy(2);
+  EXPECT_EQ(at(1), vti);
+
+  // A local write parked for room is withdrawn, so that it cannot land over the remote entry.
+  b.chip.capacityIs(Table::mac, b.chip.macs().size());
+  h.addHost(pair(10, 3), eth(3), 0, true, EntryType::configuredStaticMac);
+  b.loop.advanceBy(1);
+  ASSERT_EQ(io.overflowSize(), 1u);
+  EXPECT_EQ(remote(3), macProgramBusy);
+  EXPECT_EQ(io.overflowSize(), 0u);
+  b.chip.capacityIs(Table::mac, 1000);
+  b.loop.advanceBy(0.2);
+  EXPECT_EQ(remote(3), macProgramSuccess);
+  b.loop.advanceBy(io.updateOverflowAddressDelay() + 1);
+  EXPECT_EQ(at(3), vti);
+
+  // Coming home goes through the commands, like any local write.
+  EXPECT_EQ(h.addLearntLocalAndRemoveRemoteHost(pair(10, 3), eth(4), EntryType::learnedDynamicMac),
+            macProgramSuccess);
+  EXPECT_EQ(at(3), vti);
+  b.loop.advanceBy(0.2);
+  EXPECT_EQ(at(3), eth(4));
+  EXPECT_EQ(io.pendingSize() + io.inProgressSize(), 0u);
 }
 
 }  // namespace

@@ -17,7 +17,6 @@ Zol::U32 indexOf(Zol::Ptr<IntfToBitmapPosition> const& m, Zol::U32 unit) {
 TEST(IntfToBitmapPositionDeathTest, UnitsGetIndicesInOrderOfFirstAppearance) {
   unsetenv("SIMULATION_VMID");
   auto const m = Zol::make<IntfToBitmapPosition>("unitMap");
-  EXPECT_FALSE(m->forTesting());
   EXPECT_EQ(indexOf(m, 7), 0u);
   EXPECT_EQ(indexOf(m, 3), 1u);
   EXPECT_EQ(indexOf(m, 0), 2u);
@@ -43,7 +42,6 @@ TEST(IntfToBitmapPosition, SimulationMayDeleteUnitsButIndicesAreNeverReused) {
   setenv("SIMULATION_VMID", "1", 1);
   auto const m = Zol::make<IntfToBitmapPosition>("unitMap");
   unsetenv("SIMULATION_VMID");
-  EXPECT_TRUE(m->forTesting());
   EXPECT_EQ(indexOf(m, 5), 0u);
   EXPECT_EQ(indexOf(m, 6), 1u);
   m->unitIdToBmpIndexDel(5);

@@ -20,10 +20,6 @@ ViaBitmap viasOf(std::initializer_list<Zol::U32> slots) {
   return v;
 }
 
-Zol::U32 after(ViaBitmap const& v, Zol::U32 from) {
-  return v.nextbitset(ViaBitmapRange(from)).value();
-}
-
 Slots slotsOf(ViaBitmapIter it) {
   Slots out;
   for (; it.inRange(); ++it) out.push_back(it.key());
@@ -31,25 +27,14 @@ Slots slotsOf(ViaBitmapIter it) {
 }
 
 TEST(ViaBitmap, NextBitSetWalksTheSlotsUpToNull) {
-  EXPECT_EQ(ViaBitmapRange().value(), ViaBitmap::null);
-  EXPECT_EQ(after(ViaBitmap(), ViaBitmap::null), 2048u);
-  ViaBitmap v = viasOf({0});
-  EXPECT_EQ(after(v, ViaBitmap::null), 0u);
-  EXPECT_EQ(after(v, 0), 2048u);
-
-  v = viasOf({31, 32, 2047, 1, 32});
-  EXPECT_EQ(v.bitCounter(), 4u);
-  EXPECT_EQ(after(v, 1), 31u);
-  EXPECT_EQ(after(v, 31), 32u);
-  EXPECT_EQ(after(v, 32), 2047u);
-  EXPECT_EQ(after(v, 2047), 2048u);
-
+  EXPECT_EQ(ViaBitmap().nextbitset(ViaBitmapRange(ViaBitmap::null)).value(), 2048u);
+  ViaBitmap v = viasOf({31, 32, 2047, 0, 1, 32});
+  EXPECT_EQ(v.bitCounter(), 5u);
   // Word 64 exists but holds no slot: neither counted nor visited.
   v.bitListIs(ViaBitmapIndex(64), 0x2);
   v.updateBitCount();
-  EXPECT_EQ(v.bitCounter(), 4u);
-  EXPECT_EQ(after(v, 2047), 2048u);
-  EXPECT_EQ(slotsOf(ViaBitmapIter(v)), (Slots{1, 31, 32, 2047}));
+  EXPECT_EQ(v.bitCounter(), 5u);
+  EXPECT_EQ(slotsOf(ViaBitmapIter(v)), (Slots{0, 1, 31, 32, 2047}));
   EXPECT_THROW(viasOf({2049}), Zol::RangeException);
 }
 

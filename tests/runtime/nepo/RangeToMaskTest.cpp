@@ -12,12 +12,9 @@ using Nepo::rangeToMasks;
 using VM16 = Nepo::ValueMask<uint16_t>;
 
 TEST(RangeToMask, KnownRanges) {
-  EXPECT_EQ(rangeToMasks<uint16_t>(1024, 65535), (std::vector<VM16>{{1024, 0xFC00},
-                                                                    {2048, 0xF800},
-                                                                    {4096, 0xF000},
-                                                                    {8192, 0xE000},
-                                                                    {16384, 0xC000},
-                                                                    {32768, 0x8000}}));
+  std::vector<VM16> const from1024 = {{1024, 0xFC00}, {2048, 0xF800},  {4096, 0xF000},
+                                      {8192, 0xE000}, {16384, 0xC000}, {32768, 0x8000}};
+  EXPECT_EQ(rangeToMasks<uint16_t>(1024, 65535), from1024);
   EXPECT_EQ(rangeToMasks<uint16_t>(80, 80), (std::vector<VM16>{{80, 0xFFFF}}));
   EXPECT_EQ(rangeToMasks<uint16_t>(1, 65534).size(), 30u);
   EXPECT_EQ(rangeToMasks<uint16_t>(0, 65535), (std::vector<VM16>{{0, 0}}));
