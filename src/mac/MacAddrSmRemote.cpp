@@ -494,37 +494,14 @@ void MacAddrSm::updateRemoteHostTableAfterHwProg(Bridging::MacVlanPair const& ke
   std::optional<VXLAN::StatusEntry> const old =
       it == all.end() ? std::nullopt : std::optional(it->second);
   if (old == entry) return;
-  if (refDeltas_) {
-    // Counted for the end of the drain pass.
-    if (entry) countRefs(*entry, +1);
-    if (old) countRefs(*old, -1);
-  }
-  auto nextHopRef = [&](VXLAN::StatusEntry const& e, bool add) {
-    if (!e.nextHopId().isValid()) {
-      ZOL_TRACE(8, " ignoring invalid nextHopId : " << e.nextHopId().value());
-      return;
-    }
-    if (add) {
-      in_.remoteMacInfoDir->nextHopIdRefcountTable()->incRefcount(e.nextHopId().value());
-    } else {
-      in_.remoteMacInfoDir->nextHopIdRefcountTable()->decRefcount(e.nextHopId().value());
-    }
-  };
-  // The new references first, so that one both hold never passes through zero.
-  if (entry && !refDeltas_) {
-    nextHopRef(*entry, true);
-    in_.remoteMacInfoDir->vlanRefcountTable()->incRefcount(key.vlanId().value());
-  }
-  if (!refDeltas_) {
-    in_.swTunnelGroupIdManager->updateSwTunnelGroupIdRefcount(
-        entry ? entry->swTunnelGroupId() : SwTunnelGroupId(),
-        old ? old->swTunnelGroupId() : SwTunnelGroupId());
-  }
+  // References move by the one mechanism a drain pass sums them with; outside one they are
+  // written at once.
+  bool const inPass = refDeltas_.has_value();
+  if (!inPass) refDeltas_.emplace();
+  if (entry) countRefs(*entry, +1);
+  if (old) countRefs(*old, -1);
+  if (!inPass) applyRefDeltas();
   if (old) {
-    if (!refDeltas_) {
-      nextHopRef(*old, false);
-      in_.remoteMacInfoDir->vlanRefcountTable()->decRefcount(key.vlanId().value());
-    }
     auto const byGroup = remoteByGroup_.find(old->swTunnelGroupId());
     if (byGroup != remoteByGroup_.end()) {
       if (--byGroup->second.live == 0) {
