@@ -269,6 +269,7 @@ TEST(AclSm, NoPacketPassesUnfilteredWhileAListIsReplacedOrMovedUnlessAllowedTo) 
 
     // A busy chip refuses the new rules: the port stays blocked until they are in, and is not
     // taken down for it.
+    w.helper->logDelAll();
     w.chip.faultIs(sim::Table::acl, sim::Status::busy, 1);
     w.ipRules("a", {tcpTo(AclAction::permit, 82, 1)});
     w.loop.runUntilIdle();
@@ -276,6 +277,9 @@ TEST(AclSm, NoPacketPassesUnfilteredWhileAListIsReplacedOrMovedUnlessAllowedTo) 
     EXPECT_EQ(w.statusOf("a"), "Insufficient HW resources on unit0");
     EXPECT_TRUE(w.chip.classify(tcp("Ethernet1", 82)).blocked);
     EXPECT_FALSE(w.cause->intfStatusHas(intf("Ethernet1")));
+    for (std::string const& l : w.helper->log()) {
+      EXPECT_FALSE(l.starts_with("removeIntfFromAcl")) << "busy took the list off its port: " << l;
+    }
     w.loop.advanceBy(Vemo::AclSm::retryDelay + 1);
     EXPECT_EQ(w.action(tcp("Ethernet1", 82)), AclAction::permit);
     EXPECT_EQ(w.verifyMismatches(), 0u);
