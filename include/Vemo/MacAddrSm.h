@@ -48,6 +48,7 @@
 #include <optional>
 
 #include "Vemo/MacEntryRank.h"
+#include "Vemo/MacUpdateList.h"
 #include "Vemo/SwTunnelGroupIdManager.h"
 #include "Vemo/VemoCommon.h"
 #include "Vemo/VemoHelperDot1x.h"
@@ -164,10 +165,6 @@ class MacAddrSm : public VemoBaseSm {
 
  private:
   class Reactors;
-  struct Queued {
-    ModifyMacEntry update;
-    Zol::Seconds since;  // when the pair was first queued
-  };
   // The union of the flush work that waits for the flush timer.
   struct CondensedFlushRequest {
     bool flushAll = false;
@@ -366,10 +363,7 @@ class MacAddrSm : public VemoBaseSm {
   std::deque<std::pair<Bridging::MacVlanPair, RemoteSource>> remoteChanges_;
   Zol::Clock remoteChangeClock_;
 
-  // One pending write per pair, in the order pairs were first queued (a pair taken out of the
-  // list early leaves its place in updateOrder_ behind, skipped when reached).
-  std::deque<Bridging::MacVlanPair> updateOrder_;
-  absl::flat_hash_map<Bridging::MacVlanPair, Queued> updateList_;
+  MacUpdateList updateList_;
   Zol::Clock updateClock_;
   // Entries the chip had no room for, with fullLogged set.
   absl::flat_hash_map<Bridging::MacVlanPair, ModifyMacEntry> fullEntries_;

@@ -304,9 +304,9 @@ void MacAddrSm::handleFdbConfig(Bridging::VlanId fid) {
   // A VLAN's configuration that went takes its configured hosts with it: every pair of the VLAN
   // that holds a configured entry is decided again.
   std::vector<Bridging::MacVlanPair> keys;
-  for (auto const& [key, update] : updateList_) {
-    if (key.vlanId() == fid) keys.push_back(key);
-  }
+  updateList_.forEach([&](MacUpdateList::Queued const& q) {
+    if (q.key.vlanId() == fid) keys.push_back(q.key);
+  });
   if (auto const status = in_.bridgingStatus->fdbStatus(fid)) {
     for (auto const& [mac, host] : status->learnedHostAll()) {
       if (host.entryType() != Bridging::EntryType::learnedDynamicMac) keys.emplace_back(mac, fid);

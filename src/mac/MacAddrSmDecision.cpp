@@ -161,8 +161,8 @@ std::optional<MacCandidate> MacAddrSm::currentEntry(Bridging::MacVlanPair const&
     return MacCandidate(key, u.intf(), u.entryType(), u.swTunnelGroupId(), Tolm::Seqno32(u.moves()),
                         u.lastMoveTime(), 0, false, u.l2RibObjTuple(), tupleSet(u.l2RibObjTuple()));
   }
-  if (auto const it = updateList_.find(key); it != updateList_.end()) {
-    ModifyMacEntry const& u = it->second.update;
+  if (auto const queued = updateList_.find(key)) {
+    ModifyMacEntry const& u = queued->update;
     ZOL_TRACE(
         8, "Found a pending operation in updateList with action " << u.action() << " for " << key);
     if (u.action() == EntryEvaluationAction::removeFromFdbStatusAndHardware) return std::nullopt;
@@ -686,12 +686,8 @@ void MacAddrSm::addToUpdateList(Bridging::MacVlanPair const& key, ModifyMacEntry
     }
     fullEntries_.erase(kept);
   }
-  auto [it, inserted] = updateList_.try_emplace(key, Queued{update, now()});
-  if (!inserted) {
+  if (!updateList_.put(key, update, now())) {
     ZOL_TRACE(8, "Found a pending operation in updateList with key: " << key);
-    it->second.update = update;
-  } else {
-    updateOrder_.push_back(key);
   }
   ZOL_TRACE(6, " Adding to update list - MAC entry: " << key << " " << update);
   if (!updateClock_.armed()) updateClock_.timeMinIs(now());

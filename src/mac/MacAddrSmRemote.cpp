@@ -432,8 +432,7 @@ void MacAddrSm::reprogramRemote(Bridging::MacVlanPair const& key) {
   // A queued write finds the new next hop when it is made; only a pair that keeps what it holds
   // (nothing queued, or a winner waiting) needs writing again.
   if (auto const queued = updateList_.find(key);
-      queued != updateList_.end() &&
-      queued->second.update.action() != EntryEvaluationAction::ignoreLearnt) {
+      queued && queued->update.action() != EntryEvaluationAction::ignoreLearnt) {
     return;
   }
   VXLAN::StatusEntry const entry = in_.remoteMacInfoDir->hostStatusTable()->statusEntry(key);

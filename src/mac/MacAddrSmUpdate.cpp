@@ -44,41 +44,34 @@ void MacAddrSm::updateQueuedAddresses() {
   absl::Cleanup const writeRefs = [this] { applyRefDeltas(); };
   Zol::Seconds const deadline = now() + kSliceBudget;
   Zol::U32 const agingTime = in_.bridgingConfig->hostAgingTime();
-  while (!updateOrder_.empty()) {
-    if (updateOrder_.size() > kPrefetchAhead) prefetch(updateOrder_[kPrefetchAhead]);
-    Bridging::MacVlanPair const key = updateOrder_.front();
-    auto const it = updateList_.find(key);
-    if (it == updateList_.end()) {
-      updateOrder_.pop_front();
-      continue;
-    }
-    if (agingTime > 0 && now() - it->second.since > agingTime) {
+  while (MacUpdateList::Queued const* queued = updateList_.front()) {
+    if (auto const ahead = updateList_.ahead(kPrefetchAhead)) prefetch(*ahead);
+    Bridging::MacVlanPair const key = queued->key;
+    ModifyMacEntry const update = queued->update;
+    if (agingTime > 0 && now() - queued->since > agingTime) {
       ZOL_TRACE(5, key << " has been in updateList for longer than aging time of " << agingTime
                        << " seconds");
     }
     std::optional<RemoteTarget> target;
-    if (isRemoteAdd(it->second.update) && !(target = resolveRemote(it->second.update))) {
+    if (isRemoteAdd(update) && !(target = resolveRemote(update))) {
       // The next hop went while the entry was queued: it waits again, and what it would have
       // replaced is decided meanwhile.
-      addToUpdateList(key, ModifyMacEntry(it->second.update));
+      addToUpdateList(key, update);
       continue;
     }
-    if (remoteLimitReached(key, it->second.update)) {
-      fullEntries_.insert_or_assign(key, it->second.update);
-      updateList_.erase(it);
-      updateOrder_.pop_front();
+    if (remoteLimitReached(key, update)) {
+      fullEntries_.insert_or_assign(key, update);
+      updateList_.popFront();
       continue;
     }
-    MacProgramStatus const status = program(key, it->second.update, std::move(target));
+    MacProgramStatus const status = program(key, update, std::move(target));
     if (status == MacProgramStatus::macProgramBusy ||
         status == MacProgramStatus::macProgramFlushInProgress) {
       ZOL_TRACE(5, "Update failed as ASIC busy, retrying");
       updateClock_.timeMinIs(now() + kBusyRetryDelay);
       return;
     }
-    ModifyMacEntry const update = it->second.update;
-    updateList_.erase(it);
-    updateOrder_.pop_front();
+    updateList_.popFront();
     switch (status) {
       case MacProgramStatus::macProgramSuccess:
       case MacProgramStatus::macProgramInProgress:
@@ -92,7 +85,7 @@ void MacAddrSm::updateQueuedAddresses() {
         ZOL_TRACE(5, "Unable to program " << key << " " << update << ", code is " << status);
         break;
     }
-    if (!updateOrder_.empty() && now() >= deadline) {
+    if (!updateList_.empty() && now() >= deadline) {
       ZOL_TRACE(
           8, "updateQueuedAddresses: time slice spent, " << updateList_.size() << " entries left");
       updateClock_.timeMinIs(0);
