@@ -126,6 +126,28 @@ TEST_F(NotificationTest, CoalescesAtThePositionOfTheFirstChange) {
   EXPECT_THAT(delivered(), ElementsAre("1.verify:b", "1.verify:a"));
 }
 
+TEST_F(NotificationTest, NewKeysCoalesceWithWhatFollowsThemEvenMidDelivery) {
+  // New keys are queued without a lookup; the first change of another kind must still find them.
+  Recorder r(e, log);
+  r.then = [&](std::string const& what) {
+    if (what != "verify:a") return;
+    e->verifyIs("c", 2);  // c's first record is still pending: nothing new
+    e->verifyIs("a", 2);  // a's was taken for this call: queued again
+    e->verifyIs("d", 1);  // new
+  };
+  e->verifyIs("a", 1);
+  e->verifyIs("b", 1);
+  e->verifyIs("c", 1);
+  EXPECT_THAT(delivered(), ElementsAre("verify:a", "verify:b", "verify:c", "verify:a", "verify:d"));
+
+  // Deleted and created again in one pass: one notification.
+  e->verifyIs("x", 1);
+  e->verifyDel("x");
+  e->verifyIs("x", 2);
+  e->verifyIs("y", 1);
+  EXPECT_THAT(delivered(), ElementsAre("verify:x", "verify:y"));
+}
+
 TEST_F(NotificationTest, HandlerWritesGoToALaterPassAndDueTimersRunBetween) {
   Recorder r(e, log);
   std::vector<Zol::U32> seen;

@@ -95,9 +95,14 @@ class KeyedRecord final : public PendingRecord {
   bool live = false;
 };
 
-// Coalesces the pending notifications of one collection, one record per key. Records come from a
-// slab and are recycled; the index is not pruned as records are delivered (that would cost a
+// Coalesces the pending notifications of one collection, one record per key. Records come from
+// chunks and are recycled; the index is not pruned as records are delivered (that would cost a
 // second hash lookup per key) but checked on use and cleared once nothing is pending.
+//
+// While every pending record is for a key its write created, no two can share a key: a key written
+// twice, or created again, was changed in between by a write that did not create it. So a burst of
+// new keys keeps no index at all; the first other change indexes what is pending, and from then
+// on every change is looked up until nothing is pending.
 template <class K>
 class PendingKeys {
  public:
@@ -106,7 +111,15 @@ class PendingKeys {
   PendingKeys& operator=(PendingKeys const&) = delete;
 
   Entity* entity() const { return entity_; }
-  void add(K const& k, uint32_t attr) {
+  // newKey: the write created the key in the collection.
+  void add(K const& k, uint32_t attr, bool newKey = false) {
+    if (!indexed_) {
+      if (newKey) {
+        queue(k, attr);
+        return;
+      }
+      indexPending();
+    }
     if (index_.size() > 4 * live_ + 1024) {
       // A collection that always has something pending would otherwise keep an entry for every
       // key ever written. Pruning here, where the index grows, rather than as records drain,
@@ -118,31 +131,58 @@ class PendingKeys {
     auto [it, inserted] = index_.try_emplace(k, nullptr);
     KeyedRecord<K>* r = it->second;
     if (!inserted && r && r->live && r->key == k) return;
-    if (free_.empty()) {
-      r = &slab_.emplace_back();
-      r->owner = this;
-    } else {
-      r = free_.back();
-      free_.pop_back();
-    }
-    r->key = k;
-    r->attr = attr;
-    r->live = true;
-    ++live_;
-    it->second = r;
-    ActivityLoop::current().enqueue(r);
+    it->second = queue(k, attr);
   }
   void release(KeyedRecord<K>* r) {
     r->live = false;
     r->unlink();
     free_.push_back(r);
-    if (--live_ == 0) index_.clear();
+    if (--live_ == 0) {
+      index_.clear();
+      indexed_ = false;
+    }
   }
 
  private:
+  static constexpr size_t kChunk = 256;
+
+  KeyedRecord<K>* queue(K const& k, uint32_t attr) {
+    KeyedRecord<K>* r;
+    if (!free_.empty()) {
+      r = free_.back();
+      free_.pop_back();
+    } else {
+      if (chunks_.empty() || lastUsed_ == kChunk) {
+        chunks_.push_back(std::make_unique<KeyedRecord<K>[]>(kChunk));
+        lastUsed_ = 0;
+      }
+      r = &chunks_.back()[lastUsed_++];
+      r->owner = this;
+    }
+    r->key = k;
+    r->attr = attr;
+    r->live = true;
+    ++live_;
+    ActivityLoop::current().enqueue(r);
+    return r;
+  }
+
+  void indexPending() {
+    for (size_t c = 0; c < chunks_.size(); ++c) {
+      size_t const used = c + 1 == chunks_.size() ? lastUsed_ : kChunk;
+      for (size_t i = 0; i < used; ++i) {
+        KeyedRecord<K>* const r = &chunks_[c][i];
+        if (r->live) index_.insert_or_assign(r->key, r);
+      }
+    }
+    indexed_ = true;
+  }
+
   Entity* entity_;
   absl::flat_hash_map<K, KeyedRecord<K>*> index_;
-  std::deque<KeyedRecord<K>> slab_;
+  bool indexed_ = false;
+  std::vector<std::unique_ptr<KeyedRecord<K>[]>> chunks_;
+  size_t lastUsed_ = 0;  // records handed out of the last chunk
   std::vector<KeyedRecord<K>*> free_;
   size_t live_ = 0;
 };
@@ -209,7 +249,7 @@ class Entity : public PtrInterface {
       if (sameValue(it->second, v)) return false;
       it->second = v;
     }
-    zolKeyChanged(s, k, attr);
+    zolKeyChanged(s, k, attr, inserted);
     return true;
   }
   template <class Slot, class K>
@@ -230,13 +270,14 @@ class Entity : public PtrInterface {
     for (auto const& e : s.map) keys.push_back(e.first);
     for (auto const& k : keys) zolEntryDel(s, k, attr);
   }
+  // newKey: the change created the key.
   template <class Slot, class K>
-  void zolKeyChanged(Slot& s, K const& k, uint32_t attr) {
+  void zolKeyChanged(Slot& s, K const& k, uint32_t attr, bool newKey = false) {
     uint64_t const bit = uint64_t{1} << attr;
     if (deferredMask_ & bit) {
       using Key = typename Slot::key_type;
       if (!s.pending) s.pending = std::make_unique<PendingKeys<Key>>(this);
-      s.pending->add(k, attr);
+      s.pending->add(k, attr, newKey);
     }
     if (immediateMask_ & bit) zolImmediate(attr, &k);
   }
