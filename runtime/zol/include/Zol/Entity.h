@@ -140,6 +140,8 @@ class PendingKeys {
     if (--live_ == 0) {
       index_.clear();
       indexed_ = false;
+      // A burst's records would otherwise stay for good; one chunk serves the usual trickle.
+      if (chunks_.size() > 1) keepFirstChunk();
     }
   }
 
@@ -165,6 +167,19 @@ class PendingKeys {
     ++live_;
     ActivityLoop::current().enqueue(r);
     return r;
+  }
+
+  // Only while nothing is pending: every record is free.
+  void keepFirstChunk() {
+    chunks_.resize(1);
+    lastUsed_ = kChunk;
+    std::vector<KeyedRecord<K>*> free;
+    free.reserve(kChunk);
+    for (size_t i = 0; i < kChunk; ++i) {
+      chunks_[0][i].owner = this;
+      free.push_back(&chunks_[0][i]);
+    }
+    free_ = std::move(free);
   }
 
   void indexPending() {
