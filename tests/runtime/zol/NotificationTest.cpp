@@ -146,6 +146,16 @@ TEST_F(NotificationTest, NewKeysCoalesceWithWhatFollowsThemEvenMidDelivery) {
   e->verifyIs("x", 2);
   e->verifyIs("y", 1);
   EXPECT_THAT(delivered(), ElementsAre("verify:x", "verify:y"));
+
+  // After a burst larger than the records kept between bursts, the next burst still coalesces.
+  for (int round = 0; round < 2; ++round) {
+    for (int i = 0; i < 1000; ++i) e->verifyIs("k" + std::to_string(i), round);
+    for (int i = 0; i < 1000; i += 2) e->verifyIs("k" + std::to_string(i), 10 + round);
+    Log const got = delivered();
+    ASSERT_EQ(got.size(), 1000u);
+    EXPECT_EQ(got.front(), "verify:k0");
+    EXPECT_EQ(got.back(), "verify:k999");
+  }
 }
 
 TEST_F(NotificationTest, HandlerWritesGoToALaterPassAndDueTimersRunBetween) {
