@@ -71,7 +71,7 @@ class MacUpdateList {
     return order_.empty() ? nullptr : &order_.front();
   }
 
-  // Takes the earliest pending write (front() is not null) out of the list.
+  // Takes out the write front() just gave; the list must not have changed in between.
   void popFront() {
     index_.erase(order_.front().key);
     order_.pop_front();
